@@ -1,0 +1,143 @@
+// The engine's VM lists. All memory of the lists comes from cct_malloc and
+// goes back through cct_free; the VM records are the engine's and are never
+// allocated, copied or released here.
+#include "engine/eviction_data.h"
+
+#include <cstddef>
+
+#include "platform/ksqd_client.h"
+
+// The engine is compiled against these offsets.
+static_assert(offsetof(evict_vm_info, job_id) == 0, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_info, evict_state) == 8, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_info, vm_size) == 16, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_info, vm_id) == 24, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_info, policy_name) == 57, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_info, evict_type) == 316, "evict_vm_info layout");
+static_assert(sizeof(evict_vm_info) == 320, "evict_vm_info layout");
+static_assert(offsetof(evict_vm_list, capacity) == 0, "evict_vm_list layout");
+static_assert(offsetof(evict_vm_list, count) == 4, "evict_vm_list layout");
+static_assert(offsetof(evict_vm_list, vms) == 8, "evict_vm_list layout");
+static_assert(sizeof(evict_vm_list) == 16, "evict_vm_list layout");
+static_assert(offsetof(vm_node_list, vm) == 0, "vm_node_list layout");
+static_assert(offsetof(vm_node_list, next) == 8, "vm_node_list layout");
+static_assert(sizeof(vm_node_list) == 16, "vm_node_list layout");
+
+namespace {
+
+bool isLarger(const evict_vm_info* a, const evict_vm_info* b) { return a->vm_size > b->vm_size; }
+
+template <typename T>
+void release(const char* caller, T** pointer, int line) {
+  void* raw = *pointer;
+  cct_free(caller, &raw, line);
+  *pointer = nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+int initialize_evlist(evict_vm_list** list, int capacity) {
+  if (list == nullptr) return -1;
+  *list = static_cast<evict_vm_list*>(cct_malloc("initialize_evlist", sizeof(evict_vm_list), __LINE__));
+  if (*list == nullptr) return -1;
+  (*list)->capacity = capacity;
+  (*list)->count = 0;
+  (*list)->vms = nullptr;
+  if (capacity >= 0) {
+    const size_t bytes = static_cast<size_t>(capacity) * sizeof(evict_vm_info*);
+    (*list)->vms = static_cast<evict_vm_info**>(cct_malloc("initialize_evlist", bytes, __LINE__));
+  }
+  if ((*list)->vms == nullptr) {
+    release("initialize_evlist", list, __LINE__);
+    return -1;
+  }
+  return 0;
+}
+
+int insert_vm_into_evlist(evict_vm_list* list, evict_vm_info* vm) {
+  if (list == nullptr || vm == nullptr) return -1;
+  if (list->count >= list->capacity) return 1;
+  int i = list->count++;
+  while (i > 0) {
+    const int parent = (i - 1) / 2;
+    if (!isLarger(vm, list->vms[parent])) break;
+    list->vms[i] = list->vms[parent];
+    i = parent;
+  }
+  list->vms[i] = vm;
+  return 0;
+}
+
+evict_vm_info* get_element_from_evlist(evict_vm_list* list) {
+  if (list == nullptr || list->count <= 0) return nullptr;
+  return list->vms[0];
+}
+
+int remove_vm_from_evlist(evict_vm_list* list) {
+  if (list == nullptr) return -1;
+  if (list->count <= 0) return 2;
+  list->vms[0] = list->vms[list->count - 1];
+  list->count--;
+  if (list->count > 0) realign_element_in_vm_list(list, 0);
+  return 0;
+}
+
+int realign_element_in_vm_list(evict_vm_list* list, int index) {
+  if (list == nullptr || index < 0) return 0;
+  // 64-bit child indexes: 2 * index + 2 must not overflow for any int index.
+  const long long count = list->count;
+  long long i = index;
+  for (;;) {
+    const long long left = 2 * i + 1;
+    const long long right = 2 * i + 2;
+    long long largest = i;
+    if (left < count && isLarger(list->vms[left], list->vms[largest])) largest = left;
+    if (right < count && isLarger(list->vms[right], list->vms[largest])) largest = right;
+    if (largest == i) return 0;
+    evict_vm_info* parent = list->vms[i];
+    list->vms[i] = list->vms[largest];
+    list->vms[largest] = parent;
+    i = largest;
+  }
+}
+
+void delete_evlist(evict_vm_list* list) {
+  if (list == nullptr) return;
+  if (list->vms != nullptr) release("delete_evlist", &list->vms, __LINE__);
+  release("delete_evlist", &list, __LINE__);
+}
+
+int insert_into_vm_list(vm_node_list** head, evict_vm_info* vm) {
+  if (head == nullptr || vm == nullptr) return -1;
+  auto* node = static_cast<vm_node_list*>(cct_malloc("insert_into_vm_list", sizeof(vm_node_list), __LINE__));
+  if (node == nullptr) return 3;
+  node->vm = vm;
+  node->next = *head;
+  *head = node;
+  return 0;
+}
+
+evict_vm_info* get_from_vm_list(vm_node_list** head) {
+  if (head == nullptr || *head == nullptr) return nullptr;
+  vm_node_list* node = *head;
+  *head = node->next;
+  node->next = nullptr;
+  evict_vm_info* vm = node->vm;
+  // Nothing refers to the unlinked node any more.
+  release("get_from_vm_list", &node, __LINE__);
+  return vm;
+}
+
+int delete_from_vm_list(vm_node_list** head) {
+  if (head == nullptr) return 0;
+  while (*head != nullptr) {
+    vm_node_list* node = *head;
+    *head = node->next;
+    release("delete_from_vm_list", &node, __LINE__);
+  }
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,53 @@
+// The REST client: one request at a time against the master server named in
+// the host's master configuration, over the product's HTTP client.
+#ifndef KSCDP_REST_CCTCURLWRAPPER_H_
+#define KSCDP_REST_CCTCURLWRAPPER_H_
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+// The REST client's exception. m_code is -1 when the thrower gives none.
+class KSCurlWrapperException : public std::exception {
+ public:
+  KSCurlWrapperException(int code, const std::string& message);
+  explicit KSCurlWrapperException(const std::string& message);
+  ~KSCurlWrapperException() override;
+  const char* what() const noexcept override;
+
+  int32_t m_code;
+  std::string m_message;
+};
+
+// One request; owned by the caller.
+struct KSCurlRequestParams {
+  std::string uri;      // path relative to the server, no leading slash
+  std::string payload;  // body of a payload request
+  int32_t requestType;  // 0 get, 1 payload; the caller must set it
+};
+
+// One answer; owned by the caller.
+struct KSCurlResponse {
+  int32_t statusCode;   // HTTP status as the client reports it (0: no answer)
+  std::string message;  // body
+  std::string warning;  // the "X-Keepstone-Warning" header
+};
+
+class KSCurlWrapper {
+ public:
+  // Reads the master server's name; throws KSCurlWrapperException when the
+  // master configuration cannot be read or names no server.
+  KSCurlWrapper();
+
+  void readAndInitializeConfig();
+
+  // Sends one request to the master server and fills `response`. Returns 0,
+  // the header lookup's own failure code, or 20 for an unsupported
+  // requestType (response untouched). HTTP error statuses are not failures.
+  int makeRequest(const KSCurlRequestParams& params, KSCurlResponse& response);
+
+ private:
+  std::string m_masterServerName;
+};
+
+#endif  // KSCDP_REST_CCTCURLWRAPPER_H_

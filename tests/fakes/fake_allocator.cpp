@@ -1,0 +1,45 @@
+#include "fake_allocator.h"
+
+#include <cstdlib>
+
+#include "platform/ksqd_client.h"
+
+namespace fake {
+namespace {
+int g_failAt = 0;  // countdown; the call that brings it to 0 fails
+std::vector<AllocationCall> g_calls;
+std::vector<std::string> g_freeCallers;
+int g_live = 0;
+}  // namespace
+
+void failAllocationNumber(int n) { g_failAt = n; }
+const std::vector<AllocationCall>& allocationCalls() { return g_calls; }
+const std::vector<std::string>& freeCallers() { return g_freeCallers; }
+int liveAllocations() { return g_live; }
+
+void resetAllocator() {
+  g_failAt = 0;
+  g_calls.clear();
+  g_freeCallers.clear();
+  g_live = 0;
+}
+
+}  // namespace fake
+
+extern "C" void* cct_malloc(const char* caller, size_t size, int line) {
+  using namespace fake;
+  g_calls.push_back({caller != nullptr ? caller : "", size, line});
+  if (g_failAt > 0 && --g_failAt == 0) return nullptr;
+  void* block = std::malloc(size == 0 ? 1 : size);
+  if (block != nullptr) ++g_live;
+  return block;
+}
+
+extern "C" void cct_free(const char* caller, void** pointer, int /*line*/) {
+  using namespace fake;
+  g_freeCallers.push_back(caller != nullptr ? caller : "");
+  if (pointer == nullptr || *pointer == nullptr) return;
+  std::free(*pointer);
+  *pointer = nullptr;
+  --g_live;
+}

@@ -1,0 +1,28 @@
+// Counting fake of the allocator pair, which can be told to fail a call.
+#ifndef KSCDP_TESTS_FAKES_FAKE_ALLOCATOR_H_
+#define KSCDP_TESTS_FAKES_FAKE_ALLOCATOR_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+struct AllocationCall {
+  std::string caller;
+  size_t size;
+  int line;
+};
+
+// Makes the nth cct_malloc call from now on (1 = the next one) return null.
+// 0 lets every call succeed.
+void failAllocationNumber(int n);
+const std::vector<AllocationCall>& allocationCalls();
+const std::vector<std::string>& freeCallers();
+// Blocks handed out by cct_malloc and not yet given back to cct_free.
+int liveAllocations();
+void resetAllocator();
+
+}  // namespace fake
+
+#endif  // KSCDP_TESTS_FAKES_FAKE_ALLOCATOR_H_

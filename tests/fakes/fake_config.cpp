@@ -1,0 +1,44 @@
+#include "fake_config.h"
+
+#include "platform/ks_master_config.h"
+
+namespace fake {
+namespace {
+ConfigScript g_script;
+int g_reads = 0;
+std::vector<std::string> g_servers;
+std::vector<char*> g_serverPointers;
+std::string g_hostName;
+ks_master_config g_record = {};
+}  // namespace
+
+ConfigScript& configScript() { return g_script; }
+int configReads() { return g_reads; }
+
+void resetConfig() {
+  g_script = ConfigScript{};
+  g_reads = 0;
+  g_record = ks_master_config{};
+}
+
+}  // namespace fake
+
+extern "C" int KS_read_master_config(void) {
+  using namespace fake;
+  ++g_reads;
+  g_record = ks_master_config{};
+  if (g_script.readResult != 0) return g_script.readResult;
+  g_servers = g_script.servers;
+  g_serverPointers.clear();
+  for (std::string& server : g_servers) g_serverPointers.push_back(&server[0]);
+  g_serverPointers.push_back(nullptr);
+  if (g_script.hasServerList) {
+    g_record.server_list = g_serverPointers.data();
+    g_record.server_count = static_cast<int>(g_servers.size());
+  }
+  g_hostName = g_script.hostName;
+  if (g_script.hasHostName) g_record.host_name = &g_hostName[0];
+  return 0;
+}
+
+extern "C" ks_master_config* get_master_config_ptr(void) { return &fake::g_record; }

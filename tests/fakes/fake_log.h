@@ -1,0 +1,27 @@
+// Recording fake of the logging library.
+#ifndef KSCDP_TESTS_FAKES_FAKE_LOG_H_
+#define KSCDP_TESTS_FAKES_FAKE_LOG_H_
+
+#include <string>
+#include <vector>
+
+namespace fake {
+
+struct LogLine {
+  int level;
+  std::string function;
+  std::string message;
+  bool operator==(const LogLine& other) const {
+    return level == other.level && function == other.function && message == other.message;
+  }
+};
+
+// Every line logged since the last reset, in order.
+const std::vector<LogLine>& logLines();
+// The lines logged under `function`.
+std::vector<LogLine> logLinesOf(const std::string& function);
+void resetLog();
+
+}  // namespace fake
+
+#endif  // KSCDP_TESTS_FAKES_FAKE_LOG_H_

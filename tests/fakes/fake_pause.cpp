@@ -1,0 +1,18 @@
+#include "fake_pause.h"
+
+#include "platform/pause.h"
+
+namespace fake {
+namespace {
+std::vector<timespec> g_pauses;
+}  // namespace
+
+const std::vector<timespec>& pauses() { return g_pauses; }
+void resetPauses() { g_pauses.clear(); }
+
+}  // namespace fake
+
+extern "C" int ks_nanosleep(const struct timespec* request, struct timespec* /*remaining*/) {
+  if (request != nullptr) fake::g_pauses.push_back(*request);
+  return 0;
+}

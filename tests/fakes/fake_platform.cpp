@@ -1,0 +1,12 @@
+#include "fake_platform.h"
+
+namespace fake {
+
+void resetPlatform() {
+  resetLog();
+  resetConfig();
+  resetAllocator();
+  resetPauses();
+}
+
+}  // namespace fake
