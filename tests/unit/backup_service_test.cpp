@@ -43,6 +43,12 @@ class BackupServiceTest : public ::testing::Test {
     PlatformReset() { fake::resetPlatform(); }
   } reset_;
   BackupServiceImpl handler_;
+
+  // Asks for a manual backup of the policy gold with `record`.
+  Thrown requestGold(EvictionServiceData& record) {
+    record.policyName = "gold";
+    return thrownBy([&] { handler_.handleRequest(&record); });
+  }
 };
 
 TEST_F(BackupServiceTest, PayloadIsThePolicyNameEscapedByJansson) {
@@ -150,8 +156,7 @@ TEST_F(BackupServiceTest, ReturnsTheSuccessorsResult) {
 
 TEST_F(BackupServiceTest, EmptyMasterServerIsPassedOn) {
   EvictionServiceData record;
-  record.policyName = "gold";
-  handler_.handleRequest(&record);
+  EXPECT_EQ(requestGold(record).code, 0);
   ASSERT_EQ(fake::ksqdCalls().size(), 1u);
   EXPECT_EQ(fake::ksqdCalls()[0].masterServer, "");
 }
@@ -170,10 +175,9 @@ TEST_F(BackupServiceTest, FailedDaemonCallIsCode25WithTheReturnCode) {
     fake::resetPlatform();
     fake::ksqdScript().result = c.result;
     EvictionServiceData record;
-    record.policyName = "gold";
     record.jobId = 77;
 
-    const Thrown thrown = thrownBy([&] { handler_.handleRequest(&record); });
+    const Thrown thrown = requestGold(record);
 
     EXPECT_EQ(thrown.code, 25);
     EXPECT_EQ(thrown.message, c.message);
@@ -190,10 +194,9 @@ TEST_F(BackupServiceTest, EveryAnswerIsFreedAndOnlyAJobIdChangesTheRecord) {
     fake::resetPlatform();
     fake::ksqdScript().answer = c.answer;
     EvictionServiceData record;
-    record.policyName = "gold";
     record.jobId = 99;
 
-    const Thrown thrown = thrownBy([&] { handler_.handleRequest(&record); });
+    const Thrown thrown = requestGold(record);
 
     EXPECT_EQ(fake::outstandingKsqdAnswers(), 0) << c.answer;
     EXPECT_EQ(thrown.code, c.code) << c.answer;
@@ -208,9 +211,8 @@ TEST_F(BackupServiceTest, EveryAnswerIsFreedAndOnlyAJobIdChangesTheRecord) {
 TEST_F(BackupServiceTest, SuccessWithoutAnAnswerIsAnUnparsableAnswer) {
   fake::ksqdScript().hasAnswer = false;
   EvictionServiceData record;
-  record.policyName = "gold";
 
-  const Thrown thrown = thrownBy([&] { handler_.handleRequest(&record); });
+  const Thrown thrown = requestGold(record);
 
   EXPECT_EQ(thrown.code, 130);
   EXPECT_EQ(thrown.message, kNotJson);
