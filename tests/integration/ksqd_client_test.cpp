@@ -15,40 +15,13 @@
 #include "loopback_http_server.h"
 #include "platform/ksqd_client.h"
 #include "platform/standin/config_file.h"
-#include "platform/standin/http_timeout.h"
 #include "platform/standin/ksqd_url.h"
+#include "scripted_daemon.h"
 #include "standin_environment.h"
 
 namespace {
 
 const char kGold[] = R"({"policy": "gold"})";
-
-// What the server saw of the one request it got.
-struct Received {
-  std::string method, path, contentType, body, master;
-};
-
-// Answers every POST /ksqd/<kind> with `status`, `body` and, when not empty,
-// an X-Ksqd-Status header.
-struct ScriptedDaemon {
-  int status = 200;
-  std::string body;
-  std::string ksqdStatus;
-
-  std::mutex mutex;
-  Received received;
-
-  void routes(httplib::Server& server) {
-    server.Post(R"(/ksqd/(-?\d+))", [this](const httplib::Request& request, httplib::Response& response) {
-      std::lock_guard<std::mutex> lock(mutex);
-      received = {request.method, request.path, request.get_header_value("Content-Type"), request.body,
-                  request.get_header_value("X-Keepstone-Master")};
-      response.status = status;
-      if (!ksqdStatus.empty()) response.set_header("X-Ksqd-Status", ksqdStatus);
-      response.set_content(body, "application/json");
-    });
-  }
-};
 
 // The answer text, which the caller owns, or "<null>".
 std::string takeAnswer(char* answer) {
@@ -58,7 +31,7 @@ std::string takeAnswer(char* answer) {
 }
 
 TEST(KsqdClient, PostsTheRequestWithTheMastersNameAndHandsBackTheBody) {
-  ScriptedDaemon daemon;
+  integration::ScriptedDaemon daemon;
   daemon.body = R"({"jobid": 4711})";
   integration::LoopbackHttpServer server([&](httplib::Server& s) { daemon.routes(s); });
   integration::writeConfig("server = elsewhere\nksqd_url = " + server.url() + "\n");
@@ -97,7 +70,7 @@ TEST(KsqdClient, MapsTheHttpAnswerToTheResult) {
       {400, "", "99999999999", 400, "<null>"},
   };
   for (const auto& c : cases) {
-    ScriptedDaemon daemon;
+    integration::ScriptedDaemon daemon;
     daemon.status = c.status;
     daemon.body = c.body;
     daemon.ksqdStatus = c.ksqdStatus;
@@ -202,21 +175,6 @@ TEST(KsqdClient, RequestUrlComesFromTheSettingOrTheMasterServer) {
     standin::ConfigValues values;
     ASSERT_EQ(standin::parseConfigText(c.config, values), 0);
     EXPECT_EQ(standin::ksqdRequestUrl(values, c.master, c.kind), c.url) << c.config;
-  }
-}
-
-TEST(KsqdClient, TimeoutSettingMustBeAPositiveWholeNumber) {
-  const struct {
-    std::string config;
-    long seconds;
-  } cases[] = {
-      {"", 30}, {"http_timeout = 5\n", 5}, {"http_timeout = 0\n", 30},
-      {"http_timeout = -2\n", 30}, {"http_timeout = 5s\n", 30}, {"http_timeout =\n", 30},
-  };
-  for (const auto& c : cases) {
-    standin::ConfigValues values;
-    ASSERT_EQ(standin::parseConfigText(c.config, values), 0);
-    EXPECT_EQ(standin::httpTimeoutSeconds(values), c.seconds) << c.config;
   }
 }
 
