@@ -1,0 +1,41 @@
+// The handler that evicts one virtual machine: it asks the request daemon of
+// the record's master server for a manual backup under the record's policy
+// and stores the started job's id in the record.
+#ifndef KSCDP_SERVICES_BACKUPSERVICEIMPL_H_
+#define KSCDP_SERVICES_BACKUPSERVICEIMPL_H_
+
+#include <boost/shared_ptr.hpp>
+#include <string>
+
+#include "rest/CCTCurlWrapper.h"
+#include "services/KSUServiceImpl.h"
+
+class BackupServiceImpl : public virtual KSUServiceImpl {
+ public:
+  // Makes the REST client, which reads the master configuration: throws
+  // KSCurlWrapperException when that cannot be read.
+  BackupServiceImpl();
+  ~BackupServiceImpl() override;
+
+  // Takes an EvictionServiceData (anything else is KSServiceException 20),
+  // submits the manual backup request and writes the job id into the record.
+  // A failed daemon call is KSServiceException 25, an answer without an
+  // integer "jobid" 130; the record's jobId is then unchanged.
+  int handleRequest(ServiceData* data) override;
+
+  // The request text {"policy": "<policyName>"}. An empty name is
+  // KSServiceException 20. A name that is not valid UTF-8 gives "{}".
+  std::string createRequestPayload(const std::string& policyName) const;
+
+  // Reads the integer "jobid" of the daemon's answer into `jobId` and returns
+  // 0; otherwise throws KSServiceException 130. `jobId` is set to 0 when
+  // "jobid" is present but not an integer, and left alone when the answer is
+  // not JSON or has no "jobid".
+  int parseRequestResponse(const std::string& response, unsigned long& jobId) const;
+
+ private:
+  // Lives as long as the handler; handleRequest makes no REST request.
+  boost::shared_ptr<KSCurlWrapper> m_curlWrapper;
+};
+
+#endif  // KSCDP_SERVICES_BACKUPSERVICEIMPL_H_
