@@ -139,6 +139,9 @@ struct MasterSimulator::Impl {
 void MasterSimulator::Impl::addRoutes() {
   // Connections stay open for as many requests as a client sends.
   server.set_keep_alive_max_count(1000000);
+  // Headers and body go out in separate writes; without this the body waits
+  // for the client's delayed acknowledgement.
+  server.set_tcp_nodelay(true);
   server.Get(R"(/keepstone/admin/jobs/([^/]+))",
              [this](const httplib::Request& request, httplib::Response& response) {
                answerJob(request, response);
