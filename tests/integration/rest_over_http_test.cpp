@@ -138,14 +138,4 @@ TEST_F(RestOverHttpTest, NoServerMeansCodeZeroOneLogLineAndAParseFailure) {
   }
 }
 
-TEST_F(RestOverHttpTest, HttpsToAPlainServerFailsCleanly) {
-  useRestUrl("https://127.0.0.1:" + std::to_string(sim_.port()));
-  KSCurlWrapper wrapper;
-  KSCurlResponse response{};
-  EXPECT_EQ(wrapper.makeRequest(request(0, jobsPath(1)), response), 0);
-  EXPECT_EQ(response.statusCode, 0);
-  EXPECT_EQ(response.message, "");
-  EXPECT_NE(newLogLines().find(" 16 KSClientCURL::get: GET https://127.0.0.1:"), std::string::npos);
-}
-
 }  // namespace

@@ -84,15 +84,6 @@ TEST_F(RestClientTest, ClientGetsTheFirstServerAndTheFixedArguments) {
   EXPECT_EQ(client.acceptMediaTypes, std::vector<std::string>{kMediaType});
 }
 
-TEST_F(RestClientTest, EmptyMasterServerNameIsAccepted) {
-  fake::configScript().servers = {""};
-  KSCurlWrapper wrapper;
-  KSCurlResponse response{};
-  wrapper.makeRequest(request(0), response);
-  ASSERT_EQ(fake::curlClients().size(), 1u);
-  EXPECT_EQ(fake::curlClients()[0].host, "");
-}
-
 TEST_F(RestClientTest, RequestTypeChoosesGetOrPost) {
   KSCurlWrapper wrapper;
   KSCurlResponse response{};
