@@ -67,6 +67,9 @@ struct KSClientCURL::State {
   std::string accept;      // empty: no Accept header at all
   CURL* easy = nullptr;    // owned; kept after an exchange for its headers
   bool answered = false;   // the last exchange got a response
+  // What `easy` points to; kept as long as it, so that it never dangles.
+  HeaderList headers;
+  char error[CURL_ERROR_SIZE] = "";
 
   // One exchange; fills `code` and `body` (0 and empty without an answer).
   // A POST of `payload` when given, else a GET.
@@ -81,14 +84,14 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
   body.clear();
 
   CURLcode result = CURLE_OUT_OF_MEMORY;
-  char error[CURL_ERROR_SIZE] = "";
+  error[0] = '\0';
   CURLSH* share = standin::curlShare();
   if (easy == nullptr) {
     easy = curl_easy_init();
   } else {
     curl_easy_reset(easy);
   }
-  HeaderList headers;
+  headers.reset();
   // "Accept:" without a value stops libcurl from sending its own "*/*";
   // "Expect:" stops it from holding a large POST back for a 100-continue.
   const std::string acceptLine = "Accept:" + (accept.empty() ? "" : " " + accept);
@@ -114,13 +117,11 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
     if (payload != nullptr) {
       curl_easy_setopt(easy, CURLOPT_POST, 1L);
       curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(payload->size()));
-      curl_easy_setopt(easy, CURLOPT_POSTFIELDS, payload->data());
+      curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, payload->data());
     } else {
       curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
     }
     result = curl_easy_perform(easy);
-    // The list goes with this exchange; libcurl must not keep pointing at it.
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
   }
 
   if (result == CURLE_OK) {
@@ -141,13 +142,15 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlS
                            const std::string&, const std::string&, const std::string&,
                            const std::string&, const std::string&, const std::string&, bool,
                            const bool&, const std::string&, int)
-    : m_responseCode(0), m_state(new State) {
+    : m_responseCode(0), m_state(nullptr) {
+  std::unique_ptr<State> state(new State);
   // A missing or unreadable file leaves every setting at its default.
   standin::ConfigValues config;
   standin::readConfigFile(config);
-  m_state->baseUrl = standin::setting(config, "rest_url", defaultBaseUrl(host, port));
-  m_state->caFile = standin::setting(config, "ca_file", "");
-  m_state->timeoutSeconds = timeoutSeconds(standin::setting(config, "http_timeout", ""));
+  state->baseUrl = standin::setting(config, "rest_url", defaultBaseUrl(host, port));
+  state->caFile = standin::setting(config, "ca_file", "");
+  state->timeoutSeconds = timeoutSeconds(standin::setting(config, "http_timeout", ""));
+  m_state = state.release();
 }
 
 KSClientCURL::~KSClientCURL() {

@@ -11,8 +11,9 @@ namespace standin {
 
 // Initialises libcurl on first use (thread-safe) and returns the
 // process-wide share handle, or null when libcurl could not provide one (the
-// easy handles then work unshared). Safe to use from several threads: the
-// handle locks itself.
+// easy handles then work unshared). The handle locks itself, but libcurl's
+// documentation advises against using a shared connection cache from
+// concurrent threads; the library's requests run on one thread at a time.
 CURLSH* curlShare();
 
 }  // namespace standin

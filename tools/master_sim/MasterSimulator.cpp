@@ -194,7 +194,7 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
                                 textValue(idText), "attributes", "jobId", static_cast<json_int_t>(id),
                                 "jobType", "BACKUP", "policyName", textValue(job.policy), "state",
                                 stateOf(job), "status", 0));
-  response.set_content(compact(document), kJsonType);
+  response.set_content(compact(document), kJobsMediaType);
 }
 
 void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httplib::Response& response) {

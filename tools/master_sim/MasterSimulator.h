@@ -86,9 +86,8 @@ class MasterSimulator {
   // The same as the JSON document that GET /sim/requests answers.
   std::string requestsJson() const;
 
-  struct Impl;
-
  private:
+  struct Impl;
   std::unique_ptr<Impl> impl_;
 };
 
