@@ -1,6 +1,11 @@
 #include "rest/CCTCurlWrapper.h"
 
+#include <boost/scoped_ptr.hpp>
+#include <sstream>
+
+#include "platform/ks_curl_client.h"
 #include "platform/ks_master_config.h"
+#include "platform/ksu_log.h"
 
 namespace {
 
@@ -9,6 +14,16 @@ namespace {
 const std::string MAX_VERSION = "6.0";
 const std::string KS_MEDIA_TYPE_JSON = "application/vnd.keepstone+json";
 const std::string KS_MEDIA_TYPE_VERSION = KS_MEDIA_TYPE_JSON + ";version=" + MAX_VERSION;
+
+const char WARNING_HEADER[] = "X-Keepstone-Warning";
+const char MAKE_REQUEST_LOG_NAME[] = "KSCurlWrapper::makeRequest";
+
+const int MASTER_REST_PORT = 1556;
+const int GET_REQUEST = 0;
+const int PAYLOAD_REQUEST = 1;
+const int UNSUPPORTED_REQUEST_RESULT = 20;
+// The header lookup's "no such header", which is no failure of a request.
+const int HEADER_ABSENT = 227;
 
 }  // namespace
 
@@ -34,4 +49,37 @@ void KSCurlWrapper::readAndInitializeConfig() {
     throw KSCurlWrapperException(-1, "Failed to read master server from Keepstone configuration file");
   }
   m_masterServerName = config->server_list[0];
+}
+
+int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse& response) {
+  // The client library reads the flag through its reference while the client lives.
+  const bool cancelRequest = false;
+  const std::string none;
+  // A fresh client per request, gone on every way out of this function.
+  boost::scoped_ptr<KSClientCURL> client(new KSClientCURL(
+      m_masterServerName, MASTER_REST_PORT, CERT_TYPE_PEM, KS_CURL_SESSION_SHARED, nullptr, none,
+      true, false, false, none, none, none, none, none, none, false, cancelRequest, none, 0));
+  client->setupAcceptCurlOption(KS_MEDIA_TYPE_VERSION);
+
+  switch (params.requestType) {
+    case GET_REQUEST:
+      client->get(params.uri);
+      break;
+    case PAYLOAD_REQUEST:
+      client->post(params.uri, params.payload);
+      break;
+    default:
+      ksu_logmsg_str(16, MAKE_REQUEST_LOG_NAME, "Unsupported request type specified.");
+      return UNSUPPORTED_REQUEST_RESULT;
+  }
+
+  response.statusCode = static_cast<int32_t>(client->m_responseCode);
+  response.message = client->m_responseBody;
+  int result = client->getHttpHeaderField(WARNING_HEADER, response.warning);
+  if (result == HEADER_ABSENT) result = 0;
+
+  std::ostringstream message;
+  message << "Curl request status: " << response.statusCode << ", message: " << response.message;
+  ksu_logmsg_str(4, MAKE_REQUEST_LOG_NAME, message.str());
+  return result;
 }

@@ -10,7 +10,7 @@
 
 #include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
-#include "services/JsonPtr.h"
+#include "services/JsonReference.h"
 #include "services/KSServiceException.h"
 #include "services/ServiceData.h"
 
@@ -85,7 +85,7 @@ std::string BackupServiceImpl::createRequestPayload(const std::string& policyNam
     ksu_logmsg_str(16, CREATE_PAYLOAD_FUNCTION, "Empty policy name.");
     throw KSServiceException(20, "Empty policy name");
   }
-  const JsonPtr request(json_object());
+  const JsonReference request(json_object());
   // json_string refuses text that is not UTF-8; the object then stays empty.
   json_object_set_new(request.get(), POLICY_KEY, json_string(policyName.c_str()));
   const MallocText text(json_dumps(request.get(), 0));
@@ -94,7 +94,7 @@ std::string BackupServiceImpl::createRequestPayload(const std::string& policyNam
 }
 
 int BackupServiceImpl::parseRequestResponse(const std::string& response, unsigned long& jobId) const {
-  const JsonPtr answer(json_loads(response.c_str(), 0, nullptr));
+  const JsonReference answer(json_loads(response.c_str(), 0, nullptr));
   if (answer == nullptr) {
     throw KSServiceException(130, "Could not parse Backup API response message");
   }

@@ -17,8 +17,7 @@
 #include <string>
 
 #include "config_file.h"
-#include "curl_global.h"
-#include "http_timeout.h"
+#include "curl_support.h"
 #include "ksqd_url.h"
 #include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
@@ -30,28 +29,10 @@ const char kFunction[] = "invoke_ksqd_cct_request";
 struct CurlEasyDeleter {
   void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
 };
-struct CurlListDeleter {
-  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
 using CurlEasy = std::unique_ptr<CURL, CurlEasyDeleter>;
-using CurlList = std::unique_ptr<curl_slist, CurlListDeleter>;
 
-void appendHeader(CurlList& list, const std::string& header) {
-  curl_slist* head = curl_slist_append(list.get(), header.c_str());
-  if (head == nullptr) throw std::bad_alloc();
-  list.release();  // `head` is the same list, grown
-  list.reset(head);
-}
-
-// Runs inside libcurl, so nothing may be thrown out of it; a short count makes
-// the transfer fail instead.
-size_t appendToBody(char* data, size_t size, size_t count, void* body) {
-  try {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-  } catch (...) {
-    return 0;
-  }
+void addHeader(standin::HeaderList& list, const std::string& header) {
+  if (!standin::appendHeader(list, header)) throw std::bad_alloc();
 }
 
 // The daemon's own failure code from X-Ksqd-Status, or 0 when it gives none
@@ -80,26 +61,26 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   const std::string url = standin::ksqdRequestUrl(config, masterServer, kind);
   const std::string caFile = standin::setting(config, "ca_file", "");
 
-  const CURLcode initialised = standin::ensureCurlGlobalInit();
-  if (initialised != CURLE_OK) return transportFailure(url, initialised, "");
+  CURLSH* share = standin::curlShare();  // also initialises libcurl
   const CurlEasy easy(curl_easy_init());
   if (easy == nullptr) return transportFailure(url, CURLE_FAILED_INIT, "");
 
-  CurlList headers;
-  appendHeader(headers, "Content-Type: application/json");
+  standin::HeaderList headers;
+  addHeader(headers, "Content-Type: application/json");
   // "Name;" is libcurl's way of sending a header with an empty value.
-  appendHeader(headers, masterServer.empty() ? "X-Keepstone-Master;" : "X-Keepstone-Master: " + masterServer);
-  appendHeader(headers, "Expect:");
+  addHeader(headers, masterServer.empty() ? "X-Keepstone-Master;" : "X-Keepstone-Master: " + masterServer);
+  addHeader(headers, "Expect:");
 
   std::string body;
   char detail[CURL_ERROR_SIZE] = "";
   CURL* handle = easy.get();
+  if (share != nullptr) curl_easy_setopt(handle, CURLOPT_SHARE, share);
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_POST, 1L);
   curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request);
   curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(std::strlen(request)));
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, appendToBody);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, standin::appendToBody);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, detail);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, standin::httpTimeoutSeconds(config));

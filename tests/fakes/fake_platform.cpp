@@ -7,6 +7,7 @@ void resetPlatform() {
   resetConfig();
   resetAllocator();
   resetPauses();
+  resetCurlClient();
   resetKsqd();
 }
 

@@ -4,6 +4,7 @@
 
 #include "fake_allocator.h"
 #include "fake_config.h"
+#include "fake_curl_client.h"
 #include "fake_ksqd.h"
 #include "fake_log.h"
 #include "fake_pause.h"

@@ -7,6 +7,9 @@ namespace integration {
 
 LoopbackHttpServer::LoopbackHttpServer(const std::function<void(httplib::Server&)>& routes) {
   routes(server_);
+  // One request per connection: a client's idle keep-alive connection would
+  // otherwise hold stop() for the server's keep-alive timeout.
+  server_.set_keep_alive_max_count(1);
   // The socket listens from here on: requests wait in its backlog until the
   // thread accepts them.
   port_ = server_.bind_to_any_port("127.0.0.1");

@@ -1,0 +1,92 @@
+#include "fake_curl_client.h"
+
+#include <strings.h>
+
+namespace fake {
+namespace {
+CurlScript g_script;
+std::vector<CurlClientRecord> g_clients;
+std::vector<CurlCall> g_calls;
+int g_live = 0;
+}  // namespace
+
+CurlScript& curlScript() { return g_script; }
+const std::vector<CurlClientRecord>& curlClients() { return g_clients; }
+const std::vector<CurlCall>& curlCalls() { return g_calls; }
+int liveCurlClients() { return g_live; }
+
+void resetCurlClient() {
+  g_script = CurlScript{};
+  g_clients.clear();
+  g_calls.clear();
+  g_live = 0;
+}
+
+}  // namespace fake
+
+struct KSClientCURL::State {
+  size_t index;                 // into fake::curlClients()
+  bool answered = false;        // a scripted answer has been taken
+  fake::CurlAnswer lastAnswer;
+  int takeAnswer(KSClientCURL& client, const std::string& method, const std::string& path,
+                 const std::string& body);
+};
+
+int KSClientCURL::State::takeAnswer(KSClientCURL& client, const std::string& method,
+                                    const std::string& path, const std::string& body) {
+  using namespace fake;
+  g_calls.push_back({index, method, path, body});
+  if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
+  answered = !g_script.answers.empty();
+  lastAnswer = answered ? g_script.answers.front() : CurlAnswer{0, "", {}, {}};
+  if (answered) g_script.answers.pop_front();
+  client.m_responseCode = lastAnswer.code;
+  client.m_responseBody = lastAnswer.body;
+  return 0;
+}
+
+KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType,
+                           KSCurlSessionType sessionType, TokenManager_Base* tokenManager,
+                           const std::string& clientId, bool verifyPeer, bool useProxy,
+                           bool useCookies, const std::string& certFile, const std::string& keyFile,
+                           const std::string& keyPassword, const std::string& caPath,
+                           const std::string& proxyUrl, const std::string& userAgent, bool verbose,
+                           const bool& cancelFlag, const std::string& interfaceName, int retryCount)
+    : m_responseCode(0), m_state(nullptr) {
+  using namespace fake;
+  if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
+  g_clients.push_back({host, port, certType, sessionType, tokenManager, clientId, verifyPeer, useProxy,
+                       useCookies, certFile, keyFile, keyPassword, caPath, proxyUrl, userAgent, verbose,
+                       cancelFlag, interfaceName, retryCount, {}});
+  m_state = new State;
+  m_state->index = g_clients.size() - 1;
+  ++g_live;
+}
+
+KSClientCURL::~KSClientCURL() {
+  delete m_state;
+  --fake::g_live;
+}
+
+void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
+  fake::g_clients[m_state->index].acceptMediaTypes.push_back(mediaType);
+}
+
+int KSClientCURL::get(const std::string& path) { return m_state->takeAnswer(*this, "get", path, ""); }
+
+int KSClientCURL::post(const std::string& path, const std::string& body) {
+  return m_state->takeAnswer(*this, "post", path, body);
+}
+
+int KSClientCURL::getHttpHeaderField(const std::string& name, std::string& value) {
+  const fake::CurlAnswer& answer = m_state->lastAnswer;
+  if (answer.headerLookupResult) return *answer.headerLookupResult;
+  if (!m_state->answered) return 227;
+  for (const auto& header : answer.headers) {
+    if (strcasecmp(header.first.c_str(), name.c_str()) == 0) {
+      value = header.second;
+      return 0;
+    }
+  }
+  return 227;
+}
