@@ -43,7 +43,7 @@ void LoopbackMasterTest::SetUp() {
 void LoopbackMasterTest::TearDown() { std::remove(configPath_.c_str()); }
 
 void LoopbackMasterTest::useRestUrl(const std::string& url) {
-  std::ofstream(configPath_) << "server = 127.0.0.1\nrest_url = " << url << "\n";
+  std::ofstream(configPath_) << "server = 127.0.0.1\nrest_url = " << url << "\nksqd_url = " << url << "\n";
   setenv("KEEPSTONE_CONF", configPath_.c_str(), 1);
 }
 

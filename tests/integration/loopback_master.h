@@ -17,7 +17,8 @@ class LoopbackMasterTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Rewrites the configuration file: master 127.0.0.1, REST base `url`.
+  // Rewrites the configuration file: master 127.0.0.1, REST and request
+  // daemon base `url`.
   void useRestUrl(const std::string& url);
   // A stand-in client made as the REST client makes it, accepting `mediaType`.
   static std::unique_ptr<KSClientCURL> client(const std::string& mediaType);

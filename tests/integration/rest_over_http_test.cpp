@@ -8,6 +8,7 @@
 
 #include "loopback_master.h"
 #include "rest/CCTCurlWrapper.h"
+#include "services/BackupServiceImpl.h"
 #include "services/JobServiceImpl.h"
 #include "services/KSServiceException.h"
 #include "services/ServiceData.h"
@@ -135,6 +136,58 @@ TEST_F(RestOverHttpTest, NoServerMeansCodeZeroOneLogLineAndAParseFailure) {
   } catch (const KSServiceException& e) {
     EXPECT_EQ(e.m_code, 130);
     EXPECT_STREQ(e.what(), "Could not parse Jobs API response message.");
+  }
+}
+
+TEST_F(RestOverHttpTest, BackupRequestStartsAJobTheJobsInterfaceKnows) {
+  BackupServiceImpl backup;
+  EvictionServiceData eviction;
+  eviction.policyName = "gold";
+  eviction.masterServerName = "127.0.0.1";
+  EXPECT_EQ(backup.handleRequest(&eviction), 0);
+  EXPECT_EQ(eviction.jobId, 1000u);
+
+  const std::vector<master_sim::RecordedRequest> seen = sim_.requests();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].method, "POST");
+  EXPECT_EQ(seen[0].path, "/ksqd/1");
+  EXPECT_EQ(seen[0].headers.at("X-Keepstone-Master"), "127.0.0.1");
+  EXPECT_EQ(seen[0].headers.at("Content-Type"), "application/json");
+  EXPECT_EQ(seen[0].body, R"({"policy": "gold"})");
+
+  sim_.advanceTime(2.0);
+  JobServiceImpl jobs;
+  JobServiceData job;
+  job.jobId = eviction.jobId;
+  jobs.handleRequest(&job);
+  EXPECT_EQ(job.jobState, "DONE");
+}
+
+TEST_F(RestOverHttpTest, RefusedBackupRequestCarriesTheDaemonsStatus) {
+  const struct {
+    int httpStatus;
+    int daemonStatus;
+    const char* message;
+  } cases[] = {
+      {503, 77, "Failed to invoke Ksqd CCT request. Return code:77"},
+      {500, 0, "Failed to invoke Ksqd CCT request. Return code:500"},
+  };
+  for (const auto& c : cases) {
+    master_sim::PolicyFaults faults;
+    faults.httpStatus = c.httpStatus;
+    faults.daemonStatus = c.daemonStatus;
+    sim_.setPolicyFaults("gold", faults);
+    BackupServiceImpl backup;
+    EvictionServiceData eviction;
+    eviction.policyName = "gold";
+    try {
+      backup.handleRequest(&eviction);
+      ADD_FAILURE() << "no exception";
+    } catch (const KSServiceException& e) {
+      EXPECT_EQ(e.m_code, 25);
+      EXPECT_STREQ(e.what(), c.message);
+    }
+    EXPECT_EQ(eviction.jobId, 0u);
   }
 }
 
