@@ -27,7 +27,7 @@ extern "C" int KS_read_master_config(void) {
   using namespace fake;
   ++g_reads;
   g_record = ks_master_config{};
-  if (g_script.readResult != 0) return g_script.readResult;
+  if (g_script.readResult != 0 && g_reads > g_script.successfulReadsFirst) return g_script.readResult;
   g_servers = g_script.servers;
   g_serverPointers.clear();
   for (std::string& server : g_servers) g_serverPointers.push_back(&server[0]);

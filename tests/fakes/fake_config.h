@@ -11,6 +11,8 @@ namespace fake {
 // result) leaves the record empty, as the real library does.
 struct ConfigScript {
   int readResult = 0;
+  // Reads that succeed before readResult takes effect.
+  int successfulReadsFirst = 0;
   bool hasServerList = true;
   std::vector<std::string> servers{"master.example"};
   bool hasHostName = true;

@@ -72,7 +72,11 @@ extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, cons
   using namespace fake;
   g_calls.push_back({textOrNull(master_server), kind, textOrNull(request)});
   if (g_script.result == 0 && g_script.hasAnswer && answer != nullptr) {
-    const std::string& text = g_script.answer;
+    std::string text = g_script.answer;
+    if (!g_script.answers.empty()) {
+      text = g_script.answers.front();
+      g_script.answers.pop_front();
+    }
     auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
     if (copy == nullptr) std::abort();
     std::memcpy(copy, text.c_str(), text.size() + 1);

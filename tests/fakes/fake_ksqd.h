@@ -7,6 +7,7 @@
 #ifndef KSCDP_TESTS_FAKES_FAKE_KSQD_H_
 #define KSCDP_TESTS_FAKES_FAKE_KSQD_H_
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ struct KsqdScript {
   int result = 0;
   bool hasAnswer = true;
   std::string answer = "{\"jobid\": 1}";
+  // When not empty, each call with a 0 result takes the next of these instead.
+  std::deque<std::string> answers;
 };
 
 KsqdScript& ksqdScript();
