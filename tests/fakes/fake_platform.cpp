@@ -7,6 +7,7 @@ void resetPlatform() {
   resetConfig();
   resetAllocator();
   resetPauses();
+  resetNotification();
 }
 
 }  // namespace fake

@@ -5,6 +5,7 @@
 #include "fake_allocator.h"
 #include "fake_config.h"
 #include "fake_log.h"
+#include "fake_notification.h"
 #include "fake_pause.h"
 
 namespace fake {
