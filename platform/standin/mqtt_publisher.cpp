@@ -112,6 +112,12 @@ void MqttPublisher::stop() {
   }
   wake();
   network_.join();
+  const size_t undelivered = events_.clear();
+  if (undelivered > 0) {
+    const std::string broker = broker_.empty() ? "the broker" : "broker " + broker_;
+    logFailure(std::to_string(undelivered) + " events were not delivered: " + broker +
+               " did not acknowledge them within " + std::to_string(kShutdownGrace.count()) + " s of shutdown");
+  }
 }
 
 void MqttPublisher::run() {
@@ -152,15 +158,17 @@ void MqttPublisher::connect(Clock::time_point now) {
   broker_ = address.host + ":" + std::to_string(address.port);
   client_ = mosquitto_new(nullptr, true, this);
   if (client_ == nullptr) {
-    connectionFailed(std::string("cannot make an MQTT client: ") + std::strerror(errno));
+    const int savedErrno = errno;
+    connectionFailed(std::string("cannot make an MQTT client: ") + std::strerror(savedErrno));
     return;
   }
   mosquitto_connect_callback_set(client_, &MqttPublisher::onConnect);
   mosquitto_publish_callback_set(client_, &MqttPublisher::onPublish);
   mosquitto_max_inflight_messages_set(client_, kInFlight);
   const int result = mosquitto_connect_async(client_, address.host.c_str(), address.port, kKeepAliveSeconds);
+  const int savedErrno = errno;
   if (result != MOSQ_ERR_SUCCESS) {
-    connectionFailed("cannot reach broker " + broker_ + ": " + describe(result, errno));
+    connectionFailed("cannot reach broker " + broker_ + ": " + describe(result, savedErrno));
     return;
   }
   connectDeadline_ = now + kConnectTimeout;
@@ -189,7 +197,8 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
     count = 2;
   }
   if (poll(fds, count, timeoutMs) < 0) {
-    if (errno != EINTR) logFailure(std::string("poll failed: ") + std::strerror(errno));
+    const int savedErrno = errno;
+    if (savedErrno != EINTR) logFailure(std::string("poll failed: ") + std::strerror(savedErrno));
     return;
   }
   if (fds[0].revents != 0) drainWakeups();
@@ -239,12 +248,6 @@ void MqttPublisher::closeClient() {
 void MqttPublisher::finish() {
   if (client_ != nullptr && connected_) mosquitto_disconnect(client_);  // written at once: the client is not threaded
   closeClient();
-  const size_t undelivered = events_.clear();
-  if (undelivered > 0) {
-    const std::string broker = broker_.empty() ? "the broker" : "broker " + broker_;
-    logFailure(std::to_string(undelivered) + " events were not delivered: " + broker +
-               " did not acknowledge them within " + std::to_string(kShutdownGrace.count()) + " s of shutdown");
-  }
 }
 
 void MqttPublisher::wake() {

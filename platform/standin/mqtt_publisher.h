@@ -75,7 +75,7 @@ class MqttPublisher {
   // Owned by the network thread. A client lives for one connection attempt
   // and the connection it makes; the next attempt starts with a fresh one.
   struct mosquitto* client_ = nullptr;
-  std::string broker_;  // "host:port" of the current or last attempt
+  std::string broker_;  // "host:port" of the current or last attempt; read by stop() after the join
   bool connected_ = false;
   int refusedCode_ = 0;  // non-zero: the broker answered CONNECT with this refusal
   bool outageLogged_ = false;
