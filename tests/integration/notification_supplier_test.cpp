@@ -11,7 +11,7 @@
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
 #include "platform/standin/notification_payload.h"
-#include "test_files.h"
+#include "standin_environment.h"
 
 namespace {
 
@@ -56,15 +56,30 @@ std::string configFor(const std::string& broker) {
   return "server = master.invalid\nbroker = " + broker + "\n";
 }
 
+// A broker with a subscriber to the notification topic, and the master
+// configuration pointing the stand-in at it.
+struct BrokerWithSubscriber {
+  explicit BrokerWithSubscriber(MosquittoBroker::Options options = MosquittoBroker::Options())
+      : broker(options), subscriber(broker.port(), kTopic) {
+    integration::writeConfig(configFor(broker.address()));
+  }
+
+  MosquittoBroker broker;
+  MqttSubscriber subscriber;
+};
+
+const MosquittoBroker::Options kKeepSessions{true};
+
 class NotificationSupplierTest : public ::testing::Test {
  protected:
-  testbed::LogTail log_;  // made first: points the stand-in log at a file before anything logs
+  // What the stand-in has logged since the test began.
+  std::string logSinceStart() const { return integration::logText().substr(logStart_); }
+
+  const size_t logStart_ = integration::logText().size();
 };
 
 TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
-  MosquittoBroker broker;
-  MqttSubscriber subscriber(broker.port(), kTopic);
-  testbed::TemporaryConfig config(configFor(broker.address()));
+  BrokerWithSubscriber rig;
   NotificationSupplier supplier;
 
   std::vector<NotificationEvent> events{
@@ -86,63 +101,57 @@ TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
   };
   for (NotificationEvent& event : events) EXPECT_EQ(supplier.send_notification(event), 0);
 
-  EXPECT_EQ(subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
+  EXPECT_EQ(rig.subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
   supplier.shutdown();
-  EXPECT_EQ(log_.text().find(" 16 NotificationSupplier"), std::string::npos) << log_.text();
+  EXPECT_EQ(logSinceStart().find(" 16 NotificationSupplier"), std::string::npos) << logSinceStart();
 }
 
 TEST_F(NotificationSupplierTest, EventsRaisedWhileTheBrokerIsDownGoOutWhenItIsBack) {
-  MosquittoBroker broker(MosquittoBroker::Options{true});
-  MqttSubscriber subscriber(broker.port(), kTopic);
-  testbed::TemporaryConfig config(configFor(broker.address()));
+  BrokerWithSubscriber rig(kKeepSessions);
   NotificationSupplier supplier;
 
   const Messages connected = sendNumbered(supplier, 1, 3);
-  ASSERT_EQ(subscriber.waitForCount(connected.size(), kDeliveryTimeout), connected);
+  ASSERT_EQ(rig.subscriber.waitForCount(connected.size(), kDeliveryTimeout), connected);
   const Messages burst = sendNumbered(supplier, 4, 1000);  // the broker stops while these are on their way
-  broker.stop();
+  rig.broker.stop();
   const Messages during = sendNumbered(supplier, 1001, 1050);
-  broker.start();
+  rig.broker.start();
   const Messages after = sendNumbered(supplier, 1051, 1060);
 
   const Messages expected = concat(concat(concat(connected, burst), during), after);
-  EXPECT_EQ(waitForDistinct(subscriber, expected), expected);
-  EXPECT_NE(log_.text().find(" 16 NotificationSupplier: lost the connection to broker " + broker.address()),
+  EXPECT_EQ(waitForDistinct(rig.subscriber, expected), expected);
+  EXPECT_NE(logSinceStart().find(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()),
             std::string::npos)
-      << log_.text();
+      << logSinceStart();
 }
 
 TEST_F(NotificationSupplierTest, EventsWaitForABrokerThatIsNotUpYet) {
-  MosquittoBroker broker(MosquittoBroker::Options{true});
-  MqttSubscriber subscriber(broker.port(), kTopic);
-  testbed::TemporaryConfig config(configFor(broker.address()));
-  broker.stop();
+  BrokerWithSubscriber rig(kKeepSessions);
+  rig.broker.stop();
   NotificationSupplier supplier;
 
   const Messages waiting = sendNumbered(supplier, 1, 20);
-  broker.start();
+  rig.broker.start();
 
-  EXPECT_EQ(waitForDistinct(subscriber, waiting), waiting);
-  EXPECT_NE(log_.text().find(" 16 NotificationSupplier: cannot reach broker " + broker.address()), std::string::npos)
-      << log_.text();
+  EXPECT_EQ(waitForDistinct(rig.subscriber, waiting), waiting);
+  EXPECT_NE(logSinceStart().find(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()), std::string::npos)
+      << logSinceStart();
 }
 
 TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
-  MosquittoBroker broker(MosquittoBroker::Options{true});
-  MqttSubscriber subscriber(broker.port(), kTopic);
-  testbed::TemporaryConfig config(configFor(broker.address()));
+  BrokerWithSubscriber rig(kKeepSessions);
   NotificationSupplier supplier;
   const Messages first = sendNumbered(supplier, 0, 0);
-  ASSERT_EQ(subscriber.waitForCount(1, kDeliveryTimeout), first);
+  ASSERT_EQ(rig.subscriber.waitForCount(1, kDeliveryTimeout), first);
 
-  broker.stop();
+  rig.broker.stop();
   const Messages waiting = sendNumbered(supplier, 1, 300);
-  broker.start();
+  rig.broker.start();
   supplier.shutdown();
 
-  EXPECT_EQ(log_.text().find("not delivered"), std::string::npos) << log_.text();
+  EXPECT_EQ(logSinceStart().find("not delivered"), std::string::npos) << logSinceStart();
   const Messages expected = concat(first, waiting);
-  EXPECT_EQ(waitForDistinct(subscriber, expected), expected);
+  EXPECT_EQ(waitForDistinct(rig.subscriber, expected), expected);
 
   NotificationEvent late = numberedEvent(301);
   EXPECT_NE(supplier.send_notification(late), 0);
@@ -151,7 +160,7 @@ TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
 
 TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdownGivesUpAfterFiveSeconds) {
   const std::string nowhere = "127.0.0.1:" + std::to_string(testbed::freeLoopbackPort());
-  testbed::TemporaryConfig config(configFor(nowhere));
+  integration::writeConfig(configFor(nowhere));
   auto supplier = std::make_unique<NotificationSupplier>();
 
   NotificationEvent event = numberedEvent(1);
@@ -166,7 +175,7 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
   EXPECT_LT(waited, std::chrono::seconds(30));  // bounded, whatever the broker does
   supplier.reset();
 
-  const std::string text = log_.text();
+  const std::string text = logSinceStart();
   EXPECT_NE(text.find(" 16 NotificationSupplier: cannot reach broker " + nowhere), std::string::npos) << text;
   EXPECT_NE(text.find(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"),
             std::string::npos)

@@ -1,0 +1,56 @@
+#include "standin_environment.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace integration {
+namespace {
+
+std::string g_directory;
+
+std::string configPath() { return g_directory + "/keepstone.conf"; }
+std::string logPath() { return g_directory + "/ksu.log"; }
+
+// The stand-in log opens its file on first use, so the variables must be set
+// before any test logs.
+class StandinEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    char pattern[] = "/tmp/kscdp-integration-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    g_directory = pattern;
+    setenv("KEEPSTONE_CONF", configPath().c_str(), 1);
+    setenv("KSU_LOG_FILE", logPath().c_str(), 1);
+    writeConfig("");
+  }
+
+  void TearDown() override {
+    std::remove(configPath().c_str());
+    std::remove(logPath().c_str());
+    rmdir(g_directory.c_str());
+  }
+};
+
+::testing::Environment* const g_environment = ::testing::AddGlobalTestEnvironment(new StandinEnvironment);
+
+}  // namespace
+
+void writeConfig(const std::string& text) {
+  std::ofstream file(configPath(), std::ios::trunc);
+  file << text;
+  ASSERT_TRUE(file.good()) << configPath();
+}
+
+std::string logText() {
+  std::ifstream file(logPath());
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+}  // namespace integration
