@@ -9,6 +9,7 @@ void resetPlatform() {
   resetPauses();
   resetCurlClient();
   resetKsqd();
+  resetNotification();
 }
 
 }  // namespace fake

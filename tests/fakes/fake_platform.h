@@ -7,6 +7,7 @@
 #include "fake_curl_client.h"
 #include "fake_ksqd.h"
 #include "fake_log.h"
+#include "fake_notification.h"
 #include "fake_pause.h"
 
 namespace fake {

@@ -1,0 +1,53 @@
+// The notification publisher's queue: events waiting for the broker.
+#ifndef KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
+#define KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace standin {
+
+// Event payloads, oldest first, from the moment they are accepted until the
+// broker has acknowledged them. Those handed over to the current connection
+// are always the oldest ones and carry that connection's message id; when the
+// connection goes they wait again in their place, so nothing is lost and the
+// order holds. Thread-safe.
+class PendingEvents {
+ public:
+  // Hands one payload to the connection; fills the message id and returns
+  // true, or returns false when the connection refused it.
+  using Publish = std::function<bool(const std::string& payload, int* messageId)>;
+
+  explicit PendingEvents(size_t capacity);
+
+  // False when `capacity` events are waiting already.
+  bool push(std::string payload);
+  // Hands the oldest events not yet handed over to `publish`, in order, until
+  // `window` events are handed over or `publish` refuses one.
+  void handOver(size_t window, const Publish& publish);
+  // The broker has the message with this id: its event is done.
+  void acknowledge(int messageId);
+  // The connection is gone: every event handed over to it waits again.
+  void takeBack();
+  size_t size() const;
+  // Drops every event and returns how many there were.
+  size_t clear();
+
+ private:
+  struct Event {
+    std::string payload;
+    int messageId;  // meaningful for the first handedOver_ events only
+  };
+
+  const size_t capacity_;
+  mutable std::mutex mutex_;
+  std::deque<Event> events_;  // guarded by mutex_
+  size_t handedOver_ = 0;     // guarded by mutex_; events_[0, handedOver_) are with the connection
+};
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_

@@ -1,0 +1,136 @@
+#include "services/AlertServiceImpl.h"
+
+#include <sstream>
+
+#include "platform/ks_master_config.h"
+#include "platform/ksu_log.h"
+#include "platform/notification.h"
+#include "services/KSServiceException.h"
+#include "services/ServiceData.h"
+
+const std::string AlertHelper::producerType = "Keepstone";
+const std::string AlertHelper::producerSubType = "CDP";
+const std::string AlertHelper::notificationType = "CDP Backup Engine";
+const std::string AlertHelper::VMUUID = "uuid";
+const std::string AlertHelper::JOBID = "jobid";
+
+NotificationSupplier* NotificationInterface::m_notificationSupplier = nullptr;
+
+namespace {
+
+const std::string SERVER_ATTRIBUTE_KEY = "server";
+const std::string NULL_RECORD_MESSAGE = "Invalid shared common object passed to worker service";
+const std::string NOT_AN_ALERT_MESSAGE =
+    "Invalid shared object passed to worker service. Internal error: casting to AlertServiceData failed.";
+
+const int INVALID_REQUEST_CODE = 20;
+const int TRACE_LEVEL = 2;
+const int PROGRESS_LEVEL = 4;
+
+// Narrows a record's 64-bit value to the 32 bits of the alert enumerations.
+template <typename Enumeration>
+Enumeration narrowTo(int64_t value) {
+  return static_cast<Enumeration>(static_cast<int32_t>(value));
+}
+
+}  // namespace
+
+std::string AlertHelper::getPriority(const AlertPriority& priority) {
+  switch (priority) {
+    case ALERT_PRIORITY_LOW: return "LOW";
+    case ALERT_PRIORITY_MEDIUM: return "MEDIUM";
+    case ALERT_PRIORITY_HIGH: return "HIGH";
+  }
+  return std::string();
+}
+
+std::string AlertHelper::getSeverity(const AlertSeverity& severity) {
+  switch (severity) {
+    case ALERT_SEVERITY_INFO: return "INFO";
+    case ALERT_SEVERITY_DEBUG: return "DEBUG";
+    case ALERT_SEVERITY_WARNING: return "WARNING";
+    case ALERT_SEVERITY_ERROR: return "ERROR";
+    case ALERT_SEVERITY_CRITICAL: return "CRITICAL";
+    case ALERT_SEVERITY_NOTICE: return "NOTICE";
+  }
+  return "UNKNOWN";
+}
+
+std::string AlertHelper::convertCCTIDToUUID(const std::string& cctid) {
+  std::string uuid;
+  size_t written = 0;
+  for (const char c : cctid) {
+    if (written == 8 || written == 13 || written == 18 || written == 23) {
+      uuid += '-';
+      ++written;
+    }
+    uuid += c;
+    ++written;
+  }
+  std::ostringstream message;
+  message << "Converting CCTID: " << cctid << ", UUID: " << uuid;
+  ksu_logmsg_str(TRACE_LEVEL, "AlertHelper::convertCCTIDToUUID", message.str());
+  return uuid;
+}
+
+HostServiceImpl::HostServiceImpl() {
+  KS_read_master_config();  // a failed read leaves the record without a host name
+  const ks_master_config* config = get_master_config_ptr();
+  if (config != nullptr && config->host_name != nullptr) serverName = config->host_name;
+}
+
+HostServiceImpl::~HostServiceImpl() {}
+
+int HostServiceImpl::handleRequest(ServiceData* data) {
+  if (data == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, NULL_RECORD_MESSAGE);
+  auto* alert = dynamic_cast<AlertServiceData*>(data);
+  if (alert == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, NOT_AN_ALERT_MESSAGE);
+
+  // Only alerts that name a VM carry attributes; the others stay as they are.
+  if (!alert->attributes.empty()) {
+    const auto uuid = alert->attributes.find(AlertHelper::VMUUID);
+    if (uuid != alert->attributes.end()) uuid->second = AlertHelper::convertCCTIDToUUID(uuid->second);
+    alert->insertAttribute(SERVER_ATTRIBUTE_KEY, serverName);
+  }
+  return forward(data);
+}
+
+AlertServiceImpl::~AlertServiceImpl() {}
+
+int AlertServiceImpl::handleRequest(ServiceData* data) {
+  const auto* alert = dynamic_cast<const AlertServiceData*>(data);
+  if (alert == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, NOT_AN_ALERT_MESSAGE);
+
+  NotificationEvent event{AlertHelper::version,
+                          AlertHelper::producerType,
+                          AlertHelper::producerSubType,
+                          AlertHelper::notificationType,
+                          AlertHelper::getPriority(narrowTo<AlertPriority>(alert->priority)),
+                          AlertHelper::getSeverity(narrowTo<AlertSeverity>(alert->severity)),
+                          alert->messageKey,
+                          alert->attributes};
+  const int result = NotificationInterface::getInstance()->send_notification(event);
+
+  // An alert without attributes names no VM and logs an empty message. One
+  // with attributes but no "uuid" shows an empty VM.
+  std::ostringstream message;
+  if (!alert->attributes.empty()) {
+    const auto uuid = alert->attributes.find(AlertHelper::VMUUID);
+    message << "Called Alert (send_notification) for VM: "
+            << (uuid != alert->attributes.end() ? uuid->second : std::string()) << "\nRetval: " << result;
+  }
+  ksu_logmsg_str(PROGRESS_LEVEL, "AlertServiceImpl::handleRequest", message.str());
+  return result;
+}
+
+NotificationSupplier* NotificationInterface::getInstance() {
+  if (m_notificationSupplier == nullptr) m_notificationSupplier = new NotificationSupplier();
+  return m_notificationSupplier;
+}
+
+void NotificationInterface::destroyInstance() {
+  if (m_notificationSupplier == nullptr) return;
+  m_notificationSupplier->shutdown();
+  delete m_notificationSupplier;
+  m_notificationSupplier = nullptr;
+}

@@ -1,0 +1,108 @@
+// Alert publishing: the alert vocabulary, the host service that completes an
+// alert's attributes, and the alert service that publishes the alert as one
+// notification event through the process-wide NotificationSupplier.
+//
+// The alert chain is HostServiceImpl -> AlertServiceImpl; the gateway builds it
+// for every alert and owns both handlers.
+#ifndef KSCDP_SERVICES_ALERTSERVICEIMPL_H_
+#define KSCDP_SERVICES_ALERTSERVICEIMPL_H_
+
+#include <cstdint>
+#include <string>
+
+#include "services/KSUServiceImpl.h"
+
+class NotificationSupplier;
+
+// Alert priority as alert records carry it. Any other value is valid to hold
+// and has the empty text.
+enum AlertPriority : int32_t {
+  ALERT_PRIORITY_LOW = 0,
+  ALERT_PRIORITY_MEDIUM = 1,
+  ALERT_PRIORITY_HIGH = 2,
+};
+
+// Alert severity as alert records carry it; the numbering is part of the
+// interface (DEBUG is 1, NOTICE is 5). Any other value has the text "UNKNOWN".
+enum AlertSeverity : int32_t {
+  ALERT_SEVERITY_INFO = 0,
+  ALERT_SEVERITY_DEBUG = 1,
+  ALERT_SEVERITY_WARNING = 2,
+  ALERT_SEVERITY_ERROR = 3,
+  ALERT_SEVERITY_CRITICAL = 4,
+  ALERT_SEVERITY_NOTICE = 5,
+};
+
+// The fixed vocabulary of published alerts. Static members only; the strings
+// are complete before any exported function can run and are never written.
+class AlertHelper {
+ public:
+  AlertHelper() = delete;
+
+  // "LOW", "MEDIUM", "HIGH"; empty for any other value.
+  static std::string getPriority(const AlertPriority& priority);
+  // "INFO", "DEBUG", "WARNING", "ERROR", "CRITICAL", "NOTICE"; "UNKNOWN" for
+  // any other value.
+  static std::string getSeverity(const AlertSeverity& severity);
+  // Inserts a dash before the characters that land at output positions 8,
+  // 13, 18 and 23, so 32 characters become the 8-4-4-4-12 form. Takes any
+  // text as it is (no length, case or digit check) and logs the conversion at
+  // level 2.
+  static std::string convertCCTIDToUUID(const std::string& cctid);
+
+  static const std::string producerType;
+  static const std::string producerSubType;
+  static const std::string notificationType;
+  static const std::string VMUUID;  // attribute key of the VM identifier
+  static const std::string JOBID;   // attribute key of the job identifier
+  static constexpr int version = 1;
+};
+
+// First handler of the alert chain: rewrites the "uuid" attribute into UUID
+// form and adds "server" (this host's configured name), then forwards.
+class HostServiceImpl : public virtual KSUServiceImpl {
+ public:
+  // Reads the host name from the master configuration; a failed read or a
+  // missing name leaves serverName empty.
+  HostServiceImpl();
+  ~HostServiceImpl() override;
+
+  // Throws KSServiceException 20 for a null record or one that is not an
+  // AlertServiceData. A record without attributes is passed on unchanged.
+  int handleRequest(ServiceData* data) override;
+
+ private:
+  std::string serverName;  // fixed when the handler is made
+};
+
+// Last handler of the alert chain: turns the record into one
+// NotificationEvent, hands it to the process-wide supplier and returns the
+// supplier's result. Never forwards.
+class AlertServiceImpl : public virtual KSUServiceImpl {
+ public:
+  AlertServiceImpl() = default;
+  ~AlertServiceImpl() override;
+
+  // Throws KSServiceException 20 for a null record or one that is not an
+  // AlertServiceData; exceptions of the supplier pass through unchanged.
+  int handleRequest(ServiceData* data) override;
+};
+
+// Holder of the one NotificationSupplier of the process. Not synchronised:
+// making, using and destroying the supplier must not overlap between threads.
+class NotificationInterface {
+ public:
+  NotificationInterface() = delete;
+
+  // The supplier, made on first use. A throwing constructor leaves none, so
+  // the next call tries again.
+  static NotificationSupplier* getInstance();
+  // Shuts the supplier down and deletes it; does nothing when there is none.
+  // If shutdown() throws, the supplier stays as it was.
+  static void destroyInstance();
+
+ private:
+  static NotificationSupplier* m_notificationSupplier;  // owned; null when absent
+};
+
+#endif  // KSCDP_SERVICES_ALERTSERVICEIMPL_H_

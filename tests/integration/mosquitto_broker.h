@@ -1,0 +1,59 @@
+// A mosquitto broker of a test's own, for tests that publish or subscribe
+// through a real broker.
+#ifndef KSCDP_TESTS_INTEGRATION_MOSQUITTO_BROKER_H_
+#define KSCDP_TESTS_INTEGRATION_MOSQUITTO_BROKER_H_
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace testbed {
+
+// Runs /usr/sbin/mosquitto on 127.0.0.1 and a port picked at run time, for
+// anonymous clients, with its configuration, log and any saved state in a
+// temporary directory of its own. stop() and start() play an outage: the
+// broker comes back on the same port. The broker dies with the test process.
+class MosquittoBroker {
+ public:
+  struct Options {
+    // Saves sessions when the broker stops and loads them when it starts, so
+    // that a subscriber with clean_session false keeps its subscription and
+    // the messages published for it while it was away.
+    bool keepSessions = false;
+  };
+
+  // Starts the broker and returns once it accepts connections. Throws
+  // std::runtime_error, with the broker's log, when it does not come up.
+  MosquittoBroker();
+  explicit MosquittoBroker(Options options);
+  ~MosquittoBroker();
+  MosquittoBroker(const MosquittoBroker&) = delete;
+  MosquittoBroker& operator=(const MosquittoBroker&) = delete;
+
+  int port() const { return port_; }
+  // "127.0.0.1:<port>", as the "broker" configuration key takes it.
+  std::string address() const;
+
+  // Starts the stopped broker again on the same port; returns once it
+  // accepts connections.
+  void start();
+  // Stops the broker (SIGTERM) and returns once it has exited.
+  void stop();
+
+ private:
+  void writeConfig() const;
+  bool tryStart(std::string& failure);
+  std::string logText() const;
+
+  Options options_;
+  std::string directory_;
+  int port_ = 0;
+  pid_t pid_ = -1;  // -1 while stopped
+};
+
+// A loopback port that was free a moment ago (bound to port 0, then closed).
+int freeLoopbackPort();
+
+}  // namespace testbed
+
+#endif  // KSCDP_TESTS_INTEGRATION_MOSQUITTO_BROKER_H_

@@ -1,0 +1,96 @@
+#include "mqtt_subscriber.h"
+
+#include <mosquitto.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <stdexcept>
+
+namespace testbed {
+namespace {
+
+const int kKeepAliveSeconds = 30;
+const std::chrono::seconds kSubscribeTimeout(10);
+
+std::string uniqueClientId() {
+  static std::atomic<int> counter{0};
+  return "kscdp-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
+}
+
+}  // namespace
+
+MqttSubscriber::MqttSubscriber(int port, const std::string& topic) : topic_(topic) {
+  mosquitto_lib_init();
+  client_ = mosquitto_new(uniqueClientId().c_str(), false, this);
+  if (client_ == nullptr) throw std::runtime_error("mosquitto_new failed");
+  mosquitto_connect_callback_set(client_, &MqttSubscriber::onConnect);
+  mosquitto_subscribe_callback_set(client_, &MqttSubscriber::onSubscribe);
+  mosquitto_message_callback_set(client_, &MqttSubscriber::onMessage);
+  mosquitto_reconnect_delay_set(client_, 1, 1, false);
+  int result = mosquitto_connect(client_, "127.0.0.1", port, kKeepAliveSeconds);
+  if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_start(client_);
+  if (result != MOSQ_ERR_SUCCESS) {
+    mosquitto_destroy(client_);
+    throw std::runtime_error(std::string("subscriber cannot connect: ") + mosquitto_strerror(result));
+  }
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (!changed_.wait_for(lock, kSubscribeTimeout, [this] { return subscribed_; })) {
+    lock.unlock();
+    mosquitto_disconnect(client_);
+    mosquitto_loop_stop(client_, false);
+    mosquitto_destroy(client_);
+    throw std::runtime_error("the broker did not confirm the subscription to " + topic);
+  }
+}
+
+MqttSubscriber::~MqttSubscriber() {
+  mosquitto_disconnect(client_);
+  mosquitto_loop_stop(client_, false);
+  mosquitto_destroy(client_);
+}
+
+MqttSubscriber::Messages MqttSubscriber::waitUntil(const std::function<bool(const Messages&)>& done,
+                                                   std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, timeout, [&] { return done(messages_); });
+  return messages_;
+}
+
+MqttSubscriber::Messages MqttSubscriber::waitForCount(size_t count, std::chrono::milliseconds timeout) {
+  return waitUntil([count](const Messages& messages) { return messages.size() >= count; }, timeout);
+}
+
+void MqttSubscriber::onConnect(struct mosquitto* client, void* self, int code) {
+  // Subscribing again after a reconnect is harmless and covers a broker
+  // that lost the session.
+  if (code == 0) mosquitto_subscribe(client, nullptr, static_cast<MqttSubscriber*>(self)->topic_.c_str(), 1);
+}
+
+void MqttSubscriber::onSubscribe(struct mosquitto* /*client*/, void* self, int /*messageId*/, int /*count*/,
+                                 const int* /*grantedQos*/) {
+  auto* subscriber = static_cast<MqttSubscriber*>(self);
+  std::lock_guard<std::mutex> lock(subscriber->mutex_);
+  subscriber->subscribed_ = true;
+  subscriber->changed_.notify_all();
+}
+
+void MqttSubscriber::onMessage(struct mosquitto* /*client*/, void* self, const struct mosquitto_message* message) {
+  auto* subscriber = static_cast<MqttSubscriber*>(self);
+  std::lock_guard<std::mutex> lock(subscriber->mutex_);
+  const auto* bytes = static_cast<const char*>(message->payload);
+  subscriber->messages_.push_back(message->payloadlen > 0 ? std::string(bytes, static_cast<size_t>(message->payloadlen))
+                                                          : std::string());
+  subscriber->changed_.notify_all();
+}
+
+MqttSubscriber::Messages withoutRepeats(const MqttSubscriber::Messages& messages) {
+  std::set<std::string> seen;
+  MqttSubscriber::Messages distinct;
+  for (const std::string& message : messages) {
+    if (seen.insert(message).second) distinct.push_back(message);
+  }
+  return distinct;
+}
+
+}  // namespace testbed
