@@ -15,7 +15,7 @@
 
 namespace {
 
-void logContained(const std::string& function, const char* what) noexcept {
+void logContained(const char* function, const char* what) noexcept {
   try {
     ksu_logmsg_str(16, function, std::string("Exception occured: ") + what);
   } catch (...) {
@@ -27,7 +27,7 @@ void logContained(const std::string& function, const char* what) noexcept {
 // exception under `function` and returns its code: the service layer's or
 // the REST client's own, -1 for anything else.
 template <typename Operation>
-int contained(const std::string& function, Operation operation) noexcept {
+int contained(const char* function, Operation operation) noexcept {
   try {
     return operation();
   } catch (const KSServiceException& e) {
@@ -54,7 +54,7 @@ std::string requiredText(const char* text, const char* what) {
 extern "C" {
 
 int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id) {
-  const std::string function = "raise_backup_alert";
+  static const char function[] = "raise_backup_alert";
   contained(function, [&] {
     const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
     const std::string jobId = requiredText(job_id, "Job id");
@@ -66,7 +66,7 @@ int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id) {
 }
 
 int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested) {
-  const std::string function = "call_evict_data";
+  static const char function[] = "call_evict_data";
   return contained(function, [&] {
     const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
     gateway->requestEviction(passes, evict_list, requested);
@@ -75,7 +75,7 @@ int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** reques
 }
 
 int call_check_eviction_progress(int nodes, vm_node_list** requested) {
-  const std::string function = "call_check_eviction_progress";
+  static const char function[] = "call_check_eviction_progress";
   return contained(function, [&] {
     const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
     gateway->getEvictionStatus(nodes, requested);
@@ -84,7 +84,7 @@ int call_check_eviction_progress(int nodes, vm_node_list** requested) {
 }
 
 int stop_alert_thread(void) {
-  const std::string function = "stop_alert_thread";
+  static const char function[] = "stop_alert_thread";
   contained(function, [&] {
     ksu_logmsg_str(4, function,
                    "Stopping Alert Service thread which publishes the events to master server's MQBroker");
