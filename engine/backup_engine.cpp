@@ -1,0 +1,97 @@
+// The engine's four calls. Each makes a gateway, runs one operation and turns
+// whatever goes wrong into a log line and its result: no exception leaves.
+#include "engine/backup_engine.h"
+
+#include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
+#include <exception>
+#include <string>
+
+#include "gateway/KeepstoneServiceGateway.h"
+#include "platform/ksu_log.h"
+#include "rest/CCTCurlWrapper.h"
+#include "services/AlertServiceImpl.h"
+#include "services/KSServiceException.h"
+
+namespace {
+
+void logContained(const char* function, const char* what) noexcept {
+  try {
+    ksu_logmsg_str(16, function, std::string("Exception occured: ") + what);
+  } catch (...) {
+    // Nothing is left to report with; the engine must still get its result.
+  }
+}
+
+// Runs `operation` and returns its result, or, when it throws, logs the
+// exception under `function` and returns its code: the service layer's or
+// the REST client's own, -1 for anything else.
+template <typename Operation>
+int contained(const char* function, Operation operation) noexcept {
+  try {
+    return operation();
+  } catch (const KSServiceException& e) {
+    logContained(function, e.what());
+    return e.m_code;
+  } catch (const KSCurlWrapperException& e) {
+    logContained(function, e.what());
+    return e.m_code;
+  } catch (const std::exception& e) {
+    logContained(function, e.what());
+  } catch (...) {
+    logContained(function, "unknown exception");
+  }
+  return -1;
+}
+
+std::string requiredText(const char* text, const char* what) {
+  if (text == nullptr) throw KSServiceException(20, std::string(what) + " is null");
+  return text;
+}
+
+}  // namespace
+
+extern "C" {
+
+int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id) {
+  static const char function[] = "raise_backup_alert";
+  contained(function, [&] {
+    const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
+    const std::string jobId = requiredText(job_id, "Job id");
+    const std::string vmId = requiredText(vm_id, "VM identifier");
+    gateway->raiseAlert(vmId, alert_code, jobId);
+    return 0;
+  });
+  return 0;
+}
+
+int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested) {
+  static const char function[] = "call_evict_data";
+  return contained(function, [&] {
+    const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
+    gateway->requestEviction(passes, evict_list, requested);
+    return 0;
+  });
+}
+
+int call_check_eviction_progress(int nodes, vm_node_list** requested) {
+  static const char function[] = "call_check_eviction_progress";
+  return contained(function, [&] {
+    const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
+    gateway->getEvictionStatus(nodes, requested);
+    return 0;
+  });
+}
+
+int stop_alert_thread(void) {
+  static const char function[] = "stop_alert_thread";
+  contained(function, [&] {
+    ksu_logmsg_str(4, function,
+                   "Stopping Alert Service thread which publishes the events to master server's MQBroker");
+    NotificationInterface::destroyInstance();
+    return 0;
+  });
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,14 @@
+// A made-up set of protected VMs, the same for the same seed.
+#ifndef KSCDP_TOOLS_ENGINE_SIM_FLEET_H_
+#define KSCDP_TOOLS_ENGINE_SIM_FLEET_H_
+
+#include <cstdint>
+#include <vector>
+
+#include "engine/eviction_data.h"
+
+// `count` zeroed records with a 32-hex-digit vm_id, a size in MiB between
+// 8 GiB and 2 TiB, one of a few policies and evict_type 1.
+std::vector<evict_vm_info> makeFleet(int count, uint64_t seed);
+
+#endif  // KSCDP_TOOLS_ENGINE_SIM_FLEET_H_

@@ -1,0 +1,171 @@
+// kscdp-engine-sim: drives libkscdp.so the way the CDP engine does. Builds an
+// evict list, evicts it, polls until every VM is done or time runs out,
+// raises a few sample alerts, stops the alert thread and prints a summary.
+// Exit status: 0 when every VM was reported done, 1 when not, 2 for bad usage
+// or a library that cannot be used.
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine_library.h"
+#include "fleet.h"
+
+namespace {
+
+struct Options {
+  std::string library;
+  int vms = 8;
+  uint64_t seed = 1;
+  double pollInterval = 1.0;
+  double timeout = 60.0;
+};
+
+const char kUsage[] =
+    "usage: kscdp-engine-sim [--library PATH] [--vms N] [--seed N]\n"
+    "                        [--poll-interval SECONDS] [--timeout SECONDS]\n";
+
+std::string besideThisProgram(const std::string& relative) {
+  char path[4096];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+  if (length <= 0) return relative;
+  std::string self(path, static_cast<size_t>(length));
+  return self.substr(0, self.rfind('/') + 1) + relative;
+}
+
+bool parseOptions(int argc, char** argv, Options& options) {
+  options.library = besideThisProgram("../lib/libkscdp.so");
+  for (int i = 1; i < argc; ++i) {
+    const std::string name = argv[i];
+    if (name == "--help" || name == "-h") return false;
+    if (i + 1 >= argc) {
+      std::fprintf(stderr, "kscdp-engine-sim: %s needs a value\n", name.c_str());
+      return false;
+    }
+    const char* value = argv[++i];
+    char* end = nullptr;
+    errno = 0;
+    if (name == "--library") {
+      options.library = value;
+      continue;
+    } else if (name == "--vms") {
+      options.vms = static_cast<int>(std::strtol(value, &end, 10));
+    } else if (name == "--seed") {
+      options.seed = std::strtoull(value, &end, 10);
+    } else if (name == "--poll-interval") {
+      options.pollInterval = std::strtod(value, &end);
+    } else if (name == "--timeout") {
+      options.timeout = std::strtod(value, &end);
+    } else {
+      std::fprintf(stderr, "kscdp-engine-sim: unknown option %s\n", name.c_str());
+      return false;
+    }
+    if (errno != 0 || end == value || *end != '\0') {
+      std::fprintf(stderr, "kscdp-engine-sim: bad value for %s: %s\n", name.c_str(), value);
+      return false;
+    }
+  }
+  if (options.vms < 1 || options.pollInterval < 0 || options.timeout < 0) {
+    std::fprintf(stderr, "kscdp-engine-sim: --vms must be at least 1, times not negative\n");
+    return false;
+  }
+  return true;
+}
+
+int countDone(const std::vector<evict_vm_info>& fleet) {
+  int done = 0;
+  for (const evict_vm_info& vm : fleet) done += vm.evict_state == 2;
+  return done;
+}
+
+const char* stateName(int32_t state) {
+  switch (state) {
+    case 1: return "REQUESTED";
+    case 2: return "DONE";
+    default: return "NOT REQUESTED";
+  }
+}
+
+void printSummary(const std::vector<evict_vm_info>& fleet) {
+  std::printf("\n%-32s  %14s  %-12s  %10s  %s\n", "VM", "SIZE (MiB)", "POLICY", "JOB ID", "STATE");
+  for (const evict_vm_info& vm : fleet) {
+    std::printf("%-32.32s  %14llu  %-12s  %10llu  %s\n", vm.vm_id, static_cast<unsigned long long>(vm.vm_size),
+                vm.policy_name, static_cast<unsigned long long>(vm.job_id), stateName(vm.evict_state));
+  }
+}
+
+// Polls until every VM is done or the time limit passes, keeping one live
+// progress line on a terminal (one line per change otherwise).
+void pollUntilDone(const EngineLibrary& library, const Options& options, std::vector<evict_vm_info>& fleet,
+                   vm_node_list** requested) {
+  const bool live = isatty(STDOUT_FILENO) != 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int total = static_cast<int>(fleet.size());
+  int shown = -1;
+  for (;;) {
+    const int result = library.call_check_eviction_progress(total, requested);
+    const int done = countDone(fleet);
+    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (live) {
+      std::printf("\rpolling: %d/%d VMs done, %.1fs elapsed, last result %d   ", done, total, elapsed, result);
+      std::fflush(stdout);
+    } else if (done != shown) {
+      std::printf("polling: %d/%d VMs done, %.1fs elapsed, last result %d\n", done, total, elapsed, result);
+    }
+    shown = done;
+    if (done == total || elapsed >= options.timeout) break;
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.pollInterval));
+  }
+  if (live) std::printf("\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parseOptions(argc, argv, options)) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  EngineLibrary library;
+  std::string error;
+  if (!library.load(options.library, error)) {
+    std::fprintf(stderr, "kscdp-engine-sim: %s\n", error.c_str());
+    return 2;
+  }
+  std::printf("library: %s (release %s)\n", options.library.c_str(), library.release + std::strlen("\n@(#) "));
+
+  std::vector<evict_vm_info> fleet = makeFleet(options.vms, options.seed);
+  evict_vm_list* evictList = nullptr;
+  if (library.initialize_evlist(&evictList, options.vms) != 0) {
+    std::fprintf(stderr, "kscdp-engine-sim: initialize_evlist failed\n");
+    return 2;
+  }
+  for (evict_vm_info& vm : fleet) library.insert_vm_into_evlist(evictList, &vm);
+
+  vm_node_list* requested = nullptr;
+  std::printf("evicting %d VMs, largest first\n", options.vms);
+  const int evictResult = library.call_evict_data(options.vms, evictList, &requested);
+  std::printf("call_evict_data: %d\n", evictResult);
+
+  pollUntilDone(library, options, fleet, &requested);
+
+  const evict_vm_info& sample = fleet.front();
+  for (int code : {2, 18, 501, 503}) library.raise_backup_alert(sample.vm_id, code, "");
+  std::printf("raised sample alerts 2, 18, 501, 503 for VM %s\n", sample.vm_id);
+  library.stop_alert_thread();
+
+  printSummary(fleet);
+  library.delete_from_vm_list(&requested);
+  library.delete_evlist(evictList);
+  const int done = countDone(fleet);
+  std::printf("\n%d of %d VMs done\n", done, options.vms);
+  library.unload();
+  return done == options.vms ? 0 : 1;
+}
