@@ -1,0 +1,147 @@
+// The engine's four calls through the real libkscdp.so, loaded with dlopen as
+// the engine loads it, against the master simulator and a mosquitto broker on
+// loopback.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "engine_library.h"
+#include "master_sim/MasterSimulator.h"
+#include "mosquitto_broker.h"
+#include "mqtt_subscriber.h"
+#include "standin_environment.h"
+
+namespace {
+
+const char kTopic[] = "keepstone/notifications";
+const std::chrono::seconds kDeliveryTimeout(20);
+
+std::string eventPayload(const std::string& key, const char* priority, const char* severity,
+                         const std::string& attributes) {
+  return std::string(R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP",)") +
+         R"("notificationType":"CDP Backup Engine","priority":")" + priority + R"(","severity":")" + severity +
+         R"(","messageKey":")" + key + R"(","attributes":{)" + attributes + "}}";
+}
+
+class EngineEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(library_.load(KSCDP_LIBRARY_PATH, error)) << error;
+    ASSERT_TRUE(master_.start());
+    integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + master_.url() +
+                             "\nksqd_url = " + master_.url() + "\nbroker = " + broker_.address() + "\n");
+    logStart_ = integration::logText().size();
+  }
+
+  void TearDown() override {
+    library_.stop_alert_thread();
+    library_.delete_from_vm_list(&requested_);
+    library_.delete_evlist(evictList_);
+    library_.unload();
+  }
+
+  void evictList(const std::vector<std::pair<const char*, uint64_t>>& vms) {
+    ASSERT_EQ(library_.initialize_evlist(&evictList_, static_cast<int>(vms.size())), 0);
+    for (const auto& named : vms) {
+      vms_.emplace_back();
+      evict_vm_info& vm = vms_.back();
+      std::memset(&vm, 0, sizeof vm);
+      std::snprintf(vm.vm_id, sizeof vm.vm_id, "%s", named.first);
+      std::snprintf(vm.policy_name, sizeof vm.policy_name, "policy-%llu",
+                    static_cast<unsigned long long>(named.second));
+      vm.vm_size = named.second;
+      ASSERT_EQ(library_.insert_vm_into_evlist(evictList_, &vm), 0);
+    }
+  }
+
+  std::string newLog() const { return integration::logText().substr(logStart_); }
+
+  EngineLibrary library_;
+  testbed::MosquittoBroker broker_;
+  testbed::MqttSubscriber subscriber_{broker_.port(), kTopic};
+  master_sim::MasterSimulator master_;
+  std::deque<evict_vm_info> vms_;
+  evict_vm_list* evictList_ = nullptr;
+  vm_node_list* requested_ = nullptr;
+  size_t logStart_ = 0;
+};
+
+TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
+  const char* small = "00000000000000000000000000000001";
+  const char* large = "00000000000000000000000000000002";
+  evictList({{small, 10}, {large, 20}});
+
+  ASSERT_EQ(library_.call_evict_data(2, evictList_, &requested_), 0);
+  EXPECT_EQ(vms_[1].job_id, 1000u);  // largest first
+  EXPECT_EQ(vms_[0].job_id, 1001u);
+  EXPECT_EQ(vms_[0].evict_state, 1);
+  EXPECT_EQ(evictList_->count, 0);
+
+  ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
+  EXPECT_EQ(vms_[0].evict_state, 1);  // the jobs are still running
+  master_.advanceTime(2.0);
+  ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
+  EXPECT_EQ(vms_[0].evict_state, 2);
+  EXPECT_EQ(vms_[1].evict_state, 2);
+
+  std::vector<std::string> paths;
+  for (const master_sim::RecordedRequest& request : master_.requests()) paths.push_back(request.method + " " + request.path);
+  EXPECT_EQ(paths, (std::vector<std::string>{"POST /ksqd/1", "POST /ksqd/1", "GET /keepstone/admin/jobs/1001",
+                                             "GET /keepstone/admin/jobs/1000", "GET /keepstone/admin/jobs/1001",
+                                             "GET /keepstone/admin/jobs/1000"}));
+
+  EXPECT_EQ(library_.raise_backup_alert(large, 45, ""), 0);
+  EXPECT_EQ(library_.stop_alert_thread(), 0);
+  const std::string start = "eventlog.omra.ksu.cdp.eviction.start";
+  const testbed::MqttSubscriber::Messages expected = {
+      eventPayload(start, "LOW", "INFO",
+                   R"("jobid":"1000","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000002")"),
+      eventPayload(start, "LOW", "INFO",
+                   R"("jobid":"1001","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000001")"),
+      eventPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
+  };
+  EXPECT_EQ(testbed::withoutRepeats(subscriber_.waitForCount(expected.size(), kDeliveryTimeout)), expected);
+
+  const std::string log = newLog();
+  EXPECT_NE(log.find(" 16 KeepstoneServiceGateway::requestEviction: VM: " + std::string(large) +
+                     "\\nPolicy: policy-20\\nVM Size: 20\\nEviction Type: 0\\nMaster server: 127.0.0.1\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find(" 4 JobServiceImpl::handleRequest: Invoking jobs URI: keepstone/admin/jobs/1000\n"),
+            std::string::npos);
+  EXPECT_NE(log.find(" 4 stop_alert_thread: Stopping Alert Service thread which publishes the events to master "
+                     "server's MQBroker\n"),
+            std::string::npos);
+}
+
+TEST_F(EngineEndToEndTest, RefusedRequestKeepsTheVmAndAlertsTheFailure) {
+  master_sim::PolicyFaults refused;
+  refused.httpStatus = 503;
+  master_.setPolicyFaults("policy-20", refused);
+  const char* vm = "0123456789abcdef0123456789abcdef";
+  evictList({{vm, 20}});
+
+  ASSERT_EQ(library_.call_evict_data(1, evictList_, &requested_), 0);
+  EXPECT_EQ(evictList_->count, 1);
+  EXPECT_EQ(requested_, nullptr);
+  EXPECT_EQ(vms_[0].evict_state, 0);
+  EXPECT_EQ(library_.call_check_eviction_progress(1, nullptr), 20);
+  library_.stop_alert_thread();
+
+  EXPECT_EQ(subscriber_.waitForCount(1, kDeliveryTimeout).front(),
+            eventPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
+                         R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"));
+  const std::string log = newLog();
+  EXPECT_NE(log.find("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find(" 16 call_check_eviction_progress: Exception occured: Eviction list to check status is null\n"),
+            std::string::npos);
+}
+
+}  // namespace
