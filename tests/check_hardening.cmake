@@ -1,0 +1,11 @@
+# Fails unless LIBRARY is linked with full RELRO and immediate binding.
+execute_process(COMMAND readelf -W -l -d ${LIBRARY} OUTPUT_VARIABLE elf RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "readelf failed on ${LIBRARY}")
+endif()
+foreach(mark "GNU_RELRO" "BIND_NOW")
+  string(FIND "${elf}" "${mark}" found)
+  if(found EQUAL -1)
+    message(FATAL_ERROR "${LIBRARY} lacks ${mark}")
+  endif()
+endforeach()
