@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <sstream>
+
 namespace fake {
 namespace {
 CurlScript g_script;
@@ -55,9 +57,11 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
     : m_responseCode(0), m_state(nullptr) {
   using namespace fake;
   if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
-  g_clients.push_back({host, port, certType, sessionType, tokenManager, clientId, verifyPeer, useProxy,
-                       useCookies, certFile, keyFile, keyPassword, caPath, proxyUrl, userAgent, verbose,
-                       cancelFlag, interfaceName, retryCount, {}});
+  std::ostringstream others;
+  others << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
+         << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|'
+         << verbose << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
+  g_clients.push_back({host, port, certType, sessionType, tokenManager, others.str(), {}});
   m_state = new State;
   m_state->index = g_clients.size() - 1;
   ++g_live;

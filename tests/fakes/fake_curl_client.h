@@ -32,27 +32,15 @@ struct CurlScript {
   std::exception_ptr requestThrows;      // thrown by every get/post while set
 };
 
-// The 19 constructor arguments of one client, and what was done with it.
+// The constructor arguments of one client, and what was done with it.
 struct CurlClientRecord {
   std::string host;
   int port;
   cert_type certType;
   KSCurlSessionType sessionType;
   TokenManager_Base* tokenManager;
-  std::string clientId;
-  bool verifyPeer;
-  bool useProxy;
-  bool useCookies;
-  std::string certFile;
-  std::string keyFile;
-  std::string keyPassword;
-  std::string caPath;
-  std::string proxyUrl;
-  std::string userAgent;
-  bool verbose;
-  bool cancelFlag;  // its value at construction
-  std::string interfaceName;
-  int retryCount;
+  // The other fourteen, in order, joined by "|"; bools as 1 and 0.
+  std::string otherArguments;
   std::vector<std::string> acceptMediaTypes;  // every setupAcceptCurlOption call
 };
 

@@ -1,9 +1,6 @@
-// Scriptable fake of the request-daemon call. It records every call and hands
-// back a scripted result and answer; answers come from malloc and are tracked
-// until they reach free, so tests can check that each one is released.
-//
-// Programs that link the fakes have free wrapped (-Wl,--wrap=free) so that the
-// fake sees every free of the code under test.
+// Scriptable fake of the request-daemon call: records every call and hands
+// back a scripted result and a malloc'ed answer, which the caller must free
+// (the sanitizer build reports one that is not).
 #ifndef KSCDP_TESTS_FAKES_FAKE_KSQD_H_
 #define KSCDP_TESTS_FAKES_FAKE_KSQD_H_
 
@@ -14,14 +11,13 @@
 namespace fake {
 
 struct KsqdCall {
-  std::string masterServer;  // "<null>" when the caller passed null
+  std::string masterServer;
   int kind;
-  std::string request;  // "<null>" when the caller passed null
+  std::string request;
 };
 
 // What the next invoke_ksqd_cct_request calls do. As the real client, the
-// fake sets the answer only with a 0 result; with hasAnswer false a 0 result
-// leaves the answer as the caller set it.
+// fake sets the answer only with a 0 result, and not at all without hasAnswer.
 struct KsqdScript {
   int result = 0;
   bool hasAnswer = true;
@@ -32,9 +28,6 @@ struct KsqdScript {
 
 KsqdScript& ksqdScript();
 const std::vector<KsqdCall>& ksqdCalls();
-// Answers handed out and not yet released with free.
-int outstandingKsqdAnswers();
-// Frees what is still outstanding, forgets the calls, restores the script.
 void resetKsqd();
 
 }  // namespace fake

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -192,60 +191,54 @@ TEST_F(AlertPublishing, RejectedRecordsTouchNothing) {
   EXPECT_EQ(successor.calls, 0);
   EXPECT_EQ(fake::suppliersConstructed(), 0);
   EXPECT_TRUE(fake::logLines().empty());
-}
 
-TEST_F(AlertPublishing, AlertServiceEndsTheChain) {
-  AlertServiceImpl alert;
-  CountingHandler successor;
-  alert.setNext(&successor);
+  // A valid record is published, and the alert service still ends the chain.
   fake::notificationScript().sendResult = -3;
   AlertServiceData record;
   EXPECT_EQ(alert.handleRequest(&record), -3);
   EXPECT_EQ(successor.calls, 0);
 }
 
-TEST_F(AlertPublishing, OneSupplierServesEveryAlertUntilItIsDestroyed) {
-  auto record = alertRecord(0, 0, {{"uuid", "a"}});
-  raise(*record);
-  raise(*record);
-  EXPECT_EQ(fake::suppliersConstructed(), 1);
-
-  NotificationInterface::destroyInstance();
-  NotificationInterface::destroyInstance();
-  EXPECT_EQ(fake::suppliersShutDown(), 1);
-  EXPECT_EQ(fake::suppliersDestroyed(), 1);
-
-  raise(*record);
-  EXPECT_EQ(fake::suppliersConstructed(), 2);
-  ASSERT_EQ(fake::sentNotifications().size(), 3u);
-  EXPECT_EQ(fake::sentNotifications()[1].supplier, 1);
-  EXPECT_EQ(fake::sentNotifications()[2].supplier, 2);
+TEST(AlertHelper, PriorityTexts) {
+  const struct {
+    int32_t value;
+    const char* text;
+  } cases[] = {{0, "LOW"}, {1, "MEDIUM"}, {2, "HIGH"}, {3, ""}, {-1, ""}, {INT32_MAX, ""}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(c.value)), c.text) << c.value;
+  }
 }
 
-TEST_F(AlertPublishing, SupplierFailuresReachTheCallerAndKeepTheHolderConsistent) {
-  AlertServiceData record;
-  record.insertAttribute("uuid", "a");
+TEST(AlertHelper, SeverityTexts) {
+  const struct {
+    int32_t value;
+    const char* text;
+  } cases[] = {{0, "INFO"},     {1, "DEBUG"},  {2, "WARNING"}, {3, "ERROR"},
+               {4, "CRITICAL"}, {5, "NOTICE"}, {6, "UNKNOWN"}, {-1, "UNKNOWN"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(AlertHelper::getSeverity(static_cast<AlertSeverity>(c.value)), c.text) << c.value;
+  }
+}
 
-  fake::notificationScript().constructorThrows = true;
-  EXPECT_THROW(raise(record), std::runtime_error);
-  EXPECT_EQ(fake::suppliersConstructed(), 0);
-  fake::notificationScript().constructorThrows = false;
-
-  fake::notificationScript().sendThrows = true;
-  EXPECT_THROW(raise(record), std::runtime_error);
-  EXPECT_EQ(fake::suppliersConstructed(), 1);
-  EXPECT_EQ(record.attributes.count("server"), 1u);  // the host service had done its part
-  fake::notificationScript().sendThrows = false;
-
-  fake::notificationScript().shutdownThrows = true;
-  EXPECT_THROW(NotificationInterface::destroyInstance(), std::runtime_error);
-  EXPECT_EQ(fake::suppliersDestroyed(), 0);
-  fake::notificationScript().shutdownThrows = false;
-
-  raise(record);  // the supplier that failed to shut down is still the one in use
-  EXPECT_EQ(fake::suppliersConstructed(), 1);
-  NotificationInterface::destroyInstance();
-  EXPECT_EQ(fake::suppliersDestroyed(), 1);
+TEST(AlertHelper, ConvertsCctidToUuidAndLogsEachConversion) {
+  const struct {
+    const char* cctid;
+    const char* uuid;
+  } cases[] = {
+      {"0123456789abcdef0123456789abcdef", "01234567-89ab-cdef-0123-456789abcdef"},
+      {"", ""},
+      {"12345678", "12345678"},
+      {"123456789", "12345678-9"},
+      {"0123456789ABCDEF0123456789ABCDEF01", "01234567-89AB-CDEF-0123-456789ABCDEF01"},
+      {"01234567-89ab-cdef-0123-456789abcdef", "01234567--89a-b-cd-ef-0-123-456789abcdef"},
+  };
+  for (const auto& c : cases) {
+    fake::resetPlatform();
+    EXPECT_EQ(AlertHelper::convertCCTIDToUUID(c.cctid), c.uuid) << c.cctid;
+    const fake::LogLine expected{2, "AlertHelper::convertCCTIDToUUID",
+                                 std::string("Converting CCTID: ") + c.cctid + ", UUID: " + c.uuid};
+    EXPECT_EQ(fake::logLines(), std::vector<fake::LogLine>{expected}) << c.cctid;
+  }
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -151,29 +150,6 @@ TEST_F(JobServiceTest, RestClientFailureBecomesServiceFailure) {
                                      "KSCurl Exception occured, error code: 7\nException message: connection reset"}));
 }
 
-TEST_F(JobServiceTest, OtherClientExceptionsPassThrough) {
-  fake::curlScript().requestThrows = std::make_exception_ptr(std::runtime_error("socket trouble"));
-  JobServiceImpl handler;
-  EXPECT_THROW(handler.handleRequest(&job_), std::runtime_error);
-  expectRecordUntouched();
-  EXPECT_EQ(fake::logLinesOf(kLogName).size(), 1u);  // only "Invoking jobs URI"
-}
-
-TEST_F(JobServiceTest, ForwardsTheFilledRecord) {
-  struct Successor : KSUServiceImpl {
-    int handleRequest(ServiceData* data) override {
-      seenState = dynamic_cast<JobServiceData*>(data)->jobState;
-      return 42;
-    }
-    std::string seenState;
-  } successor;
-  fake::curlScript().answers = {answer(200, jobDocument("QUEUED"))};
-  JobServiceImpl handler;
-  handler.setNext(&successor);
-  EXPECT_EQ(handler.handleRequest(&job_), 42);
-  EXPECT_EQ(successor.seenState, "QUEUED");
-}
-
 TEST_F(JobServiceTest, MissingStatusReportsZero) {
   fake::curlScript().answers = {answer(200, R"({"data":{"attributes":{"state":"DONE"}}})")};
   JobServiceImpl handler;
@@ -195,13 +171,10 @@ TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {
       {R"({"data":{"attributes":{"state":"DONE","status":0}}})", "", "DONE", 0},
       {R"({"data":{"attributes":{"state":"ACTIVE"}}})", "", "ACTIVE", -7},
       {R"({"data":{"attributes":{"state":"DONE","status":4294967297}}})", "", "DONE", 1},
-      {R"({"data":{"attributes":{"state":"DONE","status":-2}}})", "", "DONE", -2},
       {R"({"data":{"attributes":{"state":"DONE","status":"3"}}})", "", "DONE", 0},
       {R"({"x":[1],"data":{"y":{},"attributes":{"z":true,"state":"QUEUED","status":5}}})", "", "QUEUED", 5},
       {"", kUnparsable, "", 0},
-      {"not json", kUnparsable, "", 0},
       {"42", kUnparsable, "", 0},
-      {"null", kUnparsable, "", 0},
       {R"({"data":{"attributes":{"state":"DONE"}})", kUnparsable, "", 0},
       {tooDeep, kUnparsable, "", 0},
       {R"({"data":{"attributes":{"state":"A\u0000B"}}})", kUnparsable, "", 0},
@@ -209,11 +182,8 @@ TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {
       {R"([{"data":{"attributes":{"state":"DONE"}}}])", kMissing + "data", "", 0},
       {deepArray, kMissing + "data", "", 0},
       {R"({"data":[{"attributes":{"state":"DONE"}}]})", kMissing + "attributes", "", 0},
-      {R"({"data":{}})", kMissing + "attributes", "", 0},
       {R"({"data":{"attributes":[{"state":"DONE"}]}})", kMissing + "jobstate", "", 0},
-      {R"({"data":{"attributes":{"status":0}}})", kMissing + "jobstate", "", 0},
       {R"({"data":{"attributes":{"state":5,"status":1}}})", kMissing + "jobstate", "", 0},
-      {R"({"data":{"attributes":{"state":{"name":"DONE"}}}})", kMissing + "jobstate", "", 0},
   };
   fake::resetPlatform();
   const JobServiceImpl handler;
