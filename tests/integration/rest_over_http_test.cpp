@@ -1,5 +1,6 @@
 // The REST client, the job service and the backup handler over real HTTP,
 // through the stand-in platform, against the master simulator.
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,6 +19,16 @@ KSCurlRequestParams getJob(int64_t id) {
   params.uri = "keepstone/admin/jobs/" + std::to_string(id);
   params.requestType = 0;
   return params;
+}
+
+// "<code> <message>" of the KSServiceException that `handle` throws.
+std::string serviceError(const std::function<void()>& handle) {
+  try {
+    handle();
+  } catch (const KSServiceException& e) {
+    return std::to_string(e.m_code) + " " + e.what();
+  }
+  return "no exception";
 }
 
 using RestOverHttp = integration::MasterOnLoopback;
@@ -79,13 +90,7 @@ TEST_F(RestOverHttp, NoServerMeansCodeZeroOneLogLineAndAParseFailure) {
   JobServiceImpl handler;
   JobServiceData job;
   job.jobId = 1;
-  try {
-    handler.handleRequest(&job);
-    ADD_FAILURE() << "no exception";
-  } catch (const KSServiceException& e) {
-    EXPECT_EQ(e.m_code, 130);
-    EXPECT_STREQ(e.what(), "Could not parse Jobs API response message.");
-  }
+  EXPECT_EQ(serviceError([&] { handler.handleRequest(&job); }), "130 Could not parse Jobs API response message.");
 }
 
 TEST_F(RestOverHttp, BackupStartsAJobTheJobsInterfaceKnowsOrCarriesTheDaemonsRefusal) {
@@ -106,13 +111,8 @@ TEST_F(RestOverHttp, BackupStartsAJobTheJobsInterfaceKnowsOrCarriesTheDaemonsRef
   EvictionServiceData refused;
   refused.policyName = "silver";
   refused.masterServerName = "127.0.0.1";
-  try {
-    backup.handleRequest(&refused);
-    ADD_FAILURE() << "no exception";
-  } catch (const KSServiceException& e) {
-    EXPECT_EQ(e.m_code, 25);
-    EXPECT_STREQ(e.what(), "Failed to invoke Ksqd CCT request. Return code:77");
-  }
+  EXPECT_EQ(serviceError([&] { backup.handleRequest(&refused); }),
+            "25 Failed to invoke Ksqd CCT request. Return code:77");
   EXPECT_EQ(refused.jobId, 0u);
 }
 
