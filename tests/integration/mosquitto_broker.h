@@ -41,9 +41,9 @@ class MosquittoBroker {
   void stop();
 
  private:
-  void writeConfig() const;
+  // Writes the configuration, runs the broker and waits until it accepts
+  // connections; false, with its log in `failure`, when it does not.
   bool tryStart(std::string& failure);
-  std::string logText() const;
 
   Options options_;
   std::string directory_;

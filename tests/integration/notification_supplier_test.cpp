@@ -1,15 +1,14 @@
 // The stand-in NotificationSupplier against a real mosquitto broker and a
 // real subscriber.
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
+#include "platform/standin/broker_address.h"
 #include "platform/standin/notification_payload.h"
 #include "standin_environment.h"
 
@@ -17,153 +16,132 @@ namespace {
 
 using testbed::MosquittoBroker;
 using testbed::MqttSubscriber;
-using testbed::withoutRepeats;
 using Messages = MqttSubscriber::Messages;
 
-const char kTopic[] = "keepstone/notifications";
 const std::chrono::seconds kDeliveryTimeout(20);
 
-NotificationEvent numberedEvent(int number) {
-  return NotificationEvent{1,      "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO",
-                           "eventlog.omra.ksu.cdp.fullsync.done",
-                           {{"seq", std::to_string(number)}, {"uuid", "01234567-89ab-cdef-0123-456789abcdef"}}};
+NotificationEvent eventWithKey(const std::string& key, const std::map<std::string, std::string>& attributes = {}) {
+  return NotificationEvent{1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", key, attributes};
 }
 
-// Sends events first..last, each of which must be accepted, and returns their payloads.
-Messages sendNumbered(NotificationSupplier& supplier, int first, int last) {
-  Messages payloads;
+// The wire form of such an event, with `key` and `attributes` as JSON text.
+std::string payloadWithKey(const std::string& key, const std::string& attributes = "") {
+  return R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP","notificationType":"CDP Backup Engine",)"
+         R"("priority":"LOW","severity":"INFO","messageKey":")" +
+         key + R"(","attributes":{)" + attributes + "}}";
+}
+
+// Sends events first..last, each of which must be accepted, and adds their payloads to `sent`.
+void sendNumbered(NotificationSupplier& supplier, int first, int last, Messages& sent) {
   for (int number = first; number <= last; ++number) {
-    NotificationEvent event = numberedEvent(number);
+    NotificationEvent event = eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
     EXPECT_EQ(supplier.send_notification(event), 0) << number;
-    payloads.push_back(standin::notificationPayload(event));
+    sent.push_back(standin::notificationPayload(event));
   }
-  return payloads;
-}
-
-Messages concat(Messages head, const Messages& tail) {
-  head.insert(head.end(), tail.begin(), tail.end());
-  return head;
-}
-
-// Waits until the subscriber has every payload of `expected` at least once.
-Messages waitForDistinct(MqttSubscriber& subscriber, const Messages& expected) {
-  return withoutRepeats(subscriber.waitUntil(
-      [&](const Messages& received) { return withoutRepeats(received).size() >= expected.size(); },
-      kDeliveryTimeout));
-}
-
-std::string configFor(const std::string& broker) {
-  return "server = master.invalid\nbroker = " + broker + "\n";
 }
 
 // A broker with a subscriber to the notification topic, and the master
 // configuration pointing the stand-in at it.
 struct BrokerWithSubscriber {
-  explicit BrokerWithSubscriber(MosquittoBroker::Options options = MosquittoBroker::Options())
-      : broker(options), subscriber(broker.port(), kTopic) {
-    integration::writeConfig(configFor(broker.address()));
+  explicit BrokerWithSubscriber(bool keepSessions) : broker({keepSessions}), subscriber(broker.port(), kTopic) {
+    integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\n");
   }
 
+  // Waits until the subscriber has every payload of `expected` at least once.
+  Messages receivedOnce(const Messages& expected) {
+    return testbed::withoutRepeats(subscriber.waitUntil(
+        [&](const Messages& got) { return testbed::withoutRepeats(got).size() >= expected.size(); }, kDeliveryTimeout));
+  }
+
+  static constexpr const char* kTopic = "keepstone/notifications";
   MosquittoBroker broker;
   MqttSubscriber subscriber;
 };
 
-const MosquittoBroker::Options kKeepSessions{true};
-
 class NotificationSupplierTest : public ::testing::Test {
  protected:
-  // What the stand-in has logged since the test began.
-  std::string logSinceStart() const { return integration::logText().substr(logStart_); }
-
+  std::string newLog() const { return integration::logText().substr(logStart_); }
   const size_t logStart_ = integration::logText().size();
 };
 
 TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
-  BrokerWithSubscriber rig;
+  const struct {
+    std::string text;
+    std::string json;
+  } keys[] = {
+      {"eventlog.omra.ksu.cdp.eviction.start", "eventlog.omra.ksu.cdp.eviction.start"},
+      {"", ""},
+      {"a\"b\\c/d", "a\\\"b\\\\c/d"},
+      {"\b\f\n\r\t", "\\b\\f\\n\\r\\t"},
+      {std::string("\x00\x01\x1f\x7f", 4), "\\u0000\\u0001\\u001f\x7f"},
+      {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {"a\x80z", "a\xEF\xBF\xBDz"},                                              // lone continuation
+      {"\xC0\xAF\xF5\xFF", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // overlong, never UTF-8
+      {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                  // surrogate
+      {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // above U+10FFFF
+      {"\xE2\x82\"ok\xF0\x9F\x98", "\xEF\xBF\xBD\\\"ok\xEF\xBF\xBD"},            // truncated sequences
+  };
+  BrokerWithSubscriber rig(false);
   NotificationSupplier supplier;
-
-  std::vector<NotificationEvent> events{
-      {1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", "eventlog.omra.ksu.cdp.eviction.start",
-       {{"uuid", "01234567-89ab-cdef-0123-456789abcdef"}, {"jobid", "12345"}, {"server", "cdp-07"}}},
-      {1, "Keepstone", "CDP", "CDP Backup Engine", "", "UNKNOWN", "say \"hi\" \\ \t\n\x01",
-       {{"caf\xC3\xA9", "\xFF ok \xE2\x82\xAC \xE2\x82"}}},
-      {1, "Keepstone", "CDP", "CDP Backup Engine", "HIGH", "CRITICAL", "eventlog.omra.ksu.cdp.storage.nospace", {}},
-  };
-  const Messages expected{
-      R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP","notificationType":"CDP Backup Engine",)"
-      R"("priority":"LOW","severity":"INFO","messageKey":"eventlog.omra.ksu.cdp.eviction.start",)"
-      R"("attributes":{"jobid":"12345","server":"cdp-07","uuid":"01234567-89ab-cdef-0123-456789abcdef"}})",
-      R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP","notificationType":"CDP Backup Engine",)"
-      R"("priority":"","severity":"UNKNOWN","messageKey":"say \"hi\" \\ \t\n\u0001",)"
-      "\"attributes\":{\"caf\xC3\xA9\":\"\xEF\xBF\xBD ok \xE2\x82\xAC \xEF\xBF\xBD\"}}",
-      R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP","notificationType":"CDP Backup Engine",)"
-      R"("priority":"HIGH","severity":"CRITICAL","messageKey":"eventlog.omra.ksu.cdp.storage.nospace","attributes":{}})",
-  };
-  for (NotificationEvent& event : events) EXPECT_EQ(supplier.send_notification(event), 0);
+  Messages expected;
+  for (const auto& key : keys) {
+    NotificationEvent event = eventWithKey(key.text);
+    EXPECT_EQ(supplier.send_notification(event), 0);
+    expected.push_back(payloadWithKey(key.json));
+  }
+  NotificationEvent attributed = eventWithKey("k", {{"uuid", "u"}, {"\xFF", "x"}, {"jobid", "7"}});
+  EXPECT_EQ(supplier.send_notification(attributed), 0);
+  expected.push_back(payloadWithKey("k", "\"jobid\":\"7\",\"uuid\":\"u\",\"\xEF\xBF\xBD\":\"x\""));
 
   EXPECT_EQ(rig.subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
   supplier.shutdown();
-  EXPECT_EQ(logSinceStart().find(" 16 NotificationSupplier"), std::string::npos) << logSinceStart();
+  EXPECT_EQ(newLog().find(" 16 NotificationSupplier"), std::string::npos) << newLog();
 }
 
-TEST_F(NotificationSupplierTest, EventsRaisedWhileTheBrokerIsDownGoOutWhenItIsBack) {
-  BrokerWithSubscriber rig(kKeepSessions);
-  NotificationSupplier supplier;
-
-  const Messages connected = sendNumbered(supplier, 1, 3);
-  ASSERT_EQ(rig.subscriber.waitForCount(connected.size(), kDeliveryTimeout), connected);
-  const Messages burst = sendNumbered(supplier, 4, 1000);  // the broker stops while these are on their way
+TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
+  BrokerWithSubscriber rig(true);
   rig.broker.stop();
-  const Messages during = sendNumbered(supplier, 1001, 1050);
+  NotificationSupplier supplier;
+  Messages sent;
+  sendNumbered(supplier, 1, 20, sent);  // before the broker was ever reached
   rig.broker.start();
-  const Messages after = sendNumbered(supplier, 1051, 1060);
+  ASSERT_EQ(rig.receivedOnce(sent), sent);
+  sendNumbered(supplier, 21, 1000, sent);  // the broker stops while these are on their way
+  rig.broker.stop();
+  sendNumbered(supplier, 1001, 1050, sent);
+  rig.broker.start();
+  sendNumbered(supplier, 1051, 1060, sent);
 
-  const Messages expected = concat(concat(concat(connected, burst), during), after);
-  EXPECT_EQ(waitForDistinct(rig.subscriber, expected), expected);
-  EXPECT_NE(logSinceStart().find(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()),
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  const std::string log = newLog();
+  EXPECT_NE(log.find(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()), std::string::npos)
+      << log;
+  EXPECT_NE(log.find(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()),
             std::string::npos)
-      << logSinceStart();
-}
-
-TEST_F(NotificationSupplierTest, EventsWaitForABrokerThatIsNotUpYet) {
-  BrokerWithSubscriber rig(kKeepSessions);
-  rig.broker.stop();
-  NotificationSupplier supplier;
-
-  const Messages waiting = sendNumbered(supplier, 1, 20);
-  rig.broker.start();
-
-  EXPECT_EQ(waitForDistinct(rig.subscriber, waiting), waiting);
-  EXPECT_NE(logSinceStart().find(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()), std::string::npos)
-      << logSinceStart();
+      << log;
 }
 
 TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
-  BrokerWithSubscriber rig(kKeepSessions);
-  NotificationSupplier supplier;
-  const Messages first = sendNumbered(supplier, 0, 0);
-  ASSERT_EQ(rig.subscriber.waitForCount(1, kDeliveryTimeout), first);
-
+  BrokerWithSubscriber rig(true);
   rig.broker.stop();
-  const Messages waiting = sendNumbered(supplier, 1, 300);
+  NotificationSupplier supplier;
+  Messages waiting;
+  sendNumbered(supplier, 1, 300, waiting);
   rig.broker.start();
   supplier.shutdown();
 
-  EXPECT_EQ(logSinceStart().find("not delivered"), std::string::npos) << logSinceStart();
-  const Messages expected = concat(first, waiting);
-  EXPECT_EQ(waitForDistinct(rig.subscriber, expected), expected);
-
-  NotificationEvent late = numberedEvent(301);
+  EXPECT_EQ(newLog().find("not delivered"), std::string::npos) << newLog();
+  EXPECT_EQ(rig.receivedOnce(waiting), waiting);
+  NotificationEvent late = eventWithKey("late");
   EXPECT_NE(supplier.send_notification(late), 0);
-  supplier.shutdown();
 }
 
 TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdownGivesUpAfterFiveSeconds) {
   const std::string nowhere = "127.0.0.1:" + std::to_string(testbed::freeLoopbackPort());
-  integration::writeConfig(configFor(nowhere));
+  integration::writeConfig("server = master.invalid\nbroker = " + nowhere + "\n");
   auto supplier = std::make_unique<NotificationSupplier>();
 
-  NotificationEvent event = numberedEvent(1);
+  NotificationEvent event = eventWithKey("k");
   for (int i = 0; i < 10000; ++i) ASSERT_EQ(supplier->send_notification(event), 0) << i;
   EXPECT_NE(supplier->send_notification(event), 0);
   EXPECT_NE(supplier->send_notification(event), 0);
@@ -175,15 +153,39 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
   EXPECT_LT(waited, std::chrono::seconds(30));  // bounded, whatever the broker does
   supplier.reset();
 
-  const std::string text = logSinceStart();
-  EXPECT_NE(text.find(" 16 NotificationSupplier: cannot reach broker " + nowhere), std::string::npos) << text;
-  EXPECT_NE(text.find(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"),
+  const std::string log = newLog();
+  EXPECT_NE(log.find(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"),
             std::string::npos)
-      << text;
-  EXPECT_EQ(text.find("refusing events"), text.rfind("refusing events")) << "one line per run of refusals";
-  EXPECT_NE(text.find(" 16 NotificationSupplier: 10000 events were not delivered: broker " + nowhere),
-            std::string::npos)
-      << text;
+      << log;
+  EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
+  EXPECT_NE(log.find(" 16 NotificationSupplier: 10000 events were not delivered: broker " + nowhere), std::string::npos)
+      << log;
+}
+
+TEST(BrokerAddress, ComesFromTheConfigurationFile) {
+  const struct {
+    const char* config;
+    const char* host;  // null: no address, and an error naming the file
+    int port;
+  } cases[] = {
+      {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9", 18830},
+      {"server = m\nbroker = [::1]:1884\n", "::1", 1884},
+      {"server = m\nbroker = broker.example\n", "broker.example", 1883},
+      {"server = master.example\nserver = media.example\n", "master.example", 1883},
+      {"host_name = cdp-07\n", nullptr, 0},
+      {"server = m\nbroker = m:65536\n", nullptr, 0},
+  };
+  for (const auto& c : cases) {
+    integration::writeConfig(c.config);
+    standin::BrokerAddress address;
+    std::string error;
+    ASSERT_EQ(standin::readBrokerAddress(address, error), c.host != nullptr) << c.config;
+    if (c.host == nullptr) {
+      EXPECT_NE(error.find("keepstone.conf"), std::string::npos) << c.config << ": " << error;
+    } else {
+      EXPECT_EQ(address.host + ":" + std::to_string(address.port), c.host + (":" + std::to_string(c.port)));
+    }
+  }
 }
 
 }  // namespace

@@ -46,11 +46,19 @@ void writeConfig(const std::string& text) {
   ASSERT_TRUE(file.good()) << configPath();
 }
 
+void removeConfig() { std::remove(configPath().c_str()); }
+
 std::string logText() {
   std::ifstream file(logPath());
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
+}
+
+void MasterOnLoopback::SetUp() {
+  ASSERT_TRUE(master_.start());
+  writeConfig("server = 127.0.0.1\nrest_url = " + master_.url() + "\nksqd_url = " + master_.url() + "\n");
+  logStart_ = logText().size();
 }
 
 }  // namespace integration

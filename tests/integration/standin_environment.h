@@ -5,16 +5,35 @@
 #ifndef KSCDP_TESTS_INTEGRATION_STANDIN_ENVIRONMENT_H_
 #define KSCDP_TESTS_INTEGRATION_STANDIN_ENVIRONMENT_H_
 
+#include <gtest/gtest.h>
+
 #include <string>
+
+#include "master_sim/MasterSimulator.h"
 
 namespace integration {
 
 // Replaces the master configuration file's text.
 void writeConfig(const std::string& text);
+// Removes the master configuration file.
+void removeConfig();
 
 // Everything logged so far. The log file only grows, so a test notes its size
 // before acting and reads what came after.
 std::string logText();
+
+// A master simulator on a free loopback port, with the configuration file
+// naming 127.0.0.1 as the master and sending REST and request-daemon
+// requests to the simulator.
+class MasterOnLoopback : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  // What the stand-ins logged since the test began.
+  std::string newLog() const { return logText().substr(logStart_); }
+
+  master_sim::MasterSimulator master_;
+  size_t logStart_ = 0;
+};
 
 }  // namespace integration
 
