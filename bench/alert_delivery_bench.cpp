@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "benchmark_program.h"
 #include "engine/backup_engine.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
@@ -68,8 +69,7 @@ BENCHMARK(AlertDelivery)
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  try {
+  return bench::runBenchmarks(argc, argv, "alert delivery benchmark", [] {
     const bench::StandinFiles files;
     // A broker with no cap on what waits for the subscriber: a slow
     // subscriber must not cost deliveries that the publisher made.
@@ -85,10 +85,5 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks();
     stop_alert_thread();
     g_subscriber = nullptr;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "alert delivery benchmark: %s\n", e.what());
-    return 1;
-  }
-  benchmark::Shutdown();
-  return 0;
+  });
 }

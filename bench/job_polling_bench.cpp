@@ -5,12 +5,12 @@
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "benchmark_program.h"
 #include "engine/backup_engine.h"
 #include "master_sim/MasterSimulator.h"
 #include "standin_files.h"
@@ -107,17 +107,11 @@ BENCHMARK(CurlKeepAlivePolls)
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  try {
+  return bench::runBenchmarks(argc, argv, "job polling benchmark", [] {
     const bench::StandinFiles files;
     FinishedJobs jobs(files);
     g_jobs = &jobs;
     benchmark::RunSpecifiedBenchmarks();
     g_jobs = nullptr;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "job polling benchmark: %s\n", e.what());
-    return 1;
-  }
-  benchmark::Shutdown();
-  return 0;
+  });
 }
