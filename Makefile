@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan clean
+.PHONY: all deps build test demo test-asan bench clean
 
 all: build
 
@@ -27,5 +27,12 @@ demo: build
 test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Debug -DKSCDP_SANITIZE=ON"
 
+# Every benchmark, built in Release in a tree of its own, and one table of the
+# results against their targets.
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
+	cmake --build build-bench -j $(JOBS) --target kscdp_benchmarks
+	bash bench/run.sh build-bench
+
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-bench

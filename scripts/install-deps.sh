@@ -10,7 +10,7 @@ packages=(
   libcurl4-openssl-dev libmosquitto-dev
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev valgrind
+  clang libclang-rt-14-dev valgrind python3
 )
 
 missing=()

@@ -31,7 +31,7 @@ struct KSClientCURL::State {
   std::string caFile;      // empty: the system's CA bundle
   long timeoutSeconds = kDefaultTimeoutSeconds;
   std::string accept;      // empty: no Accept header at all
-  CURL* easy = nullptr;    // owned; kept after an exchange for its headers
+  CURL* easy = nullptr;    // owned until given back; kept after an exchange for its headers
   bool answered = false;   // the last exchange got a response
   // What `easy` points to; kept as long as it, so that it never dangles.
   standin::HeaderList headers;
@@ -53,7 +53,7 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
   error[0] = '\0';
   CURLSH* share = standin::curlShare();
   if (easy == nullptr) {
-    easy = curl_easy_init();
+    easy = standin::takeEasyHandle();
   } else {
     curl_easy_reset(easy);
   }
@@ -120,7 +120,7 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlS
 }
 
 KSClientCURL::~KSClientCURL() {
-  if (m_state->easy != nullptr) curl_easy_cleanup(m_state->easy);
+  standin::giveBackEasyHandle(m_state->easy);
   delete m_state;
 }
 

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <mutex>
+#include <vector>
 
 namespace standin {
 namespace {
@@ -23,8 +24,10 @@ class Share {
   }
 
   // At process exit, after every client is gone. libcurl stays initialised:
-  // other code of the process may still use it.
+  // other code of the process may still use it. Kept handles go first: they
+  // may still be attached to the share.
   ~Share() {
+    for (CURL* easy : idle_) curl_easy_cleanup(easy);
     if (handle_ != nullptr) curl_share_cleanup(handle_);
   }
 
@@ -32,6 +35,22 @@ class Share {
   Share& operator=(const Share&) = delete;
 
   CURLSH* handle() const { return handle_; }
+
+  CURL* takeIdle() {
+    std::lock_guard<std::mutex> lock(idleMutex_);
+    if (idle_.empty()) return nullptr;
+    CURL* easy = idle_.back();
+    idle_.pop_back();
+    return easy;
+  }
+
+  // False when enough handles are kept already.
+  bool keepIdle(CURL* easy) {
+    std::lock_guard<std::mutex> lock(idleMutex_);
+    if (idle_.size() >= kMaxIdle) return false;
+    idle_.push_back(easy);
+    return true;
+  }
 
  private:
   static void lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
@@ -47,15 +66,38 @@ class Share {
     return mutexes_[index >= 0 && index < CURL_LOCK_DATA_LAST ? index : 0];
   }
 
+  // One per thread that makes requests at the same time is plenty.
+  static const size_t kMaxIdle = 8;
+
   CURLSH* handle_ = nullptr;
   std::mutex mutexes_[CURL_LOCK_DATA_LAST];  // one per kind of shared data
+  std::mutex idleMutex_;
+  std::vector<CURL*> idle_;  // guarded by idleMutex_; reset, waiting for reuse
 };
+
+Share& share() {
+  static Share instance;  // C++ makes this initialisation thread-safe
+  return instance;
+}
 
 }  // namespace
 
-CURLSH* curlShare() {
-  static Share share;  // C++ makes this initialisation thread-safe
-  return share.handle();
+CURLSH* curlShare() { return share().handle(); }
+
+CURL* takeEasyHandle() {
+  CURL* easy = share().takeIdle();
+  return easy != nullptr ? easy : curl_easy_init();
+}
+
+void giveBackEasyHandle(CURL* easy) {
+  if (easy == nullptr) return;
+  curl_easy_reset(easy);
+  try {
+    if (share().keepIdle(easy)) return;
+  } catch (...) {
+    // No memory to keep it: it goes.
+  }
+  curl_easy_cleanup(easy);
 }
 
 long httpTimeoutSeconds(const ConfigValues& values) {

@@ -22,6 +22,17 @@ namespace standin {
 // concurrent threads; the library's requests run on one thread at a time.
 CURLSH* curlShare();
 
+// An easy handle with libcurl's default options: one that an earlier user
+// gave back, else a new one; null when libcurl cannot make one. Reusing a
+// handle saves more than its allocation: libcurl keeps, per handle, the
+// multi handle and wake-up socket pair that curl_easy_perform sets up, which
+// cost more than an exchange over an open loopback connection.
+CURL* takeEasyHandle();
+// Resets `easy` (dropping every pointer it was given) and keeps it for a
+// later takeEasyHandle(), or cleans it up when enough are kept already.
+// Null is ignored.
+void giveBackEasyHandle(CURL* easy);
+
 // Seconds from the "http_timeout" setting when it is a positive whole
 // number, else 30.
 long httpTimeoutSeconds(const ConfigValues& values);

@@ -1,0 +1,33 @@
+#include "standin_files.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+namespace bench {
+
+StandinFiles::StandinFiles() {
+  char pattern[] = "/tmp/kscdp-bench-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("cannot make a temporary directory");
+  directory_ = pattern;
+  setenv("KEEPSTONE_CONF", configPath().c_str(), 1);
+  setenv("KSU_LOG_FILE", logPath().c_str(), 1);
+}
+
+StandinFiles::~StandinFiles() {
+  std::remove(configPath().c_str());
+  std::remove(logPath().c_str());
+  rmdir(directory_.c_str());
+}
+
+void StandinFiles::writeConfig(const std::string& text) const {
+  std::ofstream file(configPath(), std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + configPath());
+}
+
+}  // namespace bench

@@ -1,0 +1,107 @@
+#!/usr/bin/env python3
+"""Prints one table from what bench/run.sh collected: Google Benchmark's JSON
+output of each benchmark program and callgrind's totals of the gateway driver.
+
+    summary.py RESULTS_DIR CALLGRIND_OPERATIONS
+
+Exits 1 when a benchmark reported an error or an alert went missing; a missed
+performance target is shown in the table, not turned into a failure, since a
+busy neighbour on the machine can cost one.
+"""
+import json
+import os
+import sys
+
+UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+class Results:
+    def __init__(self, directory):
+        self.directory = directory
+        self.errors = []
+
+    def median(self, program, benchmark, clock):
+        """The median of `benchmark`'s repetitions in nanoseconds, and its counters."""
+        with open(os.path.join(self.directory, program + ".json")) as file:
+            runs = json.load(file)["benchmarks"]
+        for run in runs:
+            if run["run_name"].split("/")[0] == benchmark and run.get("error_occurred"):
+                self.errors.append("%s: %s" % (benchmark, run.get("error_message", "error")))
+        for run in runs:
+            if run["run_name"].split("/")[0] == benchmark and run.get("aggregate_name") == "median":
+                return run[clock] * UNIT_NS[run["time_unit"]], run
+        self.errors.append("%s: no result" % benchmark)
+        return float("nan"), {}
+
+    def instructions(self, operation, count):
+        """Instructions per operation from callgrind's totals."""
+        path = os.path.join(self.directory, "callgrind.%s.out" % operation)
+        with open(path) as file:
+            for line in file:
+                if line.startswith("totals:"):
+                    return int(line.split()[1]) / count
+        self.errors.append("callgrind %s: no totals" % operation)
+        return float("nan")
+
+
+def duration(ns):
+    """Three significant digits in the largest unit that keeps one before the point."""
+    unit, scale = next(((unit, scale) for unit, scale in (("s", 1e9), ("ms", 1e6), ("us", 1e3)) if ns >= scale),
+                       ("ns", 1.0))
+    value = ns / scale
+    decimals = 0 if value >= 100 else 1 if value >= 10 else 2
+    return "%.*f %s" % (decimals, value, unit)
+
+
+def ratio_row(name, measured, baseline_name, baseline, limit):
+    ratio = measured / baseline
+    met = "yes" if ratio <= limit else "MISSED"
+    return [name, duration(measured), "%s %s" % (baseline_name, duration(baseline)), "%.2fx" % ratio,
+            "<= %.2fx" % limit, met]
+
+
+def main():
+    results = Results(sys.argv[1])
+    operations = int(sys.argv[2])
+    rows = []
+
+    evict_list, _ = results.median("kscdp_evict_list_bench", "EvictList", "cpu_time")
+    queue, _ = results.median("kscdp_evict_list_bench", "PriorityQueue", "cpu_time")
+    rows.append(ratio_row("evict list: insert 1M VMs, remove all", evict_list,
+                          "std::priority_queue", queue, 1.15))
+
+    for benchmark, operation, label in (("EvictionPass", "evict", "call_evict_data(1), one VM"),
+                                        ("Alert", "alert", "raise_backup_alert")):
+        cpu, _ = results.median("kscdp_gateway_bench", benchmark, "cpu_time")
+        instructions = results.instructions(operation, operations)
+        rows.append(["gateway, fake platform: " + label, "%s CPU" % duration(cpu),
+                     "{:,.0f} instructions".format(instructions), "", "report only", "-"])
+
+    library, _ = results.median("kscdp_job_polling_bench", "LibraryPolls", "real_time")
+    curl, _ = results.median("kscdp_job_polling_bench", "CurlKeepAlivePolls", "real_time")
+    rows.append(ratio_row("poll 1,000 DONE jobs via libkscdp.so", library,
+                          "libcurl keep-alive", curl, 1.5))
+
+    delivery, run = results.median("kscdp_alert_delivery_bench", "AlertDelivery", "real_time")
+    missing = run.get("missing", float("nan"))
+    delivered_all = missing == 0
+    if not delivered_all:
+        results.errors.append("alert delivery: %s alerts missing" % missing)
+    rows.append(["10,000 alerts to mosquitto, all received", duration(delivery),
+                 "raising: %s" % duration(run.get("raise_ms", float("nan")) * 1e6), "",
+                 "every one delivered", "yes" if delivered_all else "NO (%g missing)" % missing])
+
+    header = ["benchmark", "measured", "baseline / detail", "ratio", "target", "met"]
+    widths = [max(len(str(row[i])) for row in [header] + rows) for i in range(len(header))]
+    rule = "-+-".join("-" * width for width in widths)
+    for row in [header, None] + rows:
+        print(rule if row is None else " | ".join(str(cell).ljust(width) for cell, width in zip(row, widths)))
+    targets = [row for row in rows if row[5] != "-"]
+    print("bench: %d of %d targets met (medians; 2 cores)" % (sum(row[5] == "yes" for row in targets), len(targets)))
+    for error in results.errors:
+        print("bench: error: " + error, file=sys.stderr)
+    return 1 if results.errors else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
