@@ -27,25 +27,23 @@ void resetCurlClient() {
 }  // namespace fake
 
 struct KSClientCURL::State {
-  size_t index;                 // into fake::curlClients()
-  bool answered = false;        // a scripted answer has been taken
-  fake::CurlAnswer lastAnswer;
-  int takeAnswer(KSClientCURL& client, const std::string& method, const std::string& path,
-                 const std::string& body);
-};
+  size_t index;                            // into fake::curlClients()
+  std::optional<fake::CurlAnswer> answer;  // the last one taken, if any
 
-int KSClientCURL::State::takeAnswer(KSClientCURL& client, const std::string& method,
-                                    const std::string& path, const std::string& body) {
-  using namespace fake;
-  g_calls.push_back({index, method, path, body});
-  if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
-  answered = !g_script.answers.empty();
-  lastAnswer = answered ? g_script.answers.front() : CurlAnswer{0, "", {}, {}};
-  if (answered) g_script.answers.pop_front();
-  client.m_responseCode = lastAnswer.code;
-  client.m_responseBody = lastAnswer.body;
-  return 0;
-}
+  int take(KSClientCURL& client, const char* method, const std::string& path, const std::string& body) {
+    using namespace fake;
+    g_calls.push_back({index, method, path, body});
+    if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
+    answer.reset();
+    if (!g_script.answers.empty()) {
+      answer = g_script.answers.front();
+      g_script.answers.pop_front();
+    }
+    client.m_responseCode = answer ? answer->code : 0;
+    client.m_responseBody = answer ? answer->body : "";
+    return 0;
+  }
+};
 
 KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType,
                            KSCurlSessionType sessionType, TokenManager_Base* tokenManager,
@@ -62,8 +60,7 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
          << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|'
          << verbose << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
   g_clients.push_back({host, port, certType, sessionType, tokenManager, others.str(), {}});
-  m_state = new State;
-  m_state->index = g_clients.size() - 1;
+  m_state = new State{g_clients.size() - 1, std::nullopt};
   ++g_live;
 }
 
@@ -76,17 +73,17 @@ void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
   fake::g_clients[m_state->index].acceptMediaTypes.push_back(mediaType);
 }
 
-int KSClientCURL::get(const std::string& path) { return m_state->takeAnswer(*this, "get", path, ""); }
+int KSClientCURL::get(const std::string& path) { return m_state->take(*this, "get", path, ""); }
 
 int KSClientCURL::post(const std::string& path, const std::string& body) {
-  return m_state->takeAnswer(*this, "post", path, body);
+  return m_state->take(*this, "post", path, body);
 }
 
 int KSClientCURL::getHttpHeaderField(const std::string& name, std::string& value) {
-  const fake::CurlAnswer& answer = m_state->lastAnswer;
-  if (answer.headerLookupResult) return *answer.headerLookupResult;
-  if (!m_state->answered) return 227;
-  for (const auto& header : answer.headers) {
+  const std::optional<fake::CurlAnswer>& answer = m_state->answer;
+  if (!answer) return 227;
+  if (answer->headerLookupResult) return *answer->headerLookupResult;
+  for (const auto& header : answer->headers) {
     if (strcasecmp(header.first.c_str(), name.c_str()) == 0) {
       value = header.second;
       return 0;

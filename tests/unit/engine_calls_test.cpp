@@ -10,9 +10,6 @@
 #include <vector>
 
 #include "engine/backup_engine.h"
-#include "fake_curl_client.h"
-#include "fake_ksqd.h"
-#include "fake_notification.h"
 #include "fake_platform.h"
 
 namespace {
@@ -60,12 +57,6 @@ class EngineCallsTest : public ::testing::Test {
     return sizes;
   }
 
-  static std::vector<std::string> sentKeys() {
-    std::vector<std::string> keys;
-    for (const fake::SentNotification& sent : fake::sentNotifications()) keys.push_back(sent.event.messageKey);
-    return keys;
-  }
-
   // Requests the VMs' backups, then answers the polls with these states.
   void pollWithStates(const std::vector<std::string>& states, int nodes) {
     for (const std::string& state : states) {
@@ -90,7 +81,6 @@ TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
   EXPECT_EQ(fake::ksqdCalls()[0].request, R"({"policy": "policy30"})");
   EXPECT_EQ(fake::ksqdCalls()[0].masterServer, "master.example");
   EXPECT_EQ(fake::ksqdCalls()[0].kind, 1);
-  EXPECT_EQ(fake::ksqdCalls()[2].request, R"({"policy": "policy10"})");
   EXPECT_EQ(vm(30).job_id, 7u);
   EXPECT_EQ(vm(20).job_id, 8u);
   EXPECT_EQ(vm(10).job_id, 9u);
@@ -103,7 +93,6 @@ TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
   EXPECT_EQ(first.messageKey, "eventlog.omra.ksu.cdp.eviction.start");
   EXPECT_EQ(first.attributes, (std::map<std::string, std::string>{
                                   {"jobid", "7"}, {"server", "cdp-host.example"}, {"uuid", "vm30"}}));
-  EXPECT_EQ(fake::sentNotifications()[2].event.attributes.at("jobid"), "9");
   EXPECT_EQ(fake::suppliersConstructed(), 1);
 
   const std::vector<fake::LogLine> passes = fake::logLinesOf("KeepstoneServiceGateway::requestEviction");
@@ -125,8 +114,10 @@ TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
   EXPECT_EQ(get_element_from_evlist(evictList_), &vm(30));
   EXPECT_EQ(requested_, nullptr);
   EXPECT_EQ(vm(30).evict_state, 0);
-  EXPECT_EQ(sentKeys(), std::vector<std::string>(3, "eventlog.omra.ksu.cdp.eviction.failed"));
-  EXPECT_EQ(fake::sentNotifications()[0].event.attributes.at("uuid"), "vm30");
+  ASSERT_EQ(fake::sentNotifications().size(), 3u);
+  for (const fake::SentNotification& sent : fake::sentNotifications()) {
+    EXPECT_EQ(sent.event.messageKey + " " + sent.event.attributes.at("uuid"), "eventlog.omra.ksu.cdp.eviction.failed vm30");
+  }
   // Each pass logs the VM, then the same text with the failure appended.
   const std::vector<fake::LogLine> passes = fake::logLinesOf("KeepstoneServiceGateway::requestEviction");
   ASSERT_EQ(passes.size(), 6u);
