@@ -12,7 +12,6 @@ ks_master_config g_record = {};
 }  // namespace
 
 ConfigScript& configScript() { return g_script; }
-int configReads() { return g_reads; }
 
 void resetConfig() {
   g_script = ConfigScript{};

@@ -8,19 +8,16 @@ namespace fake {
 namespace {
 CurlScript g_script;
 std::vector<CurlClientRecord> g_clients;
-std::vector<CurlCall> g_calls;
 int g_live = 0;
 }  // namespace
 
 CurlScript& curlScript() { return g_script; }
 const std::vector<CurlClientRecord>& curlClients() { return g_clients; }
-const std::vector<CurlCall>& curlCalls() { return g_calls; }
 int liveCurlClients() { return g_live; }
 
 void resetCurlClient() {
   g_script = CurlScript{};
   g_clients.clear();
-  g_calls.clear();
   g_live = 0;
 }
 
@@ -30,9 +27,9 @@ struct KSClientCURL::State {
   size_t index;                            // into fake::curlClients()
   std::optional<fake::CurlAnswer> answer;  // the last one taken, if any
 
-  int take(KSClientCURL& client, const char* method, const std::string& path, const std::string& body) {
+  int take(KSClientCURL& client, const std::string& request) {
     using namespace fake;
-    g_calls.push_back({index, method, path, body});
+    g_clients[index].requests.push_back(request);
     if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
     answer.reset();
     if (!g_script.answers.empty()) {
@@ -55,11 +52,12 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
     : m_responseCode(0), m_state(nullptr) {
   using namespace fake;
   if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
-  std::ostringstream others;
-  others << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
-         << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|'
-         << verbose << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
-  g_clients.push_back({host, port, certType, sessionType, tokenManager, others.str(), {}});
+  std::ostringstream arguments;
+  arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr)
+            << '|' << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
+            << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|' << verbose
+            << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
+  g_clients.push_back({arguments.str(), {}, {}});
   m_state = new State{g_clients.size() - 1, std::nullopt};
   ++g_live;
 }
@@ -73,10 +71,10 @@ void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
   fake::g_clients[m_state->index].acceptMediaTypes.push_back(mediaType);
 }
 
-int KSClientCURL::get(const std::string& path) { return m_state->take(*this, "get", path, ""); }
+int KSClientCURL::get(const std::string& path) { return m_state->take(*this, "get " + path); }
 
 int KSClientCURL::post(const std::string& path, const std::string& body) {
-  return m_state->take(*this, "post", path, body);
+  return m_state->take(*this, "post " + path + " " + body);
 }
 
 int KSClientCURL::getHttpHeaderField(const std::string& name, std::string& value) {

@@ -38,15 +38,9 @@ TEST_F(RestClientTest, ClientGetsTheFirstServerAndTheFixedArguments) {
   EXPECT_EQ(request(1, R"({"policy":"gold"})"), 0);
   ASSERT_EQ(fake::curlClients().size(), 1u);
   const fake::CurlClientRecord& client = fake::curlClients()[0];
-  EXPECT_EQ(client.host, "master.example");
-  EXPECT_EQ(client.port, 1556);
-  EXPECT_EQ(client.certType, 1);
-  EXPECT_EQ(client.sessionType, 1);
-  EXPECT_EQ(client.tokenManager, nullptr);
-  EXPECT_EQ(client.otherArguments, "|1|0|0|||||||0|0||0");
+  EXPECT_EQ(client.arguments, "master.example|1556|1|1|0||1|0|0|||||||0|0||0");
   EXPECT_EQ(client.acceptMediaTypes, std::vector<std::string>{"application/vnd.keepstone+json;version=6.0"});
-  ASSERT_EQ(fake::curlCalls().size(), 1u);
-  EXPECT_EQ(fake::curlCalls()[0].method + " " + fake::curlCalls()[0].body, R"(post {"policy":"gold"})");
+  EXPECT_EQ(client.requests, std::vector<std::string>{R"(post keepstone/admin/jobs/7 {"policy":"gold"})"});
 }
 
 TEST_F(RestClientTest, AnswerFillsTheResponseAndIsLogged) {
@@ -76,7 +70,7 @@ TEST_F(RestClientTest, UnsupportedRequestTypeLeavesTheResponseAlone) {
     EXPECT_EQ(request(type), 20);
     EXPECT_EQ(response(), "77|earlier body|earlier warning");
     EXPECT_EQ(fake::logLinesOf(kLogName), (std::vector<fake::LogLine>{{16, kLogName, "Unsupported request type specified."}}));
-    EXPECT_TRUE(fake::curlCalls().empty());
+    EXPECT_TRUE(fake::curlClients().at(0).requests.empty());
   }
 }
 

@@ -98,7 +98,7 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   EXPECT_EQ(successor.visits_, 0);
   EXPECT_TRUE(fake::logLines().empty());
   EXPECT_TRUE(fake::ksqdCalls().empty());
-  EXPECT_TRUE(fake::curlCalls().empty());
+  EXPECT_TRUE(fake::curlClients().empty());
   EXPECT_EQ(fake::suppliersConstructed(), 0);
 }
 
