@@ -58,11 +58,7 @@ struct BrokerWithSubscriber {
   MqttSubscriber subscriber;
 };
 
-class NotificationSupplierTest : public ::testing::Test {
- protected:
-  std::string newLog() const { return integration::logText().substr(logStart_); }
-  const size_t logStart_ = integration::logText().size();
-};
+using NotificationSupplierTest = integration::StandinTest;
 
 TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
   const struct {
@@ -76,9 +72,7 @@ TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
       {std::string("\x00\x01\x1f\x7f", 4), "\\u0000\\u0001\\u001f\x7f"},
       {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
       {"a\x80z", "a\xEF\xBF\xBDz"},                                              // lone continuation
-      {"\xC0\xAF\xF5\xFF", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // overlong, never UTF-8
       {"\xED\xA0\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},                  // surrogate
-      {"\xF4\x90\x80\x80", "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD"},  // above U+10FFFF
       {"\xE2\x82\"ok\xF0\x9F\x98", "\xEF\xBF\xBD\\\"ok\xEF\xBF\xBD"},            // truncated sequences
   };
   BrokerWithSubscriber rig(false);
@@ -170,9 +164,7 @@ TEST(BrokerAddress, ComesFromTheConfigurationFile) {
   } cases[] = {
       {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9", 18830},
       {"server = m\nbroker = [::1]:1884\n", "::1", 1884},
-      {"server = m\nbroker = broker.example\n", "broker.example", 1883},
       {"server = master.example\nserver = media.example\n", "master.example", 1883},
-      {"host_name = cdp-07\n", nullptr, 0},
       {"server = m\nbroker = m:65536\n", nullptr, 0},
   };
   for (const auto& c : cases) {
