@@ -14,6 +14,8 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+
 // The answer, which the caller owns, or "<null>".
 std::string takeAnswer(char* answer) {
   const std::string text = answer != nullptr ? answer : "<null>";
@@ -70,9 +72,8 @@ TEST_F(KsqdClient, NoDaemonIsTheNegatedLibcurlErrorAndOneLogLine) {
   EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, policy("gold").c_str(), &answer), -7);
   EXPECT_EQ(answer, nullptr);
   const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 invoke_ksqd_cct_request: POST " + master_.url() + "/ksqd/1 failed: "), std::string::npos)
-      << log;
-  EXPECT_NE(log.find("(libcurl error 7)\n"), std::string::npos) << log;
+  EXPECT_THAT(log, HasSubstr(" 16 invoke_ksqd_cct_request: POST " + master_.url() + "/ksqd/1 failed: "));
+  EXPECT_THAT(log, HasSubstr("(libcurl error 7)\n"));
   EXPECT_EQ(log.find('\n'), log.size() - 1) << log;
 }
 

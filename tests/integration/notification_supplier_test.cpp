@@ -14,6 +14,9 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+using ::testing::Not;
+
 using testbed::MosquittoBroker;
 using testbed::MqttSubscriber;
 using Messages = MqttSubscriber::Messages;
@@ -89,7 +92,7 @@ TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
 
   EXPECT_EQ(rig.subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
   supplier.shutdown();
-  EXPECT_EQ(newLog().find(" 16 NotificationSupplier"), std::string::npos) << newLog();
+  EXPECT_THAT(newLog(), Not(HasSubstr(" 16 NotificationSupplier")));
 }
 
 TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
@@ -107,12 +110,8 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
   sendNumbered(supplier, 1051, 1060, sent);
 
   EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()), std::string::npos)
-      << log;
-  EXPECT_NE(log.find(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()),
-            std::string::npos)
-      << log;
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()));
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()));
 }
 
 TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
@@ -124,7 +123,7 @@ TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
   rig.broker.start();
   supplier.shutdown();
 
-  EXPECT_EQ(newLog().find("not delivered"), std::string::npos) << newLog();
+  EXPECT_THAT(newLog(), Not(HasSubstr("not delivered")));
   EXPECT_EQ(rig.receivedOnce(waiting), waiting);
   NotificationEvent late = eventWithKey("late");
   EXPECT_NE(supplier.send_notification(late), 0);
@@ -148,12 +147,9 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
   supplier.reset();
 
   const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"),
-            std::string::npos)
-      << log;
+  EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"));
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
-  EXPECT_NE(log.find(" 16 NotificationSupplier: 10000 events were not delivered: broker " + nowhere), std::string::npos)
-      << log;
+  EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: 10000 events were not delivered: broker " + nowhere));
 }
 
 TEST(BrokerAddress, ComesFromTheConfigurationFile) {
@@ -173,7 +169,7 @@ TEST(BrokerAddress, ComesFromTheConfigurationFile) {
     std::string error;
     ASSERT_EQ(standin::readBrokerAddress(address, error), c.host != nullptr) << c.config;
     if (c.host == nullptr) {
-      EXPECT_NE(error.find("keepstone.conf"), std::string::npos) << c.config << ": " << error;
+      EXPECT_THAT(error, HasSubstr("keepstone.conf")) << c.config;
     } else {
       EXPECT_EQ(address.host + ":" + std::to_string(address.port), c.host + (":" + std::to_string(c.port)));
     }

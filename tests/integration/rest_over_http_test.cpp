@@ -11,6 +11,8 @@
 
 namespace {
 
+using ::testing::HasSubstr;
+
 using RestOverHttp = integration::MasterOnLoopback;
 
 TEST_F(RestOverHttp, JobServiceAsksForTheJobAndReportsItsState) {
@@ -50,9 +52,7 @@ TEST_F(RestOverHttp, NoServerMeansStatusZeroAnEmptyBodyAndOneLogLine) {
   EXPECT_EQ(response.statusCode, 0);
   EXPECT_EQ(response.message, "");
   const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 KSClientCURL::get: GET " + master_.url() + "/keepstone/admin/jobs/1 failed: "),
-            std::string::npos)
-      << log;
+  EXPECT_THAT(log, HasSubstr(" 16 KSClientCURL::get: GET " + master_.url() + "/keepstone/admin/jobs/1 failed: "));
   EXPECT_EQ(log.find(" 16 "), log.rfind(" 16 ")) << log;
 }
 
