@@ -177,27 +177,20 @@ TEST_F(EngineCallsTest, PassCountZeroRequestsNothing) {
   EXPECT_TRUE(fake::sentNotifications().empty());
 }
 
-TEST_F(EngineCallsTest, OnlyDoneExactlyMarksAVmDone) {
-  evictList({1, 2, 3, 4, 5});
-  ASSERT_EQ(call_evict_data(5, evictList_, &requested_), 0);
-  pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);  // the requested list runs 1, 2, 3, 4, 5
-  EXPECT_EQ(vmStates(), "1:2:1 2:1:1 3:1:1 4:1:1 5:1:1");
-  EXPECT_EQ(fake::curlClients().at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
-}
-
-TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodes) {
-  evictList({1, 2, 3});
-  ASSERT_EQ(call_evict_data(3, evictList_, &requested_), 0);
+TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
+  evictList({1, 2, 3, 4, 5, 6});
+  ASSERT_EQ(call_evict_data(6, evictList_, &requested_), 0);  // the requested list runs 1 to 6
   for (evict_vm_info& record : vms_) record.evict_state = 7;
-  pollWithStates({"DONE", "DONE"}, 2);
-  EXPECT_EQ(vmStates(), "1:2:1 2:2:1 3:7:1");
-  pollWithStates({"DONE", "DONE", "DONE"}, 9);
-  EXPECT_EQ(vm(3).evict_state, 2);
+  pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);
+  EXPECT_EQ(vmStates(), "1:2:1 2:1:1 3:1:1 4:1:1 5:1:1 6:7:1");
+  EXPECT_EQ(fake::curlClients().at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
+  pollWithStates(std::vector<std::string>(6, "DONE"), 9);
+  EXPECT_EQ(vm(6).evict_state, 2);
 
   EXPECT_EQ(call_check_eviction_progress(0, &requested_), 0);
   vm_node_list* empty = nullptr;
   EXPECT_EQ(call_check_eviction_progress(3, &empty), 0);
-  EXPECT_EQ(fake::curlClients().size(), 5u);
+  EXPECT_EQ(fake::curlClients().size(), 11u);
 }
 
 TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
