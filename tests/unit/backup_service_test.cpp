@@ -67,6 +67,7 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
       {0, R"({"jobid": 12345, "state": 1})", "", 12345},
       {0, R"({"jobid": -1})", "", UINT64_MAX},
       {0, R"({"jobid": "12345"})", notInteger, 99},
+      {0, R"({"jobid": 12345.0})", notInteger, 99},
       {0, R"({"JobID": 1})", noJobId, 99},
       {0, R"({"jobid": 1)", notJson, 99},
       {0, nullptr, notJson, 99},
