@@ -77,8 +77,8 @@ TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
     host.handleRequest(&record);
     ASSERT_EQ(fake::sentNotifications().size(), 1u);
     EXPECT_EQ(fake::sentNotifications()[0].attributes, c.completed);
-    const std::string logged =
-        c.loggedVm == nullptr ? "" : std::string("Called Alert (send_notification) for VM: ") + c.loggedVm + "\nRetval: 0";
+    const std::string called = "Called Alert (send_notification) for VM: ";
+    const std::string logged = c.loggedVm == nullptr ? "" : called + c.loggedVm + "\nRetval: 0";
     EXPECT_EQ(fake::logLinesOf(kAlertLog), (std::vector<fake::LogLine>{{4, kAlertLog, logged}}));
   }
 }

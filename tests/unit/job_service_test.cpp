@@ -73,7 +73,8 @@ TEST_F(JobServiceTest, RestClientFailureBecomesAServiceFailureWithItsCode) {
   EXPECT_EQ(poll(), "7 connection reset");
   EXPECT_EQ(job_.jobState, "before");
   EXPECT_EQ(fake::logLinesOf(kLogName).back(),
-            (fake::LogLine{16, kLogName, "KSCurl Exception occured, error code: 7\nException message: connection reset"}));
+            (fake::LogLine{16, kLogName,
+                           "KSCurl Exception occured, error code: 7\nException message: connection reset"}));
 }
 
 TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {

@@ -69,7 +69,8 @@ TEST_F(RestClientTest, UnsupportedRequestTypeLeavesTheResponseAlone) {
     fake::curlScript().answers = {{200, "never read", {}, {}}};
     EXPECT_EQ(request(type), 20);
     EXPECT_EQ(response(), "77|earlier body|earlier warning");
-    EXPECT_EQ(fake::logLinesOf(kLogName), (std::vector<fake::LogLine>{{16, kLogName, "Unsupported request type specified."}}));
+    const fake::LogLine unsupported{16, kLogName, "Unsupported request type specified."};
+    EXPECT_EQ(fake::logLinesOf(kLogName), std::vector<fake::LogLine>{unsupported});
     EXPECT_TRUE(fake::curlClients().at(0).requests.empty());
   }
 }
