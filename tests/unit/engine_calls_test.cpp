@@ -216,9 +216,9 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
     const NotificationEvent& event = fake::sentNotifications()[0];
     EXPECT_EQ(event.messageKey + " " + event.severity + " " + event.priority, c.event);
     EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : Attributes{});
+    const char raiseAlert[] = "KeepstoneServiceGateway::raiseAlert";
     const std::string raising = "Raising alert for VM: " + std::string(uuid32) + ", bearing code: ";
-    EXPECT_EQ(fake::logLinesOf("KeepstoneServiceGateway::raiseAlert"),
-              std::vector<fake::LogLine>({{4, "KeepstoneServiceGateway::raiseAlert", raising + std::to_string(c.code)}}));
+    EXPECT_EQ(fake::logLinesOf(raiseAlert), std::vector<fake::LogLine>({{4, raiseAlert, raising + std::to_string(c.code)}}));
   }
 }
 
