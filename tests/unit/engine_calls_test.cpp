@@ -218,7 +218,8 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
     EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : Attributes{});
     const char raiseAlert[] = "KeepstoneServiceGateway::raiseAlert";
     const std::string raising = "Raising alert for VM: " + std::string(uuid32) + ", bearing code: ";
-    EXPECT_EQ(fake::logLinesOf(raiseAlert), std::vector<fake::LogLine>({{4, raiseAlert, raising + std::to_string(c.code)}}));
+    EXPECT_EQ(fake::logLinesOf(raiseAlert),
+              std::vector<fake::LogLine>({{4, raiseAlert, raising + std::to_string(c.code)}}));
   }
 }
 
