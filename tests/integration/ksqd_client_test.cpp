@@ -1,10 +1,6 @@
 // The request-daemon stand-in against the master simulator on loopback.
 #include "platform/ksqd_client.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -75,25 +71,6 @@ TEST_F(KsqdClient, NoDaemonIsTheNegatedLibcurlErrorAndOneLogLine) {
   EXPECT_THAT(log, HasSubstr(" 16 invoke_ksqd_cct_request: POST " + master_.url() + "/ksqd/1 failed: "));
   EXPECT_THAT(log, HasSubstr("(libcurl error 7)\n"));
   EXPECT_EQ(log.find('\n'), log.size() - 1) << log;
-}
-
-TEST_F(KsqdClient, GivesUpOnADaemonThatNeverAnswers) {
-  // Connections complete in the kernel's backlog, but nothing ever reads them.
-  const int silent = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&address), length), 0);
-  ASSERT_EQ(listen(silent, 4), 0);
-  ASSERT_EQ(getsockname(silent, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  integration::writeConfig("ksqd_url = http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) +
-                           "\nhttp_timeout = 1\n");
-
-  char* answer = nullptr;
-  EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, policy("gold").c_str(), &answer), -28);
-  EXPECT_EQ(answer, nullptr);
-  close(silent);
 }
 
 }  // namespace

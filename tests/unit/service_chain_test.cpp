@@ -80,19 +80,18 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   const std::string notForWorker = "20 Invalid shared common object is passed to worker service";
   const std::string notAnAlert =
       "20 Invalid shared object passed to worker service. Internal error: casting to AlertServiceData failed.";
+  // A null record and one of another kind take the same way in each handler
+  // but the host service.
   const struct {
     ServiceInterface* handler;
     ServiceData* record;
     std::string error;
   } cases[] = {
       {&backup, nullptr, notForWorker},
-      {&backup, &alertRecord, notForWorker},
-      {&job, nullptr, notForWorker},
       {&job, &alertRecord, notForWorker},
       {&host, nullptr, "20 Invalid shared common object passed to worker service"},
       {&host, &evictionRecord, notAnAlert},
       {&alert, nullptr, notAnAlert},
-      {&alert, &evictionRecord, notAnAlert},
   };
   for (const auto& c : cases) EXPECT_EQ(unit::serviceError([&] { c.handler->handleRequest(c.record); }), c.error);
   EXPECT_EQ(successor.visits_, 0);
