@@ -1,6 +1,8 @@
 // The request-daemon stand-in against the master simulator on loopback.
 #include "platform/ksqd_client.h"
 
+#include <gmock/gmock.h>
+
 #include <cstdlib>
 #include <map>
 #include <string>

@@ -1,5 +1,7 @@
 // The stand-in NotificationSupplier against a real mosquitto broker and a
 // real subscriber.
+#include <gmock/gmock.h>
+
 #include <chrono>
 #include <map>
 #include <memory>

@@ -1,5 +1,7 @@
 // The REST client and the job service over real HTTP, through the stand-in
 // platform, against the master simulator.
+#include <gmock/gmock.h>
+
 #include <map>
 #include <string>
 #include <vector>

@@ -5,7 +5,6 @@
 #ifndef KSCDP_TESTS_INTEGRATION_STANDIN_ENVIRONMENT_H_
 #define KSCDP_TESTS_INTEGRATION_STANDIN_ENVIRONMENT_H_
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
