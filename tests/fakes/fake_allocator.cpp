@@ -8,19 +8,16 @@ namespace fake {
 namespace {
 int g_failAt = 0;  // countdown; the call that brings it to 0 fails
 std::vector<AllocationCall> g_calls;
-std::vector<std::string> g_freeCallers;
 int g_live = 0;
 }  // namespace
 
 void failAllocationNumber(int n) { g_failAt = n; }
 const std::vector<AllocationCall>& allocationCalls() { return g_calls; }
-const std::vector<std::string>& freeCallers() { return g_freeCallers; }
 int liveAllocations() { return g_live; }
 
 void resetAllocator() {
   g_failAt = 0;
   g_calls.clear();
-  g_freeCallers.clear();
   g_live = 0;
 }
 
@@ -35,11 +32,9 @@ extern "C" void* cct_malloc(const char* caller, size_t size, int line) {
   return block;
 }
 
-extern "C" void cct_free(const char* caller, void** pointer, int /*line*/) {
-  using namespace fake;
-  g_freeCallers.push_back(caller != nullptr ? caller : "");
+extern "C" void cct_free(const char* /*caller*/, void** pointer, int /*line*/) {
   if (pointer == nullptr || *pointer == nullptr) return;
   std::free(*pointer);
   *pointer = nullptr;
-  --g_live;
+  --fake::g_live;
 }

@@ -18,7 +18,6 @@ struct AllocationCall {
 // 0 lets every call succeed.
 void failAllocationNumber(int n);
 const std::vector<AllocationCall>& allocationCalls();
-const std::vector<std::string>& freeCallers();
 // Blocks handed out by cct_malloc and not yet given back to cct_free.
 int liveAllocations();
 void resetAllocator();

@@ -6,14 +6,12 @@ namespace fake {
 namespace {
 ConfigScript g_script;
 int g_reads = 0;
-std::vector<std::string> g_servers;
+ConfigScript g_loaded;  // what the record points into
 std::vector<char*> g_serverPointers;
-std::string g_hostName;
 ks_master_config g_record = {};
 }  // namespace
 
 ConfigScript& configScript() { return g_script; }
-int configReads() { return g_reads; }
 
 void resetConfig() {
   g_script = ConfigScript{};
@@ -28,16 +26,15 @@ extern "C" int KS_read_master_config(void) {
   ++g_reads;
   g_record = ks_master_config{};
   if (g_script.readResult != 0 && g_reads > g_script.successfulReadsFirst) return g_script.readResult;
-  g_servers = g_script.servers;
+  g_loaded = g_script;
   g_serverPointers.clear();
-  for (std::string& server : g_servers) g_serverPointers.push_back(&server[0]);
+  for (std::string& server : g_loaded.servers) g_serverPointers.push_back(&server[0]);
   g_serverPointers.push_back(nullptr);
-  if (g_script.hasServerList) {
+  if (g_loaded.hasServerList) {
     g_record.server_list = g_serverPointers.data();
-    g_record.server_count = static_cast<int>(g_servers.size());
+    g_record.server_count = static_cast<int>(g_loaded.servers.size());
   }
-  g_hostName = g_script.hostName;
-  if (g_script.hasHostName) g_record.host_name = &g_hostName[0];
+  if (g_loaded.hasHostName) g_record.host_name = &g_loaded.hostName[0];
   return 0;
 }
 

@@ -20,7 +20,6 @@ struct ConfigScript {
 };
 
 ConfigScript& configScript();
-int configReads();  // KS_read_master_config() calls since the last reset
 void resetConfig();
 
 }  // namespace fake

@@ -8,44 +8,39 @@ namespace fake {
 namespace {
 CurlScript g_script;
 std::vector<CurlClientRecord> g_clients;
-std::vector<CurlCall> g_calls;
 int g_live = 0;
 }  // namespace
 
 CurlScript& curlScript() { return g_script; }
 const std::vector<CurlClientRecord>& curlClients() { return g_clients; }
-const std::vector<CurlCall>& curlCalls() { return g_calls; }
 int liveCurlClients() { return g_live; }
 
 void resetCurlClient() {
   g_script = CurlScript{};
   g_clients.clear();
-  g_calls.clear();
   g_live = 0;
 }
 
 }  // namespace fake
 
 struct KSClientCURL::State {
-  size_t index;                 // into fake::curlClients()
-  bool answered = false;        // a scripted answer has been taken
-  fake::CurlAnswer lastAnswer;
-  int takeAnswer(KSClientCURL& client, const std::string& method, const std::string& path,
-                 const std::string& body);
-};
+  size_t index;                            // into fake::curlClients()
+  std::optional<fake::CurlAnswer> answer;  // the last one taken, if any
 
-int KSClientCURL::State::takeAnswer(KSClientCURL& client, const std::string& method,
-                                    const std::string& path, const std::string& body) {
-  using namespace fake;
-  g_calls.push_back({index, method, path, body});
-  if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
-  answered = !g_script.answers.empty();
-  lastAnswer = answered ? g_script.answers.front() : CurlAnswer{0, "", {}, {}};
-  if (answered) g_script.answers.pop_front();
-  client.m_responseCode = lastAnswer.code;
-  client.m_responseBody = lastAnswer.body;
-  return 0;
-}
+  int take(KSClientCURL& client, const std::string& request) {
+    using namespace fake;
+    g_clients[index].requests.push_back(request);
+    if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
+    answer.reset();
+    if (!g_script.answers.empty()) {
+      answer = g_script.answers.front();
+      g_script.answers.pop_front();
+    }
+    client.m_responseCode = answer ? answer->code : 0;
+    client.m_responseBody = answer ? answer->body : "";
+    return 0;
+  }
+};
 
 KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType,
                            KSCurlSessionType sessionType, TokenManager_Base* tokenManager,
@@ -57,13 +52,13 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
     : m_responseCode(0), m_state(nullptr) {
   using namespace fake;
   if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
-  std::ostringstream others;
-  others << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
-         << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|'
-         << verbose << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
-  g_clients.push_back({host, port, certType, sessionType, tokenManager, others.str(), {}});
-  m_state = new State;
-  m_state->index = g_clients.size() - 1;
+  std::ostringstream arguments;
+  arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr)
+            << '|' << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
+            << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|' << verbose
+            << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
+  g_clients.push_back({arguments.str(), {}, {}});
+  m_state = new State{g_clients.size() - 1, std::nullopt};
   ++g_live;
 }
 
@@ -76,17 +71,17 @@ void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
   fake::g_clients[m_state->index].acceptMediaTypes.push_back(mediaType);
 }
 
-int KSClientCURL::get(const std::string& path) { return m_state->takeAnswer(*this, "get", path, ""); }
+int KSClientCURL::get(const std::string& path) { return m_state->take(*this, "get " + path); }
 
 int KSClientCURL::post(const std::string& path, const std::string& body) {
-  return m_state->takeAnswer(*this, "post", path, body);
+  return m_state->take(*this, "post " + path + " " + body);
 }
 
 int KSClientCURL::getHttpHeaderField(const std::string& name, std::string& value) {
-  const fake::CurlAnswer& answer = m_state->lastAnswer;
-  if (answer.headerLookupResult) return *answer.headerLookupResult;
-  if (!m_state->answered) return 227;
-  for (const auto& header : answer.headers) {
+  const std::optional<fake::CurlAnswer>& answer = m_state->answer;
+  if (!answer) return 227;
+  if (answer->headerLookupResult) return *answer->headerLookupResult;
+  for (const auto& header : answer->headers) {
     if (strcasecmp(header.first.c_str(), name.c_str()) == 0) {
       value = header.second;
       return 0;

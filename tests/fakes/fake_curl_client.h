@@ -1,6 +1,6 @@
 // Scriptable fake of the HTTP client library: each KSClientCURL records its
-// constructor arguments and calls, and each get/post takes the next scripted
-// answer.
+// constructor arguments and requests, and each get/post takes the next
+// scripted answer.
 #ifndef KSCDP_TESTS_FAKES_FAKE_CURL_CLIENT_H_
 #define KSCDP_TESTS_FAKES_FAKE_CURL_CLIENT_H_
 
@@ -32,28 +32,18 @@ struct CurlScript {
   std::exception_ptr requestThrows;      // thrown by every get/post while set
 };
 
-// The constructor arguments of one client, and what was done with it.
+// One client, and what was done with it.
 struct CurlClientRecord {
-  std::string host;
-  int port;
-  cert_type certType;
-  KSCurlSessionType sessionType;
-  TokenManager_Base* tokenManager;
-  // The other fourteen, in order, joined by "|"; bools as 1 and 0.
-  std::string otherArguments;
+  // The nineteen constructor arguments in order, joined by "|": bools as 1
+  // and 0, the token manager as 1 when there is one.
+  std::string arguments;
   std::vector<std::string> acceptMediaTypes;  // every setupAcceptCurlOption call
-};
-
-struct CurlCall {
-  size_t client;       // index into curlClients()
-  std::string method;  // "get" or "post"
-  std::string path;
-  std::string body;    // post only
+  std::vector<std::string> requests;          // "get <path>" or "post <path> <body>"
 };
 
 CurlScript& curlScript();
+// Every client constructed since the reset, in order.
 const std::vector<CurlClientRecord>& curlClients();
-const std::vector<CurlCall>& curlCalls();
 int liveCurlClients();  // constructed and not yet destroyed
 void resetCurlClient();
 

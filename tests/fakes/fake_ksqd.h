@@ -10,12 +10,6 @@
 
 namespace fake {
 
-struct KsqdCall {
-  std::string masterServer;
-  int kind;
-  std::string request;
-};
-
 // What the next invoke_ksqd_cct_request calls do. As the real client, the
 // fake sets the answer only with a 0 result, and not at all without hasAnswer.
 struct KsqdScript {
@@ -27,7 +21,8 @@ struct KsqdScript {
 };
 
 KsqdScript& ksqdScript();
-const std::vector<KsqdCall>& ksqdCalls();
+// "<master server> <kind> <request>" of every call since the reset.
+const std::vector<std::string>& ksqdCalls();
 void resetKsqd();
 
 }  // namespace fake

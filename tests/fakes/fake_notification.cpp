@@ -5,14 +5,14 @@
 namespace fake {
 namespace {
 NotificationScript g_script;
-std::vector<SentNotification> g_sent;
+std::vector<NotificationEvent> g_sent;
 int g_constructed = 0;
 int g_shutDown = 0;
 int g_destroyed = 0;
 }  // namespace
 
 NotificationScript& notificationScript() { return g_script; }
-const std::vector<SentNotification>& sentNotifications() { return g_sent; }
+const std::vector<NotificationEvent>& sentNotifications() { return g_sent; }
 int suppliersConstructed() { return g_constructed; }
 int suppliersShutDown() { return g_shutDown; }
 int suppliersDestroyed() { return g_destroyed; }
@@ -20,31 +20,27 @@ int suppliersDestroyed() { return g_destroyed; }
 void resetNotification() {
   g_script = NotificationScript{};
   g_sent.clear();
-  g_constructed = 0;
-  g_shutDown = 0;
-  g_destroyed = 0;
+  g_constructed = g_shutDown = g_destroyed = 0;
 }
 
 }  // namespace fake
 
-// The fake keeps its supplier's serial number where the real one keeps its state.
-struct NotificationSupplier::State {
-  int serial;
-};
+// The fake keeps what it knows in the records above; a supplier has no state.
+struct NotificationSupplier::State {};
 
 NotificationSupplier::NotificationSupplier() : m_state(nullptr) {
   if (fake::g_script.constructorThrows) throw std::runtime_error("fake supplier: construction failed");
-  m_state = new State{++fake::g_constructed};
+  ++fake::g_constructed;
 }
 
 NotificationSupplier::~NotificationSupplier() {
-  ++fake::g_destroyed;
   delete m_state;
+  ++fake::g_destroyed;
 }
 
 int NotificationSupplier::send_notification(NotificationEvent& event) {
   if (fake::g_script.sendThrows) throw std::runtime_error("fake supplier: send failed");
-  fake::g_sent.push_back({m_state->serial, event});
+  fake::g_sent.push_back(event);
   return fake::g_script.sendResult;
 }
 

@@ -17,14 +17,9 @@ struct NotificationScript {
   bool shutdownThrows = false;
 };
 
-struct SentNotification {
-  int supplier;  // 1 for the first supplier constructed since the reset, and so on
-  NotificationEvent event;
-};
-
 NotificationScript& notificationScript();
 // Every event handed to send_notification since the reset, in order.
-const std::vector<SentNotification>& sentNotifications();
+const std::vector<NotificationEvent>& sentNotifications();
 int suppliersConstructed();
 int suppliersShutDown();
 int suppliersDestroyed();

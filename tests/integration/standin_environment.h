@@ -22,17 +22,23 @@ void removeConfig();
 // before acting and reads what came after.
 std::string logText();
 
-// A master simulator on a free loopback port, with the configuration file
-// naming 127.0.0.1 as the master and sending REST and request-daemon
-// requests to the simulator.
-class MasterOnLoopback : public ::testing::Test {
+// A test of the stand-ins, which notes where the log stood when it began.
+class StandinTest : public ::testing::Test {
  protected:
-  void SetUp() override;
   // What the stand-ins logged since the test began.
   std::string newLog() const { return logText().substr(logStart_); }
 
+  const size_t logStart_ = logText().size();
+};
+
+// A master simulator on a free loopback port, with the configuration file
+// naming 127.0.0.1 as the master and sending REST and request-daemon
+// requests to the simulator.
+class MasterOnLoopback : public StandinTest {
+ protected:
+  void SetUp() override;
+
   master_sim::MasterSimulator master_;
-  size_t logStart_ = 0;
 };
 
 }  // namespace integration

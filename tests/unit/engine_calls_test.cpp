@@ -1,24 +1,22 @@
 // The engine's four calls through the gateway, over the fake platform.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
-#include <functional>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "engine/backup_engine.h"
-#include "fake_curl_client.h"
-#include "fake_ksqd.h"
-#include "fake_notification.h"
 #include "fake_platform.h"
 
 namespace {
 
-const char kUuid32[] = "0123456789abcdef0123456789abcdef";
-const char kUuid36[] = "01234567-89ab-cdef-0123-456789abcdef";
+using Attributes = std::map<std::string, std::string>;
+
+const char kEvictionLog[] = "KeepstoneServiceGateway::requestEviction";
 
 class EngineCallsTest : public ::testing::Test {
  public:
@@ -32,41 +30,47 @@ class EngineCallsTest : public ::testing::Test {
     EXPECT_EQ(fake::liveCurlClients(), 0);
   }
 
-  // Builds the evict list from VMs of these sizes, named vm<size>.
+  // Builds the evict list from VMs of these sizes, named vm<size>, with the
+  // policy policy<size>.
   void evictList(const std::vector<uint64_t>& sizes) {
     ASSERT_EQ(initialize_evlist(&evictList_, static_cast<int>(sizes.size())), 0);
     for (uint64_t size : sizes) {
-      vms_.emplace_back();
-      evict_vm_info& vm = vms_.back();
+      evict_vm_info& vm = vms_.emplace_back();
       std::memset(&vm, 0, sizeof vm);
       vm.vm_size = size;
+      vm.evict_type = 3;
       std::snprintf(vm.vm_id, sizeof vm.vm_id, "vm%llu", static_cast<unsigned long long>(size));
       std::snprintf(vm.policy_name, sizeof vm.policy_name, "policy%llu", static_cast<unsigned long long>(size));
-      vm.evict_type = 3;
       ASSERT_EQ(insert_vm_into_evlist(evictList_, &vm), 0);
     }
   }
 
   evict_vm_info& vm(uint64_t size) {
-    for (evict_vm_info& record : vms_) {
-      if (record.vm_size == size) return record;
+    return *std::find_if(vms_.begin(), vms_.end(), [size](const evict_vm_info& vm) { return vm.vm_size == size; });
+  }
+
+  // "<size>:<evict_state>:<job_id>" of each VM, in the order they were listed.
+  std::string vmStates() const {
+    std::string text;
+    for (const evict_vm_info& vm : vms_) {
+      text += (text.empty() ? "" : " ") + std::to_string(vm.vm_size) + ":" + std::to_string(vm.evict_state) + ":" +
+              std::to_string(vm.job_id);
     }
-    throw std::logic_error("no such VM");
+    return text;
   }
 
-  std::vector<uint64_t> requestedSizes() const {
-    std::vector<uint64_t> sizes;
-    for (const vm_node_list* node = requested_; node != nullptr; node = node->next) sizes.push_back(node->vm->vm_size);
-    return sizes;
+  // The one line an entry function logged for the failure it contained
+  // since the last check is "Exception occured: <message>".
+  void expectContained(const std::string& message) {
+    std::vector<std::string> contained;
+    for (const fake::LogLine& line : fake::logLines()) {
+      if (line.message.rfind("Exception occured: ", 0) == 0) contained.push_back(line.message);
+    }
+    EXPECT_EQ(contained, std::vector<std::string>{"Exception occured: " + message});
+    fake::resetLog();
   }
 
-  static std::vector<std::string> sentKeys() {
-    std::vector<std::string> keys;
-    for (const fake::SentNotification& sent : fake::sentNotifications()) keys.push_back(sent.event.messageKey);
-    return keys;
-  }
-
-  // Requests the VMs' backups, then answers the polls with these states.
+  // Answers the polls with these job states.
   void pollWithStates(const std::vector<std::string>& states, int nodes) {
     for (const std::string& state : states) {
       fake::curlScript().answers.push_back(
@@ -86,31 +90,17 @@ TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
 
   EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
 
-  ASSERT_EQ(fake::ksqdCalls().size(), 3u);
-  EXPECT_EQ(fake::ksqdCalls()[0].request, R"({"policy": "policy30"})");
-  EXPECT_EQ(fake::ksqdCalls()[0].masterServer, "master.example");
-  EXPECT_EQ(fake::ksqdCalls()[0].kind, 1);
-  EXPECT_EQ(fake::ksqdCalls()[2].request, R"({"policy": "policy10"})");
-  EXPECT_EQ(vm(30).job_id, 7u);
-  EXPECT_EQ(vm(20).job_id, 8u);
-  EXPECT_EQ(vm(10).job_id, 9u);
-  for (uint64_t size : {10, 20, 30}) EXPECT_EQ(vm(size).evict_state, 1);
-  EXPECT_EQ(requestedSizes(), (std::vector<uint64_t>{10, 20, 30}));
+  EXPECT_EQ(vmStates(), "10:1:9 30:1:7 20:1:8");
   EXPECT_EQ(evictList_->count, 0);
+  std::vector<evict_vm_info*> requested;
+  for (const vm_node_list* node = requested_; node != nullptr; node = node->next) requested.push_back(node->vm);
+  EXPECT_EQ(requested, (std::vector<evict_vm_info*>{&vm(10), &vm(20), &vm(30)}));
+  EXPECT_EQ(fake::ksqdCalls().at(0), R"(master.example 1 {"policy": "policy30"})");
 
   ASSERT_EQ(fake::sentNotifications().size(), 3u);
-  const NotificationEvent& first = fake::sentNotifications()[0].event;
-  EXPECT_EQ(first.messageKey, "eventlog.omra.ksu.cdp.eviction.start");
-  EXPECT_EQ(first.attributes, (std::map<std::string, std::string>{
-                                  {"jobid", "7"}, {"server", "cdp-host.example"}, {"uuid", "vm30"}}));
-  EXPECT_EQ(fake::sentNotifications()[2].event.attributes.at("jobid"), "9");
-  EXPECT_EQ(fake::suppliersConstructed(), 1);
-
-  const std::vector<fake::LogLine> passes = fake::logLinesOf("KeepstoneServiceGateway::requestEviction");
-  ASSERT_EQ(passes.size(), 3u);
-  EXPECT_EQ(passes[0], (fake::LogLine{16, "KeepstoneServiceGateway::requestEviction",
-                                      "VM: vm30\nPolicy: policy30\nVM Size: 30\nEviction Type: 3\nMaster server: "
-                                      "master.example"}));
+  EXPECT_EQ(fake::sentNotifications()[0].attributes,
+            (Attributes{{"jobid", "7"}, {"server", "cdp-host.example"}, {"uuid", "vm30"}}));
+  EXPECT_EQ(fake::suppliersConstructed(), 1);  // one publisher for every alert
 }
 
 TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
@@ -119,20 +109,18 @@ TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
 
   EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
 
-  EXPECT_EQ(fake::ksqdCalls().size(), 3u);
-  for (const fake::KsqdCall& call : fake::ksqdCalls()) EXPECT_EQ(call.request, R"({"policy": "policy30"})");
+  EXPECT_EQ(fake::ksqdCalls(), std::vector<std::string>(3, R"(master.example 1 {"policy": "policy30"})"));
+  EXPECT_EQ(vmStates(), "10:0:0 30:0:0 20:0:0");
   EXPECT_EQ(evictList_->count, 3);
   EXPECT_EQ(get_element_from_evlist(evictList_), &vm(30));
   EXPECT_EQ(requested_, nullptr);
-  EXPECT_EQ(vm(30).evict_state, 0);
-  EXPECT_EQ(sentKeys(), std::vector<std::string>(3, "eventlog.omra.ksu.cdp.eviction.failed"));
-  EXPECT_EQ(fake::sentNotifications()[0].event.attributes.at("uuid"), "vm30");
+  ASSERT_EQ(fake::sentNotifications().size(), 3u);
+  for (const NotificationEvent& sent : fake::sentNotifications()) {
+    EXPECT_EQ(sent.messageKey + " " + sent.attributes.at("uuid"),
+              "eventlog.omra.ksu.cdp.eviction.failed vm30");
+  }
   // Each pass logs the VM, then the same text with the failure appended.
-  const std::vector<fake::LogLine> passes = fake::logLinesOf("KeepstoneServiceGateway::requestEviction");
-  ASSERT_EQ(passes.size(), 6u);
-  EXPECT_EQ(passes[5].message,
-            "VM: vm30\nPolicy: policy30\nVM Size: 30\nEviction Type: 3\nMaster server: master.example"
-            "Exception occured: Failed to invoke Ksqd CCT request. Return code:5");
+  EXPECT_EQ(fake::logLinesOf(kEvictionLog).size(), 6u);
 }
 
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
@@ -143,71 +131,37 @@ TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
   EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 0);
 
   EXPECT_TRUE(fake::ksqdCalls().empty());
-  const std::vector<fake::LogLine> passes = fake::logLinesOf("KeepstoneServiceGateway::requestEviction");
+  const std::vector<fake::LogLine> passes = fake::logLinesOf(kEvictionLog);
   ASSERT_EQ(passes.size(), 2u);
   EXPECT_EQ(passes[0].message,
             "VM: vm20\nPolicy: policy20\nVM Size: 20\nEviction Type: 3"
             "Exception occured: Failed to read master server hostname from Keepstone configuration file");
   ASSERT_EQ(fake::sentNotifications().size(), 2u);
-  EXPECT_EQ(fake::sentNotifications()[0].event.attributes,
-            (std::map<std::string, std::string>{{"server", ""}, {"uuid", ""}}));
+  EXPECT_EQ(fake::sentNotifications()[0].attributes, (Attributes{{"server", ""}, {"uuid", ""}}));
 }
 
 TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
-  const struct {
-    const char* name;
-    std::function<void(EngineCallsTest&)> arrange;
-    std::function<int(EngineCallsTest&)> call;
-    int result;
-    std::string logged;  // under the entry function's own name
-  } cases[] = {
-      {"null status list", [](EngineCallsTest&) {},
-       [](EngineCallsTest&) { return call_check_eviction_progress(1, nullptr); }, 20,
-       "Exception occured: Eviction list to check status is null"},
-      {"unreadable configuration for eviction", [](EngineCallsTest& t) {
-         t.evictList({1});
-         fake::configScript().readResult = 13;
-       },
-       [](EngineCallsTest& t) { return call_evict_data(1, t.evictList_, &t.requested_); }, 13,
-       "Exception occured: Failed to read Keepstone configuration file"},
-      {"no master server for polling", [](EngineCallsTest&) { fake::configScript().hasServerList = false; },
-       [](EngineCallsTest& t) { return call_check_eviction_progress(1, &t.requested_); }, -1,
-       "Exception occured: Failed to read master server from Keepstone configuration file"},
-      {"more passes than VMs", [](EngineCallsTest& t) { t.evictList({1}); },
-       [](EngineCallsTest& t) { return call_evict_data(2, t.evictList_, &t.requested_); }, 20,
-       "Exception occured: Eviction list holds no VM for pass 2 of 2"},
-      {"null evict list", [](EngineCallsTest&) {},
-       [](EngineCallsTest& t) { return call_evict_data(1, nullptr, &t.requested_); }, 20,
-       "Exception occured: Eviction list holds no VM for pass 1 of 1"},
-      {"client library throws", [](EngineCallsTest& t) {
-         t.evictList({1});
-         ASSERT_EQ(call_evict_data(1, t.evictList_, &t.requested_), 0);
-         fake::resetLog();
-         fake::curlScript().requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
-       },
-       [](EngineCallsTest& t) { return call_check_eviction_progress(1, &t.requested_); }, -1,
-       "Exception occured: socket gone"},
-      {"unparsable job answer", [](EngineCallsTest& t) {
-         t.evictList({1});
-         ASSERT_EQ(call_evict_data(1, t.evictList_, &t.requested_), 0);
-         fake::resetLog();
-         fake::curlScript().answers.push_back({500, "oops", {}, {}});
-       },
-       [](EngineCallsTest& t) { return call_check_eviction_progress(1, &t.requested_); }, 130,
-       "Exception occured: Could not parse Jobs API response message."},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    TearDown();
-    SetUp();
-    c.arrange(*this);
-    EXPECT_EQ(c.call(*this), c.result);
-    std::vector<std::string> contained;
-    for (const fake::LogLine& line : fake::logLines()) {
-      if (line.message.rfind("Exception occured: ", 0) == 0) contained.push_back(line.message);
-    }
-    EXPECT_EQ(contained, std::vector<std::string>{c.logged});
-  }
+  EXPECT_EQ(call_check_eviction_progress(1, nullptr), 20);
+  expectContained("Eviction list to check status is null");
+  evictList({1});
+  EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 20);  // the one VM is requested, then none is left
+  expectContained("Eviction list holds no VM for pass 2 of 2");
+  EXPECT_EQ(call_evict_data(1, nullptr, &requested_), 20);
+  expectContained("Eviction list holds no VM for pass 1 of 1");
+
+  fake::curlScript().requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
+  EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
+  expectContained("socket gone");
+  fake::curlScript() = fake::CurlScript{};
+  fake::curlScript().answers.push_back({500, "oops", {}, {}});
+  EXPECT_EQ(call_check_eviction_progress(1, &requested_), 130);
+  expectContained("Could not parse Jobs API response message.");
+  fake::configScript().hasServerList = false;
+  EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
+  expectContained("Failed to read master server from Keepstone configuration file");
+  fake::configScript().readResult = 13;
+  EXPECT_EQ(call_evict_data(1, evictList_, &requested_), 13);
+  expectContained("Failed to read Keepstone configuration file");
 }
 
 TEST_F(EngineCallsTest, PassCountZeroRequestsNothing) {
@@ -216,75 +170,56 @@ TEST_F(EngineCallsTest, PassCountZeroRequestsNothing) {
   EXPECT_TRUE(fake::ksqdCalls().empty());
   EXPECT_TRUE(fake::logLines().empty());
   EXPECT_TRUE(fake::sentNotifications().empty());
-  EXPECT_EQ(fake::configReads(), 1);  // the backup handler was still made
 }
 
-TEST_F(EngineCallsTest, OnlyDoneExactlyMarksAVmDone) {
-  evictList({1, 2, 3, 4, 5});
-  ASSERT_EQ(call_evict_data(5, evictList_, &requested_), 0);
-  // The requested list runs 1, 2, 3, 4, 5.
-  pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);
-  EXPECT_EQ(vm(1).evict_state, 2);
-  for (uint64_t size : {2, 3, 4, 5}) EXPECT_EQ(vm(size).evict_state, 1) << size;
-  ASSERT_EQ(fake::curlCalls().size(), 5u);
-  EXPECT_EQ(fake::curlCalls()[0].path, "keepstone/admin/jobs/1");
-}
-
-TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodes) {
-  evictList({1, 2, 3});
-  ASSERT_EQ(call_evict_data(3, evictList_, &requested_), 0);
+TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
+  evictList({1, 2, 3, 4, 5, 6});
+  ASSERT_EQ(call_evict_data(6, evictList_, &requested_), 0);  // the requested list runs 1 to 6
   for (evict_vm_info& record : vms_) record.evict_state = 7;
-  pollWithStates({"DONE", "DONE"}, 2);
-  EXPECT_EQ(vm(1).evict_state, 2);
-  EXPECT_EQ(vm(2).evict_state, 2);
-  EXPECT_EQ(vm(3).evict_state, 7);
-
-  pollWithStates({"DONE", "DONE", "DONE"}, 9);
-  EXPECT_EQ(vm(3).evict_state, 2);
-  EXPECT_EQ(fake::curlCalls().size(), 5u);
+  pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);
+  EXPECT_EQ(vmStates(), "1:2:1 2:1:1 3:1:1 4:1:1 5:1:1 6:7:1");
+  EXPECT_EQ(fake::curlClients().at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
+  pollWithStates(std::vector<std::string>(6, "DONE"), 9);
+  EXPECT_EQ(vm(6).evict_state, 2);
 
   EXPECT_EQ(call_check_eviction_progress(0, &requested_), 0);
   vm_node_list* empty = nullptr;
   EXPECT_EQ(call_check_eviction_progress(3, &empty), 0);
-  EXPECT_EQ(fake::curlCalls().size(), 5u);
+  EXPECT_EQ(fake::curlClients().size(), 11u);
 }
 
 TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
   const struct {
     int code;
-    const char* key;
-    const char* severity;
-    const char* priority;
+    const char* event;  // "<key> <severity> <priority>"
     bool namesVm;
   } cases[] = {
-      {2, "eventlog.omra.ksu.cdp.storage.highwatermark", "CRITICAL", "HIGH", false},
-      {18, "eventlog.omra.ksu.cdp.storage.ioerror", "ERROR", "HIGH", true},
-      {44, "eventlog.omra.ksu.cdp.eviction.failed", "ERROR", "HIGH", true},
-      {45, "eventlog.omra.ksu.cdp.storage.nospace", "CRITICAL", "HIGH", false},
-      {501, "eventlog.omra.ksu.cdp.fullsync.started", "INFO", "LOW", true},
-      {502, "eventlog.omra.ksu.cdp.fullsync.resumed", "INFO", "LOW", true},
-      {503, "eventlog.omra.ksu.cdp.fullsync.done", "INFO", "LOW", true},
-      {504, "eventlog.omra.ksu.cdp.fullsync.suspended", "INFO", "LOW", true},
-      {505, "eventlog.omra.ksu.cdp.partialimage.generated", "INFO", "LOW", true},
-      {506, "", "INFO", "LOW", false},
-      {0, "", "INFO", "LOW", false},
+      {2, "eventlog.omra.ksu.cdp.storage.highwatermark CRITICAL HIGH", false},
+      {18, "eventlog.omra.ksu.cdp.storage.ioerror ERROR HIGH", true},
+      {44, "eventlog.omra.ksu.cdp.eviction.failed ERROR HIGH", true},
+      {45, "eventlog.omra.ksu.cdp.storage.nospace CRITICAL HIGH", false},
+      {501, "eventlog.omra.ksu.cdp.fullsync.started INFO LOW", true},
+      {502, "eventlog.omra.ksu.cdp.fullsync.resumed INFO LOW", true},
+      {503, "eventlog.omra.ksu.cdp.fullsync.done INFO LOW", true},
+      {504, "eventlog.omra.ksu.cdp.fullsync.suspended INFO LOW", true},
+      {505, "eventlog.omra.ksu.cdp.partialimage.generated INFO LOW", true},
+      {506, " INFO LOW", false},
+      {0, " INFO LOW", false},
   };
+  const char uuid32[] = "0123456789abcdef0123456789abcdef";
+  const Attributes vmAttributes{{"server", "cdp-host.example"}, {"uuid", "01234567-89ab-cdef-0123-456789abcdef"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.code);
     fake::resetPlatform();
-    EXPECT_EQ(raise_backup_alert(kUuid32, c.code, "12345"), 0);
+    EXPECT_EQ(raise_backup_alert(uuid32, c.code, "12345"), 0);
     ASSERT_EQ(fake::sentNotifications().size(), 1u);
-    const NotificationEvent& event = fake::sentNotifications()[0].event;
-    EXPECT_EQ(event.messageKey, c.key);
-    EXPECT_EQ(event.severity, c.severity);
-    EXPECT_EQ(event.priority, c.priority);
-    const std::map<std::string, std::string> vmAttributes{{"server", "cdp-host.example"}, {"uuid", kUuid36}};
-    const std::map<std::string, std::string> noAttributes;
-    EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : noAttributes);
-    EXPECT_EQ(fake::logLinesOf("KeepstoneServiceGateway::raiseAlert"),
-              (std::vector<fake::LogLine>{{4, "KeepstoneServiceGateway::raiseAlert",
-                                           std::string("Raising alert for VM: ") + kUuid32 +
-                                               ", bearing code: " + std::to_string(c.code)}}));
+    const NotificationEvent& event = fake::sentNotifications()[0];
+    EXPECT_EQ(event.messageKey + " " + event.severity + " " + event.priority, c.event);
+    EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : Attributes{});
+    const char raiseAlert[] = "KeepstoneServiceGateway::raiseAlert";
+    const std::string raising = "Raising alert for VM: " + std::string(uuid32) + ", bearing code: ";
+    EXPECT_EQ(fake::logLinesOf(raiseAlert),
+              std::vector<fake::LogLine>({{4, raiseAlert, raising + std::to_string(c.code)}}));
   }
 }
 

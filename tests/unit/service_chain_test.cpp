@@ -1,28 +1,34 @@
+// The chain rule, and the records each handler refuses.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
-#include <vector>
 
-#include "services/KSServiceException.h"
-#include "services/KSUServiceImpl.h"
+#include "fake_platform.h"
+#include "service_error.h"
+#include "services/AlertServiceImpl.h"
+#include "services/BackupServiceImpl.h"
+#include "services/JobServiceImpl.h"
 #include "services/ServiceData.h"
 
 namespace {
 
-// A handler that notes its visit in an AlertServiceData and forwards, or
+// A handler that notes each visit in an AlertServiceData and forwards, or
 // throws when told to.
 class RecordingHandler : public KSUServiceImpl {
  public:
-  RecordingHandler(std::string name, int ownResult = 0) : name_(std::move(name)), ownResult_(ownResult) {}
+  explicit RecordingHandler(std::string name, int ownResult = 0) : name_(std::move(name)), ownResult_(ownResult) {}
 
   int handleRequest(ServiceData* data) override {
-    if (throwCode_ != 0) throw KSServiceException(throwCode_, name_ + " failed");
+    ++visits_;
+    if (throws_) throw KSServiceException(130, name_ + " failed");
     if (auto* alert = dynamic_cast<AlertServiceData*>(data)) alert->messageKey += name_;
     const int forwarded = forward(data);
     return m_next != nullptr ? forwarded : ownResult_;
   }
 
-  int throwCode_ = 0;
+  bool throws_ = false;
+  int visits_ = 0;
 
  private:
   std::string name_;
@@ -39,8 +45,7 @@ TEST(ServiceRecords, InsertAttributeKeepsTheFirstValue) {
 
 TEST(ServiceChain, ForwardsTheSameRecordAndReturnsTheLastResult) {
   RecordingHandler first("a", 1), second("b", 2), third("c", 7);
-  // setNext returns its argument, so links chain in one expression.
-  first.setNext(&second)->setNext(&third);
+  first.setNext(&second)->setNext(&third);  // setNext returns its argument
   AlertServiceData record;
   EXPECT_EQ(static_cast<ServiceInterface&>(first).handleRequest(&record), 7);
   EXPECT_EQ(record.messageKey, "abc");
@@ -53,23 +58,47 @@ TEST(ServiceChain, ForwardsTheSameRecordAndReturnsTheLastResult) {
 TEST(ServiceChain, ExceptionFromASuccessorReachesTheCallerUnchanged) {
   RecordingHandler first("a"), second("b");
   first.setNext(&second);
-  second.throwCode_ = 130;
+  second.throws_ = true;
   AlertServiceData record;
-  try {
-    first.handleRequest(&record);
-    FAIL() << "no exception";
-  } catch (const KSServiceException& e) {
-    EXPECT_EQ(e.m_code, 130);
-    EXPECT_STREQ(e.what(), "b failed");
-  }
+  EXPECT_EQ(unit::serviceError([&] { first.handleRequest(&record); }), "130 b failed");
   EXPECT_EQ(record.messageKey, "a");
 }
 
-TEST(ServiceException, WhatReturnsTheMessage) {
-  EXPECT_STREQ(KSServiceException(20, "").what(), "");
-  const KSServiceException e(8775, "no master");
-  EXPECT_EQ(e.m_code, 8775);
-  EXPECT_STREQ(e.what(), "no master");
+TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
+  fake::resetPlatform();
+  BackupServiceImpl backup;
+  JobServiceImpl job;
+  HostServiceImpl host;
+  AlertServiceImpl alert;
+  RecordingHandler successor("s");
+  for (KSUServiceImpl* handler : std::initializer_list<KSUServiceImpl*>{&backup, &job, &host, &alert}) {
+    handler->setNext(&successor);
+  }
+  fake::resetLog();
+  AlertServiceData alertRecord;
+  EvictionServiceData evictionRecord;
+  const std::string notForWorker = "20 Invalid shared common object is passed to worker service";
+  const std::string notAnAlert =
+      "20 Invalid shared object passed to worker service. Internal error: casting to AlertServiceData failed.";
+  // A null record and one of another kind take the same way in each handler
+  // but the host service.
+  const struct {
+    ServiceInterface* handler;
+    ServiceData* record;
+    std::string error;
+  } cases[] = {
+      {&backup, nullptr, notForWorker},
+      {&job, &alertRecord, notForWorker},
+      {&host, nullptr, "20 Invalid shared common object passed to worker service"},
+      {&host, &evictionRecord, notAnAlert},
+      {&alert, nullptr, notAnAlert},
+  };
+  for (const auto& c : cases) EXPECT_EQ(unit::serviceError([&] { c.handler->handleRequest(c.record); }), c.error);
+  EXPECT_EQ(successor.visits_, 0);
+  EXPECT_TRUE(fake::logLines().empty());
+  EXPECT_TRUE(fake::ksqdCalls().empty());
+  EXPECT_TRUE(fake::curlClients().empty());
+  EXPECT_EQ(fake::suppliersConstructed(), 0);
 }
 
 }  // namespace
