@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan clean
+.PHONY: all deps build test demo test-asan fuzz clean
 
 all: build
 
@@ -27,5 +27,15 @@ demo: build
 test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Debug -DKSCDP_SANITIZE=ON"
 
+# The fuzz targets of fuzz/, built with clang and libFuzzer under ASan and
+# UBSan in a tree of their own, each run for FUZZ_SECONDS seconds.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_FUZZ=ON -DKSCDP_BUILD_TESTS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
+
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan $(FUZZ_BUILD)
