@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan fuzz clean
+.PHONY: all deps build test demo test-asan fuzz memcheck clean
 
 all: build
 
@@ -36,6 +36,10 @@ fuzz: deps
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_FUZZ=ON -DKSCDP_BUILD_TESTS=OFF
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
+
+# The end-to-end test under valgrind's memcheck: no memory error, no leak.
+memcheck: build
+	bash scripts/memcheck.sh $(BUILD)
 
 clean:
 	rm -rf build build-asan $(FUZZ_BUILD)
