@@ -45,7 +45,7 @@ class Engine {
   }
 
   void step() {
-    const fuzz::ListContents before = contents();
+    const fuzz::ListContents before = checkedContents();
     switch (input_.ConsumeIntegralInRange(0, 13)) {
       case 0: initialize(); break;
       case 1: insertIntoEvictList(before); break;
@@ -62,11 +62,11 @@ class Engine {
       case 12: FUZZ_CHECK(stop_alert_thread() == 0); break;
       case 13: fuzz::scriptPlatform(input_); break;
     }
-    contents();
+    checkedContents();
   }
 
  private:
-  fuzz::ListContents contents() const { return fuzz::checkedContents(evictList_, requested_, pool_); }
+  fuzz::ListContents checkedContents() const { return fuzz::checkedContents(evictList_, requested_, pool_); }
 
   // Sizes from a small range collide, which exercises the heap's ties.
   void makeVm(evict_vm_info& vm) {
@@ -133,7 +133,7 @@ class Engine {
     }
     const bool full = static_cast<int>(before.evict.size()) == evictList_->capacity;
     FUZZ_CHECK(result == (full ? 1 : 0));
-    FUZZ_CHECK(contents().evict.size() == before.evict.size() + (full ? 0 : 1));
+    FUZZ_CHECK(checkedContents().evict.size() == before.evict.size() + (full ? 0 : 1));
   }
 
   void removeTop(const fuzz::ListContents& before) {
@@ -143,7 +143,7 @@ class Engine {
       return;
     }
     FUZZ_CHECK(result == (before.evict.empty() ? 2 : 0));
-    const fuzz::ListContents after = contents();
+    const fuzz::ListContents after = checkedContents();
     if (!before.evict.empty()) FUZZ_CHECK(fuzz::isFree(after, before.evict[0]));
   }
 
@@ -157,7 +157,7 @@ class Engine {
       vm->vm_size = input_.ConsumeIntegralInRange<uint64_t>(0, vm->vm_size);
     }
     FUZZ_CHECK(realign_element_in_vm_list(evictList_, index) == 0);
-    const fuzz::ListContents after = contents();
+    const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(std::is_permutation(after.evict.begin(), after.evict.end(), before.evict.begin(), before.evict.end()));
   }
 
@@ -189,7 +189,7 @@ class Engine {
     const size_t allocations = fake::allocationCalls().size();
     call_evict_data(passes, evictList_, nullRequested ? nullptr : &requested_);
 
-    const fuzz::ListContents after = contents();
+    const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(after.requested.size() >= before.requested.size());
     const size_t added = after.requested.size() - before.requested.size();
     FUZZ_CHECK(std::equal(before.requested.begin(), before.requested.end(), after.requested.begin() + added));
@@ -210,7 +210,7 @@ class Engine {
     for (int i = 0; i < kPoolSize; ++i) states[i] = records_[i].evict_state;
     call_check_eviction_progress(nodes, nullRequested ? nullptr : &requested_);
 
-    const fuzz::ListContents after = contents();
+    const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(after.evict == before.evict && after.requested == before.requested);
     for (int i = 0; i < kPoolSize; ++i) {
       const int32_t state = records_[i].evict_state;
