@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan bench clean
+.PHONY: all deps build test demo test-asan bench fuzz memcheck clean
 
 all: build
 
@@ -34,5 +34,19 @@ bench: deps
 	cmake --build build-bench -j $(JOBS) --target kscdp_benchmarks
 	bash bench/run.sh build-bench
 
+# The fuzz targets of fuzz/, built with clang and libFuzzer under ASan and
+# UBSan in a tree of their own, each run for FUZZ_SECONDS seconds.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_FUZZ=ON -DKSCDP_BUILD_TESTS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
+
+# The end-to-end test under valgrind's memcheck: no memory error, no leak.
+memcheck: build
+	bash scripts/memcheck.sh $(BUILD)
+
 clean:
-	rm -rf build build-asan build-bench
+	rm -rf build build-asan build-bench $(FUZZ_BUILD)

@@ -23,7 +23,7 @@ KSCDP_EXPORT int raise_backup_alert(const char* vm_id, int alert_code, const cha
  * Each requested VM gets its job_id and evict_state 1 and moves from the
  * evict list to the front of *requested; a VM whose request failed stays on
  * top. 0 when every pass ran; otherwise the code of the error that stopped
- * it (logged). */
+ * it (logged). A null `requested` requests nothing and returns 20. */
 KSCDP_EXPORT int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested);
 
 /* Polls the jobs of the first `nodes` VMs of *requested and sets each VM's

@@ -104,6 +104,9 @@ void KeepstoneServiceGateway::raiseAlert(const std::string& vmId, int alertCode,
 void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictList,
                                               vm_node_list** requested) {
   static const std::string function = "KeepstoneServiceGateway::requestEviction";
+  // Without a list to move them to, requested VMs would leave the evict list
+  // and the engine would lose the jobs started for them: request none.
+  if (requested == nullptr) throw KSServiceException(20, "Requested VM list is null");
   OperationHandlers handlers;
   ServiceInterface* backupHandler = handlers.make(BACKUP_SERVICE);
 

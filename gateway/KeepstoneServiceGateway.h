@@ -29,7 +29,8 @@ class KeepstoneServiceGateway {
 
   // Requests a manual backup for the top VM of `evictList`, `passes` times.
   // A pass that fails is logged and alerted; its VM stays on top. Throws
-  // KSServiceException 20 when the list runs out of VMs before the passes do.
+  // KSServiceException 20 when the list runs out of VMs before the passes do,
+  // and before any pass when `requested` is null.
   void requestEviction(int passes, evict_vm_list* evictList, vm_node_list** requested);
 
   // Sets evict_state of the first `nodes` VMs of *requested: 2 when the job

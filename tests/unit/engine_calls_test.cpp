@@ -148,6 +148,8 @@ TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   expectContained("Eviction list holds no VM for pass 2 of 2");
   EXPECT_EQ(call_evict_data(1, nullptr, &requested_), 20);
   expectContained("Eviction list holds no VM for pass 1 of 1");
+  EXPECT_EQ(call_evict_data(1, evictList_, nullptr), 20);  // nowhere to put a requested VM
+  expectContained("Requested VM list is null");
 
   fake::curlScript().requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
