@@ -26,8 +26,9 @@ namespace {
 
 const char kFunction[] = "invoke_ksqd_cct_request";
 
+// An easy handle from the stand-ins' pool, given back when the request ends.
 struct CurlEasyDeleter {
-  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+  void operator()(CURL* easy) const { standin::giveBackEasyHandle(easy); }
 };
 using CurlEasy = std::unique_ptr<CURL, CurlEasyDeleter>;
 
@@ -62,7 +63,7 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   const std::string caFile = standin::setting(config, "ca_file", "");
 
   CURLSH* share = standin::curlShare();  // also initialises libcurl
-  const CurlEasy easy(curl_easy_init());
+  const CurlEasy easy(standin::takeEasyHandle());
   if (easy == nullptr) return transportFailure(url, CURLE_FAILED_INIT, "");
 
   standin::HeaderList headers;
