@@ -12,12 +12,13 @@
 #include "rest/CCTCurlWrapper.h"
 #include "services/AlertServiceImpl.h"
 #include "services/KSServiceException.h"
+#include "services/ServiceCodes.h"
 
 namespace {
 
 void logContained(const char* function, const char* what) noexcept {
   try {
-    ksu_logmsg_str(16, function, std::string("Exception occured: ") + what);
+    ksu_logmsg_str(FAILURE_LEVEL, function, std::string("Exception occured: ") + what);
   } catch (...) {
     // Nothing is left to report with; the engine must still get its result.
   }
@@ -45,7 +46,7 @@ int contained(const char* function, Operation operation) noexcept {
 }
 
 std::string requiredText(const char* text, const char* what) {
-  if (text == nullptr) throw KSServiceException(20, std::string(what) + " is null");
+  if (text == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, std::string(what) + " is null");
   return text;
 }
 
@@ -86,7 +87,7 @@ int call_check_eviction_progress(int nodes, vm_node_list** requested) {
 int stop_alert_thread(void) {
   static const char function[] = "stop_alert_thread";
   contained(function, [&] {
-    ksu_logmsg_str(4, function,
+    ksu_logmsg_str(PROGRESS_LEVEL, function,
                    "Stopping Alert Service thread which publishes the events to master server's MQBroker");
     NotificationInterface::destroyInstance();
     return 0;

@@ -5,10 +5,11 @@
 #include <sstream>
 
 #include "gateway/OperationHandlers.h"
-#include "platform/ks_master_config.h"
 #include "platform/ksu_log.h"
 #include "services/AlertServiceImpl.h"
 #include "services/KSServiceException.h"
+#include "services/MasterConfiguration.h"
+#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -63,13 +64,12 @@ std::string fieldText(const char (&field)[N]) {
 }  // namespace
 
 void KeepstoneServiceGateway::getMasterServerName(std::string& name) {
-  const int result = KS_read_master_config();
-  const ks_master_config* config = get_master_config_ptr();
-  if (result != 0 || config == nullptr || config->server_list == nullptr ||
-      config->server_list[0] == nullptr) {
-    throw KSServiceException(8775, "Failed to read master server hostname from Keepstone configuration file");
+  const MasterConfiguration config = readMasterConfiguration();
+  if (config.readResult != 0 || !config.hasMasterServer) {
+    throw KSServiceException(MASTER_CONFIG_UNREADABLE_CODE,
+                             "Failed to read master server hostname from Keepstone configuration file");
   }
-  name = config->server_list[0];
+  name = config.masterServer;
 }
 
 void KeepstoneServiceGateway::setAlertParameters(int alertCode, const std::string& vmId,
@@ -89,7 +89,7 @@ void KeepstoneServiceGateway::setAlertParameters(int alertCode, const std::strin
 void KeepstoneServiceGateway::raiseAlert(const std::string& vmId, int alertCode, const std::string& jobId) {
   std::ostringstream message;
   message << "Raising alert for VM: " << vmId << ", bearing code: " << alertCode;
-  ksu_logmsg_str(4, "KeepstoneServiceGateway::raiseAlert", message.str());
+  ksu_logmsg_str(PROGRESS_LEVEL, "KeepstoneServiceGateway::raiseAlert", message.str());
 
   OperationHandlers handlers;
   KSUServiceImpl* alertHandler = handlers.make(ALERT_SERVICE);
@@ -106,7 +106,7 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
   static const std::string function = "KeepstoneServiceGateway::requestEviction";
   // Without a list to move them to, requested VMs would leave the evict list
   // and the engine would lose the jobs started for them: request none.
-  if (requested == nullptr) throw KSServiceException(20, "Requested VM list is null");
+  if (requested == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, "Requested VM list is null");
   OperationHandlers handlers;
   ServiceInterface* backupHandler = handlers.make(BACKUP_SERVICE);
 
@@ -117,7 +117,7 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
     if (vm == nullptr) {
       std::ostringstream reason;
       reason << "Eviction list holds no VM for pass " << pass << " of " << passes;
-      throw KSServiceException(20, reason.str());
+      throw KSServiceException(INVALID_REQUEST_CODE, reason.str());
     }
 
     const boost::shared_ptr<EvictionServiceData> record = boost::make_shared<EvictionServiceData>();
@@ -130,7 +130,7 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
       std::string masterServerName;
       getMasterServerName(masterServerName);
       message << "\nMaster server: " << masterServerName;
-      ksu_logmsg_str(16, function, message.str());
+      ksu_logmsg_str(FAILURE_LEVEL, function, message.str());
 
       record->vmId = fieldText(vm->vm_id);
       record->policyName = fieldText(vm->policy_name);
@@ -145,7 +145,7 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
       jobIdText = std::to_string(record->jobId);
     } catch (const KSServiceException& e) {
       message << "Exception occured: " << e.what();
-      ksu_logmsg_str(16, function, message.str());
+      ksu_logmsg_str(FAILURE_LEVEL, function, message.str());
       alertCode = EVICTION_FAILED_ALERT;
     }
     raiseAlert(record->vmId, alertCode, jobIdText);
@@ -154,7 +154,7 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
 
 void KeepstoneServiceGateway::getEvictionStatus(int nodes, vm_node_list** requested) {
   OperationHandlers handlers;
-  if (requested == nullptr) throw KSServiceException(20, "Eviction list to check status is null");
+  if (requested == nullptr) throw KSServiceException(INVALID_REQUEST_CODE, "Eviction list to check status is null");
   vm_node_list* node = *requested;
   ServiceInterface* jobHandler = handlers.make(JOB_SERVICE);
 

@@ -4,8 +4,9 @@
 #include <sstream>
 
 #include "platform/ks_curl_client.h"
-#include "platform/ks_master_config.h"
 #include "platform/ksu_log.h"
+#include "services/MasterConfiguration.h"
+#include "services/ServiceCodes.h"
 
 namespace {
 
@@ -19,9 +20,7 @@ const char WARNING_HEADER[] = "X-Keepstone-Warning";
 const char MAKE_REQUEST_LOG_NAME[] = "KSCurlWrapper::makeRequest";
 
 const int MASTER_REST_PORT = 1556;
-const int GET_REQUEST = 0;
-const int PAYLOAD_REQUEST = 1;
-const int UNSUPPORTED_REQUEST_RESULT = 20;
+const int UNSUPPORTED_REQUEST_RESULT = INVALID_REQUEST_CODE;
 // The header lookup's "no such header", which is no failure of a request.
 const int HEADER_ABSENT = 227;
 
@@ -40,15 +39,14 @@ const char* KSCurlWrapperException::what() const noexcept { return m_message.c_s
 KSCurlWrapper::KSCurlWrapper() { readAndInitializeConfig(); }
 
 void KSCurlWrapper::readAndInitializeConfig() {
-  const int result = KS_read_master_config();
-  if (result != 0) {
-    throw KSCurlWrapperException(result, "Failed to read Keepstone configuration file");
+  const MasterConfiguration config = readMasterConfiguration();
+  if (config.readResult != 0) {
+    throw KSCurlWrapperException(config.readResult, "Failed to read Keepstone configuration file");
   }
-  const ks_master_config* config = get_master_config_ptr();
-  if (config == nullptr || config->server_list == nullptr || config->server_list[0] == nullptr) {
-    throw KSCurlWrapperException(-1, "Failed to read master server from Keepstone configuration file");
+  if (!config.hasMasterServer) {
+    throw KSCurlWrapperException("Failed to read master server from Keepstone configuration file");
   }
-  m_masterServerName = config->server_list[0];
+  m_masterServerName = config.masterServer;
 }
 
 int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse& response) {
@@ -69,7 +67,7 @@ int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse
       client->post(params.uri, params.payload);
       break;
     default:
-      ksu_logmsg_str(16, MAKE_REQUEST_LOG_NAME, "Unsupported request type specified.");
+      ksu_logmsg_str(FAILURE_LEVEL, MAKE_REQUEST_LOG_NAME, "Unsupported request type specified.");
       return UNSUPPORTED_REQUEST_RESULT;
   }
 
@@ -80,6 +78,6 @@ int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse
 
   std::ostringstream message;
   message << "Curl request status: " << response.statusCode << ", message: " << response.message;
-  ksu_logmsg_str(4, MAKE_REQUEST_LOG_NAME, message.str());
+  ksu_logmsg_str(PROGRESS_LEVEL, MAKE_REQUEST_LOG_NAME, message.str());
   return result;
 }

@@ -19,11 +19,15 @@ class KSCurlWrapperException : public std::exception {
   std::string m_message;
 };
 
+// The kinds of request in KSCurlRequestParams::requestType.
+const int32_t GET_REQUEST = 0;      // no body
+const int32_t PAYLOAD_REQUEST = 1;  // with the payload as its body
+
 // One request; owned by the caller.
 struct KSCurlRequestParams {
   std::string uri;      // path relative to the server, no leading slash
   std::string payload;  // body of a payload request
-  int32_t requestType;  // 0 get, 1 payload; the caller must set it
+  int32_t requestType;  // GET_REQUEST or PAYLOAD_REQUEST; the caller must set it
 };
 
 // One answer; owned by the caller.

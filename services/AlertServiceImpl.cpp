@@ -1,11 +1,15 @@
 #include "services/AlertServiceImpl.h"
 
+#include <condition_variable>
+#include <map>
+#include <mutex>
 #include <sstream>
 
-#include "platform/ks_master_config.h"
 #include "platform/ksu_log.h"
 #include "platform/notification.h"
 #include "services/KSServiceException.h"
+#include "services/MasterConfiguration.h"
+#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 const std::string AlertHelper::producerType = "Keepstone";
@@ -22,10 +26,6 @@ const std::string SERVER_ATTRIBUTE_KEY = "server";
 const std::string NULL_RECORD_MESSAGE = "Invalid shared common object passed to worker service";
 const std::string NOT_AN_ALERT_MESSAGE =
     "Invalid shared object passed to worker service. Internal error: casting to AlertServiceData failed.";
-
-const int INVALID_REQUEST_CODE = 20;
-const int TRACE_LEVEL = 2;
-const int PROGRESS_LEVEL = 4;
 
 // Narrows a record's 64-bit value to the 32 bits of the alert enumerations.
 template <typename Enumeration>
@@ -74,9 +74,9 @@ std::string AlertHelper::convertCCTIDToUUID(const std::string& cctid) {
 }
 
 HostServiceImpl::HostServiceImpl() {
-  KS_read_master_config();  // a failed read leaves the record without a host name
-  const ks_master_config* config = get_master_config_ptr();
-  if (config != nullptr && config->host_name != nullptr) serverName = config->host_name;
+  // A failed read leaves the record without a host name.
+  const MasterConfiguration config = readMasterConfiguration();
+  if (config.hasHostName) serverName = config.hostName;
 }
 
 HostServiceImpl::~HostServiceImpl() {}
@@ -123,14 +123,47 @@ int AlertServiceImpl::handleRequest(ServiceData* data) {
   return result;
 }
 
-NotificationSupplier* NotificationInterface::getInstance() {
+namespace {
+
+// Guards m_notificationSupplier and the count of running sends of every
+// supplier not yet deleted. Held while a supplier is made, never across a
+// send or a shutdown.
+std::mutex g_supplierMutex;
+std::condition_variable g_supplierReleased;
+std::map<const NotificationSupplier*, int> g_supplierUses;
+
+}  // namespace
+
+NotificationInterface::SupplierUse::~SupplierUse() {
+  std::lock_guard<std::mutex> lock(g_supplierMutex);
+  if (--g_supplierUses[m_supplier] == 0) g_supplierUses.erase(m_supplier);
+  g_supplierReleased.notify_all();
+}
+
+NotificationInterface::SupplierUse NotificationInterface::getInstance() {
+  std::lock_guard<std::mutex> lock(g_supplierMutex);
   if (m_notificationSupplier == nullptr) m_notificationSupplier = new NotificationSupplier();
-  return m_notificationSupplier;
+  ++g_supplierUses[m_notificationSupplier];
+  return SupplierUse(m_notificationSupplier);
 }
 
 void NotificationInterface::destroyInstance() {
-  if (m_notificationSupplier == nullptr) return;
-  m_notificationSupplier->shutdown();
-  delete m_notificationSupplier;
+  std::unique_lock<std::mutex> lock(g_supplierMutex);
+  NotificationSupplier* const supplier = m_notificationSupplier;
+  if (supplier == nullptr) return;
   m_notificationSupplier = nullptr;
+  g_supplierReleased.wait(lock, [supplier] { return g_supplierUses.count(supplier) == 0; });
+  lock.unlock();
+  try {
+    supplier->shutdown();
+  } catch (...) {
+    lock.lock();
+    if (m_notificationSupplier == nullptr) {
+      m_notificationSupplier = supplier;
+    } else {
+      delete supplier;
+    }
+    throw;
+  }
+  delete supplier;
 }

@@ -88,17 +88,42 @@ class AlertServiceImpl : public virtual KSUServiceImpl {
   int handleRequest(ServiceData* data) override;
 };
 
-// Holder of the one NotificationSupplier of the process. Not synchronised:
-// making, using and destroying the supplier must not overlap between threads.
+// Holder of the one NotificationSupplier of the process, shared by alerts on
+// every thread.
+//
+// The supplier is made under a lock by the first alert that needs it, so
+// racing first alerts make one. A send borrows it (SupplierUse) for as long
+// as send_notification runs. destroyInstance takes the supplier out of the
+// holder first, so that an alert after that point makes a new one, waits
+// under the same lock for the sends still running on the old one (each only
+// queues its event), and then shuts the old one down and deletes it with no
+// lock held. An alert raised beside a stop is therefore delivered by the old
+// supplier, which had it queued before its shutdown, or by a new one; no
+// supplier is freed while a send uses it, and no alert waits for a shutdown.
 class NotificationInterface {
  public:
   NotificationInterface() = delete;
 
-  // The supplier, made on first use. A throwing constructor leaves none, so
-  // the next call tries again.
-  static NotificationSupplier* getInstance();
+  // The supplier, made on first use, borrowed until this object goes.
+  class SupplierUse {
+   public:
+    ~SupplierUse();
+    SupplierUse(const SupplierUse&) = delete;
+    SupplierUse& operator=(const SupplierUse&) = delete;
+    NotificationSupplier* operator->() const { return m_supplier; }
+
+   private:
+    friend class NotificationInterface;
+    explicit SupplierUse(NotificationSupplier* supplier) : m_supplier(supplier) {}
+    NotificationSupplier* m_supplier;
+  };
+
+  // Borrows the supplier, making it on first use. A throwing constructor
+  // leaves none, so the next call tries again.
+  static SupplierUse getInstance();
   // Shuts the supplier down and deletes it; does nothing when there is none.
-  // If shutdown() throws, the supplier stays as it was.
+  // If shutdown() throws, the supplier goes back into the holder (unless an
+  // alert has made a new one meanwhile; it is then deleted all the same).
   static void destroyInstance();
 
  private:

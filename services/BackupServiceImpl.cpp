@@ -12,6 +12,7 @@
 #include "platform/ksu_log.h"
 #include "services/JsonReference.h"
 #include "services/KSServiceException.h"
+#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -48,11 +49,11 @@ BackupServiceImpl::~BackupServiceImpl() {}
 int BackupServiceImpl::handleRequest(ServiceData* data) {
   auto* request = dynamic_cast<EvictionServiceData*>(data);
   if (request == nullptr) {
-    throw KSServiceException(20, "Invalid shared common object is passed to worker service");
+    throw KSServiceException(INVALID_REQUEST_CODE, "Invalid shared common object is passed to worker service");
   }
-  ksu_logmsg_str(4, HANDLE_REQUEST_FUNCTION, message("PolicyName: ", request->policyName));
+  ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_FUNCTION, message("PolicyName: ", request->policyName));
   const std::string payload = createRequestPayload(request->policyName);
-  ksu_logmsg_str(4, HANDLE_REQUEST_FUNCTION, message("Backup request payload: ", payload));
+  ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_FUNCTION, message("Backup request payload: ", payload));
 
   char* answer = nullptr;
   const int result = invoke_ksqd_cct_request(request->masterServerName.c_str(),
@@ -61,8 +62,8 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
     // The daemon client hands back no answer when it fails, so there is
     // nothing to release here.
     const std::string failure = message("Failed to invoke Ksqd CCT request. Return code:", result);
-    ksu_logmsg_str(16, HANDLE_REQUEST_FUNCTION, failure);
-    throw KSServiceException(25, failure);
+    ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_FUNCTION, failure);
+    throw KSServiceException(DAEMON_REQUEST_FAILED_CODE, failure);
   }
 
   // From here the answer is ours; it is released before parsing starts. A
@@ -70,20 +71,20 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
   MallocText ownedAnswer(answer);
   const std::string response = ownedAnswer != nullptr ? ownedAnswer.get() : "";
   ownedAnswer.reset();
-  ksu_logmsg_str(2, HANDLE_REQUEST_FUNCTION,
+  ksu_logmsg_str(TRACE_LEVEL, HANDLE_REQUEST_FUNCTION,
                  message("invoked  ksqd cct request: json_output=", response, " ret Val:", result));
 
   unsigned long jobId = 0;
   parseRequestResponse(response, jobId);
   request->jobId = jobId;
-  ksu_logmsg_str(4, HANDLE_REQUEST_FUNCTION, message("BackupServiceImpl: Backup JobID: ", jobId));
+  ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_FUNCTION, message("BackupServiceImpl: Backup JobID: ", jobId));
   return forward(data);
 }
 
 std::string BackupServiceImpl::createRequestPayload(const std::string& policyName) const {
   if (policyName.empty()) {
-    ksu_logmsg_str(16, CREATE_PAYLOAD_FUNCTION, "Empty policy name.");
-    throw KSServiceException(20, "Empty policy name");
+    ksu_logmsg_str(FAILURE_LEVEL, CREATE_PAYLOAD_FUNCTION, "Empty policy name.");
+    throw KSServiceException(INVALID_REQUEST_CODE, "Empty policy name");
   }
   const JsonReference request(json_object());
   // json_string refuses text that is not UTF-8; the object then stays empty.
@@ -96,16 +97,17 @@ std::string BackupServiceImpl::createRequestPayload(const std::string& policyNam
 int BackupServiceImpl::parseRequestResponse(const std::string& response, unsigned long& jobId) const {
   const JsonReference answer(json_loads(response.c_str(), 0, nullptr));
   if (answer == nullptr) {
-    throw KSServiceException(130, "Could not parse Backup API response message");
+    throw KSServiceException(UNPARSABLE_ANSWER_CODE, "Could not parse Backup API response message");
   }
   const json_t* id = json_object_get(answer.get(), JOB_ID_KEY);
   if (id == nullptr) {
-    throw KSServiceException(130, "Could not parse ksqd eviction request response. Missing attribute: jobid");
+    throw KSServiceException(UNPARSABLE_ANSWER_CODE, "Could not parse ksqd eviction request response. Missing attribute: jobid");
   }
   if (!json_is_integer(id)) {
     jobId = 0;
     throw KSServiceException(
-        130, "Could not parse ksqd eviction request response. Invalid format received for Job id. Not integer.");
+        UNPARSABLE_ANSWER_CODE,
+        "Could not parse ksqd eviction request response. Invalid format received for Job id. Not integer.");
   }
   jobId = static_cast<unsigned long>(json_integer_value(id));
   return 0;

@@ -10,6 +10,7 @@
 #include "platform/pause.h"
 #include "services/JsonReference.h"
 #include "services/KSServiceException.h"
+#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -44,15 +45,15 @@ JobServiceImpl::~JobServiceImpl() {}
 int JobServiceImpl::handleRequest(ServiceData* data) {
   JobServiceData* job = dynamic_cast<JobServiceData*>(data);
   if (job == nullptr) {
-    throw KSServiceException(20, "Invalid shared common object is passed to worker service");
+    throw KSServiceException(INVALID_REQUEST_CODE, "Invalid shared common object is passed to worker service");
   }
 
   KSCurlRequestParams request;
   KSCurlResponse response{};
   try {
     request.uri = JOBS_GET_API + std::to_string(job->jobId);
-    ksu_logmsg_str(4, HANDLE_REQUEST_LOG_NAME, "Invoking jobs URI: " + request.uri);
-    request.requestType = 0;
+    ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_LOG_NAME, "Invoking jobs URI: " + request.uri);
+    request.requestType = GET_REQUEST;
     int notKnownAnswers = 0;
     for (;;) {
       m_curlWrapper->makeRequest(request, response);
@@ -65,7 +66,7 @@ int JobServiceImpl::handleRequest(ServiceData* data) {
     std::ostringstream message;
     message << "KSCurl Exception occured, error code: " << e.m_code << "\nException message: "
             << e.m_message;
-    ksu_logmsg_str(16, HANDLE_REQUEST_LOG_NAME, message.str());
+    ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_LOG_NAME, message.str());
     throw KSServiceException(e.m_code, e.m_message);
   }
 
@@ -81,14 +82,14 @@ int JobServiceImpl::handleRequest(ServiceData* data) {
 
 int JobServiceImpl::parseResponse(const std::string& body, std::string& state, int& status) const {
   const JsonReference document(json_loads(body.c_str(), 0, nullptr));
-  if (!document) throw KSServiceException(130, PARSE_FAILURE);
+  if (!document) throw KSServiceException(UNPARSABLE_ANSWER_CODE, PARSE_FAILURE);
   json_t* jobData = member(document.get(), "data");
-  if (jobData == nullptr) throw KSServiceException(130, MISSING_ATTRIBUTE + "data");
+  if (jobData == nullptr) throw KSServiceException(UNPARSABLE_ANSWER_CODE, MISSING_ATTRIBUTE + "data");
   json_t* attributes = member(jobData, "attributes");
-  if (attributes == nullptr) throw KSServiceException(130, MISSING_ATTRIBUTE + "attributes");
+  if (attributes == nullptr) throw KSServiceException(UNPARSABLE_ANSWER_CODE, MISSING_ATTRIBUTE + "attributes");
   // A state that is not a string has no text to hand back: it counts as missing.
   json_t* jobState = member(attributes, "state");
-  if (!json_is_string(jobState)) throw KSServiceException(130, MISSING_ATTRIBUTE + "jobstate");
+  if (!json_is_string(jobState)) throw KSServiceException(UNPARSABLE_ANSWER_CODE, MISSING_ATTRIBUTE + "jobstate");
 
   if (json_t* jobStatus = member(attributes, "status")) {
     // Keeps the low 32 bits: 2^32 + 1 becomes 1.

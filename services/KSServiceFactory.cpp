@@ -4,7 +4,7 @@
 #include "services/BackupServiceImpl.h"
 #include "services/JobServiceImpl.h"
 
-KSServiceFactory* KSServiceFactory::m_instance = nullptr;
+thread_local KSServiceFactory* KSServiceFactory::m_instance = nullptr;
 
 KSServiceFactory* KSServiceFactory::getInstance() {
   if (m_instance == nullptr) m_instance = new KSServiceFactory();

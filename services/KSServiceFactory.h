@@ -14,10 +14,10 @@ enum KSServiceType {
 
 class KSServiceFactory {
  public:
-  // Never null; creates the singleton on first use. Not thread-safe: the
-  // engine calls the library from one thread at a time.
+  // The calling thread's factory, made on its first use; never null.
   static KSServiceFactory* getInstance();
-  // Deletes the singleton, if any. Handlers it made stay valid.
+  // Deletes the calling thread's factory, if any. Handlers it made stay
+  // valid; factories of other threads are untouched.
   static void destroyInstance();
 
   // A new handler of `type` with no successor, owned by the caller (delete it
@@ -29,7 +29,12 @@ class KSServiceFactory {
   KSServiceFactory() = default;
   ~KSServiceFactory() = default;
 
-  static KSServiceFactory* m_instance;
+  // One singleton per thread. Operations on different threads never share a
+  // factory, so one operation's destroyInstance cannot delete the factory
+  // another is using, and no lock is needed; an engine calling from one
+  // thread sees one factory per operation as before. The factory holds no
+  // state, so nothing is lost by not sharing it.
+  static thread_local KSServiceFactory* m_instance;
 };
 
 #endif  // KSCDP_SERVICES_KSSERVICEFACTORY_H_

@@ -1,0 +1,29 @@
+#include "services/MasterConfiguration.h"
+
+#include <mutex>
+
+#include "platform/ks_master_config.h"
+
+namespace {
+
+// Guards the process-wide record from its refill to the end of its copy.
+std::mutex g_configMutex;
+
+}  // namespace
+
+MasterConfiguration readMasterConfiguration() {
+  MasterConfiguration copy;
+  std::lock_guard<std::mutex> lock(g_configMutex);
+  copy.readResult = KS_read_master_config();
+  const ks_master_config* config = get_master_config_ptr();
+  if (config == nullptr) return copy;
+  if (config->server_list != nullptr && config->server_list[0] != nullptr) {
+    copy.hasMasterServer = true;
+    copy.masterServer = config->server_list[0];
+  }
+  if (config->host_name != nullptr) {
+    copy.hasHostName = true;
+    copy.hostName = config->host_name;
+  }
+  return copy;
+}
