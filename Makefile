@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan bench fuzz memcheck clean
+.PHONY: all deps build test demo test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -27,6 +27,11 @@ demo: build
 test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=Debug -DKSCDP_SANITIZE=ON"
 
+# The whole suite under ThreadSanitizer, in a build tree of its own: the
+# engine may call the library from any number of threads at once.
+test-tsan:
+	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_TSAN=ON"
+
 # Every benchmark, built in Release in a tree of its own, and one table of the
 # results against their targets.
 bench: deps
@@ -49,4 +54,4 @@ memcheck: build
 	bash scripts/memcheck.sh $(BUILD)
 
 clean:
-	rm -rf build build-asan build-bench $(FUZZ_BUILD)
+	rm -rf build build-asan build-tsan build-bench $(FUZZ_BUILD)

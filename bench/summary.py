@@ -15,6 +15,11 @@ import sys
 UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
+def base_name(run_name):
+    """A run's name without the options Google Benchmark appends ("/repeats:5", "/real_time")."""
+    return "/".join(part for part in run_name.split("/") if ":" not in part and not part.endswith("_time"))
+
+
 class Results:
     def __init__(self, directory):
         self.directory = directory
@@ -25,11 +30,23 @@ class Results:
         with open(os.path.join(self.directory, program + ".json")) as file:
             runs = json.load(file)["benchmarks"]
         for run in runs:
-            if run["run_name"].split("/")[0] == benchmark and run.get("error_occurred"):
+            if base_name(run["run_name"]) == benchmark and run.get("error_occurred"):
                 self.errors.append("%s: %s" % (benchmark, run.get("error_message", "error")))
         for run in runs:
-            if run["run_name"].split("/")[0] == benchmark and run.get("aggregate_name") == "median":
+            if base_name(run["run_name"]) == benchmark and run.get("aggregate_name") == "median":
                 return run[clock] * UNIT_NS[run["time_unit"]], run
+        self.errors.append("%s: no result" % benchmark)
+        return float("nan"), {}
+
+    def median_or_single(self, program, benchmark):
+        """The one run of `benchmark` (no repetitions): its real time in nanoseconds and its counters."""
+        with open(os.path.join(self.directory, program + ".json")) as file:
+            runs = json.load(file)["benchmarks"]
+        for run in runs:
+            if base_name(run["run_name"]) == benchmark:
+                if run.get("error_occurred"):
+                    self.errors.append("%s: %s" % (benchmark, run.get("error_message", "error")))
+                return run["real_time"] * UNIT_NS[run["time_unit"]], run
         self.errors.append("%s: no result" % benchmark)
         return float("nan"), {}
 
@@ -90,6 +107,20 @@ def main():
     rows.append(["10,000 alerts to mosquitto, all received", duration(delivery),
                  "raising: %s" % duration(run.get("raise_ms", float("nan")) * 1e6), "",
                  "every one delivered", "yes" if delivered_all else "NO (%g missing)" % missing])
+
+    _, idle_run = results.median_or_single("kscdp_concurrent_alerts_bench", "AlertLatency/0")
+    _, busy_run = results.median_or_single("kscdp_concurrent_alerts_bench", "AlertLatency/1")
+    p99 = busy_run.get("p99_us", float("nan"))
+    rows.append(["raise_backup_alert p99, 4 threads polling unknown jobs", duration(p99 * 1e3),
+                 "p50 %s, max %s; idle engine p99 %s" % (duration(busy_run.get("p50_us", float("nan")) * 1e3),
+                                                          duration(busy_run.get("max_us", float("nan")) * 1e3),
+                                                          duration(idle_run.get("p99_us", float("nan")) * 1e3)),
+                 "", "<= 5 ms", "yes" if p99 <= 5000 else "MISSED"])
+    rates = []
+    for threads in (1, 2, 4):
+        _, run = results.median("kscdp_concurrent_alerts_bench", "AlertThroughput/%d" % threads, "real_time")
+        rates.append("%d: {:,.0f}".format(run.get("alerts_per_s", float("nan"))) % threads)
+    rows.append(["alerts/s raised from 1, 2, 4 threads", "; ".join(rates), "", "", "report only", "-"])
 
     header = ["benchmark", "measured", "baseline / detail", "ratio", "target", "met"]
     widths = [max(len(str(row[i])) for row in [header] + rows) for i in range(len(header))]

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "alert_payload.h"
 #include "engine_library.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
@@ -19,13 +20,6 @@ namespace {
 
 const char kTopic[] = "keepstone/notifications";
 const std::chrono::seconds kDeliveryTimeout(20);
-
-std::string eventPayload(const std::string& key, const char* priority, const char* severity,
-                         const std::string& attributes) {
-  return std::string(R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP",)") +
-         R"("notificationType":"CDP Backup Engine","priority":")" + priority + R"(","severity":")" + severity +
-         R"(","messageKey":")" + key + R"(","attributes":{)" + attributes + "}}";
-}
 
 class EngineEndToEndTest : public ::testing::Test {
  protected:
@@ -99,11 +93,11 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   EXPECT_EQ(library_.stop_alert_thread(), 0);
   const std::string start = "eventlog.omra.ksu.cdp.eviction.start";
   const testbed::MqttSubscriber::Messages expected = {
-      eventPayload(start, "LOW", "INFO",
+      alertPayload(start, "LOW", "INFO",
                    R"("jobid":"1000","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000002")"),
-      eventPayload(start, "LOW", "INFO",
+      alertPayload(start, "LOW", "INFO",
                    R"("jobid":"1001","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000001")"),
-      eventPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
+      alertPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
   };
   EXPECT_EQ(testbed::withoutRepeats(subscriber_.waitForCount(expected.size(), kDeliveryTimeout)), expected);
 
@@ -134,7 +128,7 @@ TEST_F(EngineEndToEndTest, RefusedRequestKeepsTheVmAndAlertsTheFailure) {
   library_.stop_alert_thread();
 
   EXPECT_EQ(subscriber_.waitForCount(1, kDeliveryTimeout).front(),
-            eventPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
+            alertPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
                          R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"));
   const std::string log = newLog();
   EXPECT_NE(log.find("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
