@@ -1,8 +1,5 @@
 #include "services/AlertServiceImpl.h"
 
-#include <condition_variable>
-#include <map>
-#include <mutex>
 #include <sstream>
 
 #include "platform/ksu_log.h"
@@ -123,41 +120,36 @@ int AlertServiceImpl::handleRequest(ServiceData* data) {
   return result;
 }
 
-namespace {
-
-// Guards m_notificationSupplier and the count of running sends of every
-// supplier not yet deleted. Held while a supplier is made, never across a
-// send or a shutdown.
-std::mutex g_supplierMutex;
-std::condition_variable g_supplierReleased;
-std::map<const NotificationSupplier*, int> g_supplierUses;
-
-}  // namespace
+port::Mutex NotificationInterface::m_mutex;
+port::CondVar NotificationInterface::m_sendEnded;
+std::map<const NotificationSupplier*, int> NotificationInterface::m_runningSends;
 
 NotificationInterface::SupplierUse::~SupplierUse() {
-  std::lock_guard<std::mutex> lock(g_supplierMutex);
-  if (--g_supplierUses[m_supplier] == 0) g_supplierUses.erase(m_supplier);
-  g_supplierReleased.notify_all();
+  port::MutexLock lock(m_mutex);
+  if (--m_runningSends[m_supplier] == 0) m_runningSends.erase(m_supplier);
+  m_sendEnded.notifyAll();
 }
 
 NotificationInterface::SupplierUse NotificationInterface::getInstance() {
-  std::lock_guard<std::mutex> lock(g_supplierMutex);
+  port::MutexLock lock(m_mutex);
   if (m_notificationSupplier == nullptr) m_notificationSupplier = new NotificationSupplier();
-  ++g_supplierUses[m_notificationSupplier];
+  ++m_runningSends[m_notificationSupplier];
   return SupplierUse(m_notificationSupplier);
 }
 
 void NotificationInterface::destroyInstance() {
-  std::unique_lock<std::mutex> lock(g_supplierMutex);
+  m_mutex.lock();
   NotificationSupplier* const supplier = m_notificationSupplier;
-  if (supplier == nullptr) return;
   m_notificationSupplier = nullptr;
-  g_supplierReleased.wait(lock, [supplier] { return g_supplierUses.count(supplier) == 0; });
-  lock.unlock();
+  if (supplier != nullptr) {
+    m_sendEnded.wait(m_mutex, [supplier]() REQUIRES(m_mutex) { return m_runningSends.count(supplier) == 0; });
+  }
+  m_mutex.unlock();
+  if (supplier == nullptr) return;
   try {
     supplier->shutdown();
   } catch (...) {
-    lock.lock();
+    port::MutexLock lock(m_mutex);
     if (m_notificationSupplier == nullptr) {
       m_notificationSupplier = supplier;
     } else {

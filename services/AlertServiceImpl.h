@@ -8,8 +8,10 @@
 #define KSCDP_SERVICES_ALERTSERVICEIMPL_H_
 
 #include <cstdint>
+#include <map>
 #include <string>
 
+#include "port/mutex.h"
 #include "services/KSUServiceImpl.h"
 
 class NotificationSupplier;
@@ -107,7 +109,7 @@ class NotificationInterface {
   // The supplier, made on first use, borrowed until this object goes.
   class SupplierUse {
    public:
-    ~SupplierUse();
+    ~SupplierUse() EXCLUDES(m_mutex);
     SupplierUse(const SupplierUse&) = delete;
     SupplierUse& operator=(const SupplierUse&) = delete;
     NotificationSupplier* operator->() const { return m_supplier; }
@@ -120,14 +122,20 @@ class NotificationInterface {
 
   // Borrows the supplier, making it on first use. A throwing constructor
   // leaves none, so the next call tries again.
-  static SupplierUse getInstance();
+  static SupplierUse getInstance() EXCLUDES(m_mutex);
   // Shuts the supplier down and deletes it; does nothing when there is none.
   // If shutdown() throws, the supplier goes back into the holder (unless an
   // alert has made a new one meanwhile; it is then deleted all the same).
-  static void destroyInstance();
+  static void destroyInstance() EXCLUDES(m_mutex);
 
  private:
-  static NotificationSupplier* m_notificationSupplier;  // owned; null when absent
+  // Held while a supplier is made or taken out, never across a send or a
+  // shutdown.
+  static port::Mutex m_mutex;
+  static port::CondVar m_sendEnded;
+  static NotificationSupplier* m_notificationSupplier GUARDED_BY(m_mutex);  // owned; null when absent
+  // Sends running on each supplier not yet deleted.
+  static std::map<const NotificationSupplier*, int> m_runningSends GUARDED_BY(m_mutex);
 };
 
 #endif  // KSCDP_SERVICES_ALERTSERVICEIMPL_H_

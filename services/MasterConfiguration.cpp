@@ -1,19 +1,18 @@
 #include "services/MasterConfiguration.h"
 
-#include <mutex>
-
 #include "platform/ks_master_config.h"
+#include "port/mutex.h"
 
 namespace {
 
 // Guards the process-wide record from its refill to the end of its copy.
-std::mutex g_configMutex;
+port::Mutex g_configMutex;
 
 }  // namespace
 
 MasterConfiguration readMasterConfiguration() {
   MasterConfiguration copy;
-  std::lock_guard<std::mutex> lock(g_configMutex);
+  port::MutexLock lock(g_configMutex);
   copy.readResult = KS_read_master_config();
   const ks_master_config* config = get_master_config_ptr();
   if (config == nullptr) return copy;

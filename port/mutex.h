@@ -1,0 +1,54 @@
+// A mutex that clang's thread-safety analysis knows (libstdc++'s std::mutex
+// carries no annotations), its scoped lock, and a condition variable to wait
+// on it.
+#ifndef KSCDP_PORT_MUTEX_H_
+#define KSCDP_PORT_MUTEX_H_
+
+#include <condition_variable>
+#include <mutex>
+
+#include "port/thread_annotations.h"
+
+namespace port {
+
+class CAPABILITY("mutex") Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock() ACQUIRE() { mutex_.lock(); }
+  void unlock() RELEASE() { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
+// Holds `mutex` from construction to destruction.
+class SCOPED_CAPABILITY MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~MutexLock() RELEASE() { mutex_.unlock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
+
+// Waits on a Mutex the caller holds; the wait gives it up and takes it back.
+class CondVar {
+ public:
+  void notifyAll() { condition_.notify_all(); }
+  template <typename Predicate>
+  void wait(Mutex& mutex, Predicate done) REQUIRES(mutex) {
+    condition_.wait(mutex, done);
+  }
+
+ private:
+  std::condition_variable_any condition_;
+};
+
+}  // namespace port
+
+#endif  // KSCDP_PORT_MUTEX_H_
