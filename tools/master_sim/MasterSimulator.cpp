@@ -102,7 +102,9 @@ struct MasterSimulator::Impl {
 
   std::mutex servingMutex;
   std::condition_variable servingAnnounced;
-  bool serverLoopEntered = false;  // guarded by servingMutex; true from the loop's start on
+  // Guarded by servingMutex: true once the server loop runs, or once the
+  // server thread ends without it.
+  bool serverLoopEntered = false;
 
   mutable std::mutex mutex;  // guards every member below
   int64_t nextJobId;
