@@ -1,14 +1,11 @@
 #include "master_sim/MasterSimulator.h"
 
-#include <arpa/inet.h>
-#include <dirent.h>
 #include <httplib.h>
 #include <jansson.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -24,6 +21,11 @@ using Clock = std::chrono::steady_clock;
 const char kJsonType[] = "application/json";
 const char kNotJson[] = "<html><body>Service temporarily unavailable</body></html>";
 const char kNotJsonType[] = "text/html";
+// A stopped server still serves each open connection until its client closes
+// it or it has been idle this long, so stop() waits this long at most. The
+// server counts whole seconds, and at 0 it would also drop a new connection
+// whose first request is a few milliseconds late.
+const time_t kKeepAliveSeconds = 1;
 // Headers that the HTTP server adds to a request itself; no client sent them.
 const char* const kServerMadeHeaders[] = {"REMOTE_ADDR", "REMOTE_PORT", "LOCAL_ADDR", "LOCAL_PORT"};
 
@@ -67,37 +69,6 @@ bool parseJobId(const std::string& text, int64_t& id) {
   return parsed.ec == std::errc() && parsed.ptr == end;
 }
 
-// The port of a bound IPv4 or IPv6 socket address, else -1.
-int portOf(const sockaddr_storage& address) {
-  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-  return -1;
-}
-
-// The server keeps an idle keep-alive connection until its keep-alive timeout
-// runs out, even once stopped. Shutting down the connected sockets whose
-// local end is `port` (only the server's accepted connections, once its
-// listening socket is closed) ends those waits at once.
-void shutDownConnectionsTo(int port) {
-  DIR* fds = opendir("/proc/self/fd");
-  if (fds == nullptr) return;
-  while (const dirent* entry = readdir(fds)) {
-    char* end = nullptr;
-    const long fd = std::strtol(entry->d_name, &end, 10);
-    if (end == entry->d_name || *end != '\0' || fd == dirfd(fds)) continue;
-    sockaddr_storage local{};
-    sockaddr_storage peer{};
-    socklen_t localLength = sizeof local;
-    socklen_t peerLength = sizeof peer;
-    if (getsockname(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&local), &localLength) == 0 &&
-        portOf(local) == port &&
-        getpeername(static_cast<int>(fd), reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0) {
-      shutdown(static_cast<int>(fd), SHUT_RDWR);
-    }
-  }
-  closedir(fds);
-}
-
 struct Job {
   std::string policy;
   Clock::time_point started;
@@ -112,6 +83,9 @@ struct MasterSimulator::Impl {
       : options(std::move(simOptions)), nextJobId(options.firstJobId), jobFaults(options.jobFaults) {}
 
   void addRoutes();
+  // Serves until stop(); run on serverThread.
+  void serve();
+  void announceServing();
   void answerJob(const httplib::Request& request, httplib::Response& response);
   void answerDaemon(const httplib::Request& request, httplib::Response& response);
   void finishAnswer(const httplib::Request& request, httplib::Response& response);
@@ -126,6 +100,12 @@ struct MasterSimulator::Impl {
   int port = -1;
   bool started = false;
 
+  std::mutex servingMutex;
+  std::condition_variable servingAnnounced;
+  // Guarded by servingMutex: true once the server loop runs, or once the
+  // server thread ends without it.
+  bool serverLoopEntered = false;
+
   mutable std::mutex mutex;  // guards every member below
   int64_t nextJobId;
   JobFaults jobFaults;
@@ -139,6 +119,7 @@ struct MasterSimulator::Impl {
 void MasterSimulator::Impl::addRoutes() {
   // Connections stay open for as many requests as a client sends.
   server.set_keep_alive_max_count(1000000);
+  server.set_keep_alive_timeout(kKeepAliveSeconds);
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement.
   server.set_tcp_nodelay(true);
@@ -155,6 +136,25 @@ void MasterSimulator::Impl::addRoutes() {
   server.set_post_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
     finishAnswer(request, response);
   });
+}
+
+void MasterSimulator::Impl::serve() {
+  // The server makes its task queue once its loop runs, when stop() can end
+  // it; that is the moment start() waits for.
+  server.new_task_queue = [this] {
+    announceServing();
+    return new httplib::ThreadPool(CPPHTTPLIB_THREAD_POOL_COUNT);
+  };
+  server.listen_after_bind();
+  announceServing();  // in case the loop never ran
+}
+
+void MasterSimulator::Impl::announceServing() {
+  {
+    std::lock_guard<std::mutex> lock(servingMutex);
+    serverLoopEntered = true;
+  }
+  servingAnnounced.notify_all();
 }
 
 int64_t MasterSimulator::Impl::startJob(const std::string& policy, const JobFaults& faults) {
@@ -274,18 +274,17 @@ bool MasterSimulator::start() {
     impl_->port = options.port;
   }
   if (impl_->port <= 0) return false;
-  impl_->serverThread = std::thread([this] { impl_->server.listen_after_bind(); });
+  impl_->serverThread = std::thread([this] { impl_->serve(); });
   // The socket already queues connections; stop() works only once the server
   // loop runs, so wait for that.
-  const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (!impl_->server.is_running() && Clock::now() < deadline) std::this_thread::yield();
+  std::unique_lock<std::mutex> lock(impl_->servingMutex);
+  impl_->servingAnnounced.wait(lock, [this] { return impl_->serverLoopEntered; });
   return impl_->server.is_running();
 }
 
 void MasterSimulator::stop() {
   if (!impl_->serverThread.joinable()) return;
   impl_->server.stop();
-  shutDownConnectionsTo(impl_->port);
   impl_->serverThread.join();
 }
 

@@ -64,7 +64,9 @@ class MasterSimulator {
   // answered, or false when the address cannot be bound. A simulator starts
   // once: after stop() it stays stopped.
   bool start();
-  // Closes the listening socket and waits for the server thread. Idempotent.
+  // Closes the listening socket, lets the answers under way finish and waits
+  // for the server thread; a connection its client keeps open idle ends
+  // within a second. Idempotent.
   void stop();
 
   int port() const;         // the bound port, valid after a successful start()
