@@ -87,7 +87,7 @@ bool readPassword(const std::string& path, std::string& password, std::string& p
 }
 
 // Applies TLS and credentials; false with the reason in `problem`.
-bool configureClient(mosquitto* client, const PublisherSettings& settings, std::string& problem) {
+bool configureClient(mosquitto* client, const BrokerSecurity& settings, std::string& problem) {
   if (settings.brokerTls) {
     if (settings.brokerCertFile.empty() != settings.brokerKeyFile.empty()) {
       problem = "only one of broker_cert_file and broker_key_file is set";
@@ -152,7 +152,7 @@ CheckResult publishTestAlert(mosquitto* client, Session& session, const Configur
                   std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + kTopic);
 }
 
-std::string connectAction(int result, const PublisherSettings& settings, const std::string& address) {
+std::string connectAction(int result, const BrokerSecurity& settings, const std::string& address) {
   if (result == MOSQ_ERR_TLS) {
     return "set broker_ca_file to the CA bundle that signed the broker's certificate and check that it names "
            "the broker's host, or set broker_tls to match the broker's listener";
@@ -183,8 +183,8 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
     return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
   }
-  PublisherSettings settings;
-  if (!readPublisherSettings(configuration.values, settings, problem)) {
+  BrokerSecurity settings;
+  if (!readBrokerSecurity(configuration.values, settings, problem)) {
     return finish(failedResult(kId, kTitle, problem, "set broker_tls to on or off in " + configuration.path));
   }
   const std::string where = address.host + ":" + std::to_string(address.port);

@@ -57,25 +57,27 @@ CheckResult checkOutbox(const Configuration& configuration) {
   const char kId[] = "outbox";
   const char kTitle[] = "alert outbox";
   if (configuration.readResult != 0) return skippedResult(kId, kTitle, "needs a readable configuration file");
-  PublisherSettings settings;
-  std::string ignored;
-  readPublisherSettings(configuration.values, settings, ignored);
-  if (settings.outbox == kNoOutbox) {
+  const std::string outbox = outboxPath(configuration.values);
+  if (outbox == kNoOutbox) {
     return okResult(kId, kTitle, "outbox = none: waiting alerts are kept in memory only");
+  }
+  if (outbox.empty()) {
+    return warningResult(kId, kTitle, "outbox is set to nothing in " + configuration.path,
+                         "set outbox to a file path, or to none to keep waiting alerts in memory only");
   }
   // SQLite writes its journal beside the file, so the directory must be writable too.
   bool inDirectory = false;
-  int problem = writableProblem(settings.outbox, O_RDWR, inDirectory);
-  if (problem == 0 && !inDirectory && access(directoryOf(settings.outbox).c_str(), W_OK | X_OK) != 0) {
+  int problem = writableProblem(outbox, O_RDWR, inDirectory);
+  if (problem == 0 && !inDirectory && access(directoryOf(outbox).c_str(), W_OK | X_OK) != 0) {
     problem = errno;
     inDirectory = true;
   }
-  if (problem == 0) return okResult(kId, kTitle, settings.outbox + (inDirectory ? " can be created" : " can be written"));
-  const std::string where = inDirectory ? "directory " + directoryOf(settings.outbox) : settings.outbox;
+  if (problem == 0) return okResult(kId, kTitle, outbox + (inDirectory ? " can be created" : " can be written"));
+  const std::string where = inDirectory ? "directory " + directoryOf(outbox) : outbox;
   return warningResult(kId, kTitle,
                        where + ": " + std::strerror(problem) +
                            "; alerts would wait in memory only and be lost with the engine's process",
-                       "create " + directoryOf(settings.outbox) + " writable by the engine's user, or set outbox in " +
+                       "create " + directoryOf(outbox) + " writable by the engine's user, or set outbox in " +
                            configuration.path);
 }
 

@@ -4,9 +4,12 @@ namespace doctor {
 
 const char kNoOutbox[] = "none";
 
-bool readPublisherSettings(const standin::ConfigValues& values, PublisherSettings& settings, std::string& error) {
-  PublisherSettings read;
-  read.outbox = standin::setting(values, "outbox", "/var/lib/kscdp/outbox.db");
+std::string outboxPath(const standin::ConfigValues& values) {
+  return standin::setting(values, "outbox", "/var/lib/kscdp/outbox.db");
+}
+
+bool readBrokerSecurity(const standin::ConfigValues& values, BrokerSecurity& security, std::string& error) {
+  BrokerSecurity read;
   const std::string tls = standin::setting(values, "broker_tls", "off");
   if (tls != "on" && tls != "off") {
     error = "broker_tls is \"" + tls + "\", neither on nor off";
@@ -18,7 +21,7 @@ bool readPublisherSettings(const standin::ConfigValues& values, PublisherSetting
   read.brokerKeyFile = standin::setting(values, "broker_key_file", "");
   read.brokerUser = standin::setting(values, "broker_user", "");
   read.brokerPasswordFile = standin::setting(values, "broker_password_file", "");
-  settings = read;
+  security = read;
   return true;
 }
 

@@ -12,8 +12,10 @@ namespace doctor {
 
 extern const char kNoOutbox[];  // "none": alerts wait in memory only
 
-struct PublisherSettings {
-  std::string outbox;  // "outbox", default /var/lib/kscdp/outbox.db
+// The "outbox" setting, default /var/lib/kscdp/outbox.db.
+std::string outboxPath(const standin::ConfigValues& values);
+
+struct BrokerSecurity {
   bool brokerTls = false;
   std::string brokerCaFile;    // empty: the system's CA bundle
   std::string brokerCertFile;  // with brokerKeyFile: a client certificate
@@ -24,7 +26,7 @@ struct PublisherSettings {
 
 // False, with the reason in `error`, when broker_tls is neither "on" nor
 // "off" (nor absent).
-bool readPublisherSettings(const standin::ConfigValues& values, PublisherSettings& settings, std::string& error);
+bool readBrokerSecurity(const standin::ConfigValues& values, BrokerSecurity& security, std::string& error);
 
 }  // namespace doctor
 
