@@ -24,19 +24,29 @@ std::string configFilePath() {
 }
 
 int parseConfigText(const std::string& text, ConfigValues& out) {
+  int badLine = 0;
+  return parseConfigText(text, out, badLine);
+}
+
+int parseConfigText(const std::string& text, ConfigValues& out, int& badLine) {
   ConfigValues parsed;
+  badLine = 0;
+  int lineNumber = 0;
   size_t start = 0;
   while (start <= text.size()) {
+    ++lineNumber;
     size_t end = text.find('\n', start);
     if (end == std::string::npos) end = text.size();
     const std::string line = trim(text.substr(start, end - start));
     start = end + 1;
     if (line.empty() || line[0] == '#') continue;
     const size_t equals = line.find('=');
-    if (equals == std::string::npos) return EINVAL;
-    const std::string key = trim(line.substr(0, equals));
+    const std::string key = equals == std::string::npos ? std::string() : trim(line.substr(0, equals));
+    if (key.empty()) {
+      badLine = lineNumber;
+      return EINVAL;
+    }
     const std::string value = trim(line.substr(equals + 1));
-    if (key.empty()) return EINVAL;
     if (key == "server") {
       parsed.servers.push_back(value);
     } else if (key == "host_name") {
@@ -51,6 +61,12 @@ int parseConfigText(const std::string& text, ConfigValues& out) {
 }
 
 int readConfigFile(ConfigValues& out) {
+  int badLine = 0;
+  return readConfigFile(out, badLine);
+}
+
+int readConfigFile(ConfigValues& out, int& badLine) {
+  badLine = 0;
   FILE* file = std::fopen(configFilePath().c_str(), "rb");
   if (file == nullptr) return errno != 0 ? errno : EIO;
   std::string text;
@@ -60,7 +76,7 @@ int readConfigFile(ConfigValues& out) {
   const int error = std::ferror(file) ? (errno != 0 ? errno : EIO) : 0;
   std::fclose(file);
   if (error != 0) return error;
-  return parseConfigText(text, out);
+  return parseConfigText(text, out, badLine);
 }
 
 std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback) {

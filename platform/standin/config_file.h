@@ -24,9 +24,14 @@ std::string configFilePath();
 // 0, or 22 for a line that is neither blank, a comment nor "key = value".
 // `out` is filled only on success.
 int parseConfigText(const std::string& text, ConfigValues& out);
+// The same; on 22, `badLine` is the number (from 1) of the first bad line,
+// else 0.
+int parseConfigText(const std::string& text, ConfigValues& out, int& badLine);
 
 // 0, the errno of a failed read, or 22 as parseConfigText.
 int readConfigFile(ConfigValues& out);
+// The same, with the number of the first bad line as parseConfigText.
+int readConfigFile(ConfigValues& out, int& badLine);
 
 // The value of `key`, or `fallback` when the key is absent.
 std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback);

@@ -1,6 +1,9 @@
 // Log records, one a line:
 //   <UTC YYYY-MM-DDTHH:MM:SS.mmmZ> <pid> <level> <function>: <message>
-// appended to the file named by KSU_LOG_FILE (opened once), else stderr.
+// appended to the file named by KSU_LOG_FILE, else stderr. The file is
+// reopened when it was moved or removed (logrotate's move-and-create), which
+// is noticed by comparing the open file with the path at most once a second.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,16 +16,66 @@
 
 namespace {
 
-std::mutex g_mutex;
-FILE* g_sink = nullptr;  // guarded by g_mutex; opened on first use, never closed
+const time_t kRotationCheckSeconds = 1;
 
-FILE* sink() {
-  if (g_sink == nullptr) {
-    const char* path = std::getenv("KSU_LOG_FILE");
-    if (path != nullptr && *path != '\0') g_sink = std::fopen(path, "a");
-    if (g_sink == nullptr) g_sink = stderr;
+// The log file as it was opened; every member is guarded by g_mutex.
+struct LogSink {
+  bool opened = false;      // the first record has looked at KSU_LOG_FILE
+  std::string path;         // empty: records go to stderr
+  FILE* file = nullptr;     // owned unless it is stderr; never closed while a record is written
+  dev_t device = 0;         // identity of `file`, to tell whether `path` still names it
+  ino_t inode = 0;
+  time_t nextCheck = 0;     // CLOCK_MONOTONIC_COARSE seconds
+};
+
+std::mutex g_mutex;
+LogSink g_sink;
+
+time_t monotonicSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
+
+// Opens `path` for appending and notes its identity; false leaves `sink` as it was.
+bool openLogFile(LogSink& sink) {
+  FILE* file = std::fopen(sink.path.c_str(), "a");
+  if (file == nullptr) return false;
+  struct stat status {};
+  if (fstat(fileno(file), &status) != 0) {
+    std::fclose(file);
+    return false;
   }
-  return g_sink;
+  if (sink.file != nullptr && sink.file != stderr) std::fclose(sink.file);
+  sink.file = file;
+  sink.device = status.st_dev;
+  sink.inode = status.st_ino;
+  return true;
+}
+
+// The stream for the next record. A file that cannot be reopened keeps
+// receiving records (they are not lost, only rotated away) until it can.
+FILE* sink() {
+  if (!g_sink.opened) {
+    g_sink.opened = true;
+    const char* path = std::getenv("KSU_LOG_FILE");
+    if (path != nullptr && *path != '\0') g_sink.path = path;
+    if (g_sink.path.empty() || !openLogFile(g_sink)) {
+      g_sink.path.clear();
+      g_sink.file = stderr;
+    }
+    g_sink.nextCheck = monotonicSeconds() + kRotationCheckSeconds;
+    return g_sink.file;
+  }
+  if (g_sink.path.empty()) return g_sink.file;
+  const time_t now = monotonicSeconds();
+  if (now < g_sink.nextCheck) return g_sink.file;
+  g_sink.nextCheck = now + kRotationCheckSeconds;
+  struct stat status {};
+  const bool samePath = stat(g_sink.path.c_str(), &status) == 0 && status.st_dev == g_sink.device &&
+                        status.st_ino == g_sink.inode;
+  if (!samePath) openLogFile(g_sink);
+  return g_sink.file;
 }
 
 // Backslash and control bytes are escaped so that a record stays one line.

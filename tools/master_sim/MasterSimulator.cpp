@@ -170,9 +170,9 @@ const char* MasterSimulator::Impl::stateOf(const Job& job) const {
 }
 
 void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::Response& response) {
-  if (request.get_header_value("Accept") != kJobsMediaType) {
+  if (request.get_header_value("Accept") != options.jobsMediaType) {
     response.status = 406;
-    response.set_content(errorDocument(406, std::string("Not acceptable: jobs are served as ") + kJobsMediaType),
+    response.set_content(errorDocument(406, "Not acceptable: jobs are served as " + options.jobsMediaType),
                          kJsonType);
     return;
   }

@@ -42,6 +42,9 @@ struct MasterSimulatorOptions {
   int64_t firstJobId = 1000;
   double jobSeconds = 2.0;  // from start to DONE; fractions allowed
   JobFaults jobFaults;      // of every job that a daemon request starts
+  // The only Accept that the jobs interface serves: another value plays a
+  // master of another release, which answers the library's requests 406.
+  std::string jobsMediaType = kJobsMediaType;
 };
 
 struct RecordedRequest {

@@ -1,0 +1,244 @@
+// The broker: one MQTT connection with the publisher's TLS and credentials,
+// bounded in time by driving libmosquitto's loop ourselves, and on request
+// one test event published over it with QoS 1.
+#include <mosquitto.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+#include "checks.h"
+#include "platform/notification.h"
+#include "platform/standin/broker_address.h"
+#include "platform/standin/notification_payload.h"
+#include "publisher_settings.h"
+
+namespace doctor {
+namespace {
+
+const char kId[] = "broker";
+const char kTitle[] = "broker";
+const char kAlertId[] = "test-alert";
+const char kAlertTitle[] = "test alert";
+const char kTopic[] = "keepstone/notifications";
+const char kTestMessageKey[] = "KSCDP_DOCTOR_TEST_ALERT";
+const int kConnectMilliseconds = 3000;
+const int kPublishMilliseconds = 2000;
+const int kKeepAliveSeconds = 10;
+
+using Clock = std::chrono::steady_clock;
+
+// What the callbacks saw; written on this thread only (we run the loop).
+struct Session {
+  int connack = -1;  // the broker's CONNACK code once it answered
+  int publishedId = -1;
+};
+
+struct MosquittoRelease {
+  void operator()(mosquitto* client) const { mosquitto_destroy(client); }
+};
+using Client = std::unique_ptr<mosquitto, MosquittoRelease>;
+
+// Runs the network loop until `done` or `milliseconds` pass; MOSQ_ERR_SUCCESS,
+// or the loop's failure with its errno in `error`.
+template <typename Done>
+int runUntil(mosquitto* client, int milliseconds, Done done, int& error) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+  while (!done() && Clock::now() < deadline) {
+    errno = 0;
+    const int result = mosquitto_loop(client, 100, 1);
+    if (result != MOSQ_ERR_SUCCESS) {
+      error = errno;
+      return result;
+    }
+  }
+  return MOSQ_ERR_SUCCESS;
+}
+
+std::string failureText(int result, int error) {
+  return result == MOSQ_ERR_ERRNO && error != 0 ? std::strerror(error) : mosquitto_strerror(result);
+}
+
+// The password from the first line of `path`; false with the reason in
+// `problem` when it cannot be read or others may read it.
+bool readPassword(const std::string& path, std::string& password, std::string& problem) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    problem = "broker_password_file " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  if ((status.st_mode & S_IROTH) != 0) {
+    problem = "broker_password_file " + path + " is readable by others";
+    return false;
+  }
+  std::ifstream in(path);
+  if (!in) {
+    problem = "broker_password_file " + path + " cannot be read";
+    return false;
+  }
+  std::getline(in, password);
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  return true;
+}
+
+// Applies TLS and credentials; false with the reason in `problem`.
+bool configureClient(mosquitto* client, const BrokerSecurity& settings, std::string& problem) {
+  if (settings.brokerTls) {
+    if (settings.brokerCertFile.empty() != settings.brokerKeyFile.empty()) {
+      problem = "only one of broker_cert_file and broker_key_file is set";
+      return false;
+    }
+    const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
+    const char* caPath = settings.brokerCaFile.empty() ? "/etc/ssl/certs" : nullptr;
+    int result = mosquitto_tls_set(client, orNull(settings.brokerCaFile), caPath, orNull(settings.brokerCertFile),
+                                   orNull(settings.brokerKeyFile), nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, 1, nullptr, nullptr);
+    if (result != MOSQ_ERR_SUCCESS) {
+      problem = "the broker's TLS files cannot be used: " + std::string(mosquitto_strerror(result));
+      return false;
+    }
+  }
+  if (!settings.brokerUser.empty()) {
+    std::string password;
+    if (!settings.brokerPasswordFile.empty() && !readPassword(settings.brokerPasswordFile, password, problem)) {
+      return false;
+    }
+    const int result = mosquitto_username_pw_set(client, settings.brokerUser.c_str(),
+                                                 settings.brokerPasswordFile.empty() ? nullptr : password.c_str());
+    if (result != MOSQ_ERR_SUCCESS) {
+      problem = "broker_user cannot be used: " + std::string(mosquitto_strerror(result));
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string testAlertPayload(const Configuration& configuration) {
+  NotificationEvent event;
+  event.version = 1;
+  event.producerType = "Keepstone";
+  event.producerSubType = "CDP";
+  event.notificationType = "CDP Backup Engine";
+  event.priority = "LOW";
+  event.severity = "INFO";
+  event.messageKey = kTestMessageKey;
+  event.attributes["server"] = configuration.values.hostName;
+  event.attributes["message"] = "Test alert from kscdp-doctor; no action needed";
+  return standin::notificationPayload(event);
+}
+
+CheckResult publishTestAlert(mosquitto* client, Session& session, const Configuration& configuration) {
+  const std::string payload = testAlertPayload(configuration);
+  int messageId = 0;
+  int result = mosquitto_publish(client, &messageId, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
+  int error = 0;
+  if (result == MOSQ_ERR_SUCCESS) {
+    result = runUntil(client, kPublishMilliseconds, [&] { return session.publishedId == messageId; }, error);
+  }
+  if (result != MOSQ_ERR_SUCCESS) {
+    return failedResult(kAlertId, kAlertTitle, "publishing failed: " + failureText(result, error),
+                        "check that the broker lets this client publish to " + std::string(kTopic));
+  }
+  if (session.publishedId != messageId) {
+    return failedResult(kAlertId, kAlertTitle, "the broker did not acknowledge the event within 2 s",
+                        "check the broker's log and that this client may publish to " + std::string(kTopic));
+  }
+  return okResult(kAlertId, kAlertTitle,
+                  std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + kTopic);
+}
+
+std::string connectAction(int result, const BrokerSecurity& settings, const std::string& address) {
+  if (result == MOSQ_ERR_TLS) {
+    return "set broker_ca_file to the CA bundle that signed the broker's certificate and check that it names "
+           "the broker's host, or set broker_tls to match the broker's listener";
+  }
+  if (result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NO_CONN) {
+    return std::string("start the broker, or set broker to where it listens") +
+           (settings.brokerTls ? " with TLS" : " without TLS") + " (now " + address + ")";
+  }
+  return "check broker, broker_tls and the broker's log";
+}
+
+}  // namespace
+
+std::vector<CheckResult> checkBroker(const Configuration& configuration, bool masterResolves, bool sendTestAlert) {
+  std::vector<CheckResult> results;
+  // The results of a check that ends without a connection.
+  const auto finish = [&](const CheckResult& broker) {
+    results.push_back(broker);
+    if (sendTestAlert) results.push_back(skippedResult(kAlertId, kAlertTitle, "needs a connection to the broker"));
+    return results;
+  };
+  if (!configuration.namesMaster()) return finish(skippedResult(kId, kTitle, kNoMasterReason));
+  standin::BrokerAddress address;
+  std::string problem;
+  if (!standin::readBrokerAddress(address, problem)) {
+    return finish(failedResult(kId, kTitle, problem, "set broker = <host>:<port> in " + configuration.path));
+  }
+  if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
+    return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
+  }
+  BrokerSecurity settings;
+  if (!readBrokerSecurity(configuration.values, settings, problem)) {
+    return finish(failedResult(kId, kTitle, problem, "set broker_tls to on or off in " + configuration.path));
+  }
+  const std::string where = address.host + ":" + std::to_string(address.port);
+
+  Session session;
+  const std::string clientId = "kscdp-doctor-" + std::to_string(getpid());
+  Client client(mosquitto_new(clientId.c_str(), true, &session));
+  if (client == nullptr) {
+    return finish(failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
+  }
+  mosquitto_connect_callback_set(client.get(), [](mosquitto*, void* data, int code) {
+    static_cast<Session*>(data)->connack = code;
+  });
+  mosquitto_publish_callback_set(client.get(), [](mosquitto*, void* data, int messageId) {
+    static_cast<Session*>(data)->publishedId = messageId;
+  });
+  if (!configureClient(client.get(), settings, problem)) {
+    return finish(failedResult(kId, kTitle, problem,
+                               "correct the broker_* settings in " + configuration.path +
+                                   "; the password file must not be readable by others (chmod o-rwx)"));
+  }
+
+  int error = 0;
+  errno = 0;
+  int result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, kKeepAliveSeconds);
+  error = errno;
+  if (result == MOSQ_ERR_SUCCESS) {
+    result = runUntil(client.get(), kConnectMilliseconds, [&] { return session.connack >= 0; }, error);
+  }
+  if (result != MOSQ_ERR_SUCCESS) {
+    return finish(failedResult(kId, kTitle, where + ": " + failureText(result, error),
+                               connectAction(result, settings, where)));
+  }
+  if (session.connack < 0) {
+    return finish(failedResult(kId, kTitle, where + " gave no MQTT answer within 3 s",
+                               "check that " + where + " is the broker, that broker_tls matches its listener, "
+                               "and that the firewalls between this host and it let MQTT through"));
+  }
+  if (session.connack != 0) {
+    const bool credentials = session.connack == 4 || session.connack == 5;
+    return finish(failedResult(kId, kTitle, where + " refused the connection: " +
+                                   mosquitto_connack_string(session.connack),
+                               credentials ? "check broker_user and broker_password_file against the broker's "
+                                             "password file and ACL"
+                                           : "check the broker's log"));
+  }
+  const std::string security = settings.brokerTls ? "over TLS" : "without TLS";
+  const std::string identity = settings.brokerUser.empty() ? "anonymous" : "as " + settings.brokerUser;
+  results.push_back(okResult(kId, kTitle, where + " accepted an MQTT connection " + security + ", " + identity));
+  if (sendTestAlert) results.push_back(publishTestAlert(client.get(), session, configuration));
+  mosquitto_disconnect(client.get());
+  int ignored = 0;
+  runUntil(client.get(), 200, [] { return false; }, ignored);
+  return results;
+}
+
+}  // namespace doctor

@@ -1,0 +1,47 @@
+// The doctor's checks, in the order it runs them. Each network check ends
+// within its own few seconds, so that a run ends within about 10 s even when
+// no host answers. None of them changes anything on the master: no backup is
+// ever started, and only --send-test-alert publishes.
+#ifndef KSCDP_TOOLS_DOCTOR_CHECKS_H_
+#define KSCDP_TOOLS_DOCTOR_CHECKS_H_
+
+#include <string>
+#include <vector>
+
+#include "check_result.h"
+#include "configuration.h"
+
+namespace doctor {
+
+// Whether the master's name resolves (within 2 s); `resolves` says so for the
+// checks that follow.
+CheckResult checkMasterName(const Configuration& configuration, bool& resolves);
+
+// A GET of a job that cannot exist from the REST jobs interface, expecting
+// the master's JSON answer.
+CheckResult checkRestInterface(const Configuration& configuration, bool masterResolves);
+
+// Whether the request daemon's address accepts a TCP connection; nothing is
+// sent over it.
+CheckResult checkRequestDaemon(const Configuration& configuration, bool masterResolves);
+
+// An MQTT connection to the broker with the configured TLS and credentials,
+// and with `sendTestAlert` one test event published over it: one result, or
+// two with the test alert.
+std::vector<CheckResult> checkBroker(const Configuration& configuration, bool masterResolves, bool sendTestAlert);
+
+// Whether the library can append to KSU_LOG_FILE.
+CheckResult checkLogFile();
+// Whether the alert publisher can write its outbox.
+CheckResult checkOutbox(const Configuration& configuration);
+
+// True when `host` is the master's name and that did not resolve: a check
+// of it would only repeat that failure.
+bool isUnresolvedMaster(const std::string& host, const Configuration& configuration, bool masterResolves);
+
+extern const char kUnresolvedMasterReason[];
+extern const char kNoMasterReason[];
+
+}  // namespace doctor
+
+#endif  // KSCDP_TOOLS_DOCTOR_CHECKS_H_

@@ -1,0 +1,84 @@
+// The files the library writes: its log and the alert publisher's outbox.
+// Nothing is created or written: an existing file is opened for writing and
+// closed, a missing one needs a directory the user can create it in.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "checks.h"
+#include "publisher_settings.h"
+
+namespace doctor {
+namespace {
+
+std::string directoryOf(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// 0 when this user could write `path` with `flags` (creating it when
+// missing), else the errno that stops it; `inDirectory` tells whether the
+// problem is the file's directory.
+int writableProblem(const std::string& path, int flags, bool& inDirectory) {
+  inDirectory = false;
+  const int fd = open(path.c_str(), flags | O_NOCTTY | O_CLOEXEC);
+  if (fd >= 0) {
+    close(fd);
+    return 0;
+  }
+  if (errno != ENOENT) return errno;
+  inDirectory = true;
+  return access(directoryOf(path).c_str(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+CheckResult checkLogFile() {
+  const char kId[] = "log";
+  const char kTitle[] = "log file";
+  const char* variable = std::getenv("KSU_LOG_FILE");
+  if (variable == nullptr || *variable == '\0') {
+    return okResult(kId, kTitle, "KSU_LOG_FILE is not set here: the library logs to the engine's standard error");
+  }
+  const std::string path = variable;
+  bool inDirectory = false;
+  const int problem = writableProblem(path, O_WRONLY | O_APPEND, inDirectory);
+  if (problem == 0) return okResult(kId, kTitle, path + (inDirectory ? " can be created" : " can be appended to"));
+  const std::string where = inDirectory ? "directory " + directoryOf(path) : path;
+  return failedResult(kId, kTitle, where + ": " + std::strerror(problem) + "; the library would log to standard error",
+                      "let the engine's user write " + where + ", or point KSU_LOG_FILE elsewhere");
+}
+
+CheckResult checkOutbox(const Configuration& configuration) {
+  const char kId[] = "outbox";
+  const char kTitle[] = "alert outbox";
+  if (configuration.readResult != 0) return skippedResult(kId, kTitle, "needs a readable configuration file");
+  const std::string outbox = outboxPath(configuration.values);
+  if (outbox == kNoOutbox) {
+    return okResult(kId, kTitle, "outbox = none: waiting alerts are kept in memory only");
+  }
+  if (outbox.empty()) {
+    return warningResult(kId, kTitle, "outbox is set to nothing in " + configuration.path,
+                         "set outbox to a file path, or to none to keep waiting alerts in memory only");
+  }
+  // SQLite writes its journal beside the file, so the directory must be writable too.
+  bool inDirectory = false;
+  int problem = writableProblem(outbox, O_RDWR, inDirectory);
+  if (problem == 0 && !inDirectory && access(directoryOf(outbox).c_str(), W_OK | X_OK) != 0) {
+    problem = errno;
+    inDirectory = true;
+  }
+  if (problem == 0) return okResult(kId, kTitle, outbox + (inDirectory ? " can be created" : " can be written"));
+  const std::string where = inDirectory ? "directory " + directoryOf(outbox) : outbox;
+  return warningResult(kId, kTitle,
+                       where + ": " + std::strerror(problem) +
+                           "; alerts would wait in memory only and be lost with the engine's process",
+                       "create " + directoryOf(outbox) + " writable by the engine's user, or set outbox in " +
+                           configuration.path);
+}
+
+}  // namespace doctor
