@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo test-asan test-tsan bench fuzz memcheck clean
+.PHONY: all deps build test demo package test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -21,6 +21,11 @@ test: build
 
 demo: build
 	bash scripts/demo.sh $(BUILD)
+
+# The Debian packages libkscdp1, libkscdp-dev and kscdp-tools, in
+# $(BUILD)/packages/.
+package: build
+	cd $(BUILD) && cpack -G DEB
 
 # The whole suite under AddressSanitizer, UndefinedBehaviorSanitizer and
 # LeakSanitizer, in a build tree of its own.

@@ -42,7 +42,7 @@ int contained(const char* function, Operation operation) noexcept {
   } catch (...) {
     logContained(function, "unknown exception");
   }
-  return -1;
+  return KSCDP_ERR_INTERNAL;
 }
 
 std::string requiredText(const char* text, const char* what) {
@@ -61,9 +61,9 @@ int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id) {
     const std::string jobId = requiredText(job_id, "Job id");
     const std::string vmId = requiredText(vm_id, "VM identifier");
     gateway->raiseAlert(vmId, alert_code, jobId);
-    return 0;
+    return KSCDP_OK;
   });
-  return 0;
+  return KSCDP_OK;
 }
 
 int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested) {
@@ -71,7 +71,7 @@ int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** reques
   return contained(function, [&] {
     const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
     gateway->requestEviction(passes, evict_list, requested);
-    return 0;
+    return KSCDP_OK;
   });
 }
 
@@ -80,7 +80,7 @@ int call_check_eviction_progress(int nodes, vm_node_list** requested) {
   return contained(function, [&] {
     const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
     gateway->getEvictionStatus(nodes, requested);
-    return 0;
+    return KSCDP_OK;
   });
 }
 
@@ -90,9 +90,9 @@ int stop_alert_thread(void) {
     ksu_logmsg_str(PROGRESS_LEVEL, function,
                    "Stopping Alert Service thread which publishes the events to master server's MQBroker");
     NotificationInterface::destroyInstance();
-    return 0;
+    return KSCDP_OK;
   });
-  return 0;
+  return KSCDP_OK;
 }
 
 }  // extern "C"

@@ -1,8 +1,39 @@
 /*
  * backup_engine.h - the engine's four calls into libkscdp.
  *
- * Call them from one thread at a time. None of them lets an error escape as
- * anything but its result.
+ * Include it as <kscdp/backup_engine.h>; it includes eviction_data.h, the
+ * records and list functions the calls work on.
+ *
+ * Results: every call returns an int; none lets an error escape as anything
+ * else (no exception, no abort). Failures are also logged. The codes:
+ *   KSCDP_OK                0  done
+ *   KSCDP_ERR_BAD_REQUEST  20  a request the library cannot work on: a null
+ *                              list, an evict list that ran out of VMs
+ *   KSCDP_ERR_DAEMON       25  the request daemon refused or failed a request
+ *   KSCDP_ERR_BAD_ANSWER  130  an answer that cannot be parsed (also: no
+ *                              answer, a job the server never knew)
+ *   KSCDP_ERR_NO_MASTER  8775  the master configuration could not be read or
+ *                              names no master server
+ *   KSCDP_ERR_INTERNAL     -1  the master configuration names no master
+ *                              server (REST client), or an unexpected
+ *                              failure such as no memory
+ *   other positive values      an errno value from reading the master
+ *                              configuration: ENOENT, EACCES, ..., EINVAL for
+ *                              a line that is not "key = value"
+ * KSCDP_ERR_DAEMON and KSCDP_ERR_NO_MASTER are met per VM by call_evict_data,
+ * which logs them and raises alert 44 for the VM instead of returning them.
+ *
+ * Threads: any mix of the four calls, and of the list functions on distinct
+ * lists, may run on any number of threads at once. The library's guards are
+ * short (reading and copying the configuration, making and tearing down its
+ * process-wide objects) and never held across a network exchange or a pause,
+ * so one thread's slow master does not hold up another's call. A list that
+ * two threads use at once, in a call or a list function, must be guarded by
+ * the engine.
+ *
+ * Configuration and log: the master configuration is read afresh from
+ * $KEEPSTONE_CONF (default /etc/keepstone/keepstone.conf, keepstone.conf(5))
+ * whenever a value is needed; log lines go to $KSU_LOG_FILE, else stderr.
  */
 #ifndef KSCDP_BACKUP_ENGINE_H_
 #define KSCDP_BACKUP_ENGINE_H_
@@ -14,24 +45,68 @@
 extern "C" {
 #endif
 
-/* Publishes the alert `alert_code` about the VM `vm_id`. `job_id` (decimal)
- * is used with code 500 only; pass "" when there is none. Both strings must
- * be non-null. Always 0: a failure is logged, never reported. */
+#define KSCDP_ERR_BAD_REQUEST 20
+#define KSCDP_ERR_DAEMON 25
+#define KSCDP_ERR_BAD_ANSWER 130
+#define KSCDP_ERR_NO_MASTER 8775
+#define KSCDP_ERR_INTERNAL (-1)
+
+/* raise_backup_alert - publishes one alert to the master's message broker.
+ *   vm_id       the VM the alert is about (ignored for codes 2 and 45);
+ *               must not be null
+ *   alert_code  2 storage high-water mark, 18 I/O error, 44 eviction failed,
+ *               45 no space, 500 eviction started, 501 full sync started,
+ *               502 resumed, 503 done, 504 suspended, 505 partial image
+ *               generated; an unknown code publishes an event with no
+ *               message key and no attributes
+ *   job_id      the decimal job id, used with code 500 only; pass "" when
+ *               there is none; must not be null
+ * The alert is queued for the publisher's own thread, which the first alert
+ * starts; the call does not wait for the broker. Returns KSCDP_OK always: a
+ * null string or a refused alert (queue full) is logged, not reported. */
 KSCDP_EXPORT int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id);
 
-/* Requests a manual backup for the top VM of `evict_list`, `passes` times.
- * Each requested VM gets its job_id and evict_state 1 and moves from the
- * evict list to the front of *requested; a VM whose request failed stays on
- * top. 0 when every pass ran; otherwise the code of the error that stopped
- * it (logged). A null `requested` requests nothing and returns 20. */
+/* call_evict_data - requests a manual backup for the top VM of an evict
+ * list, once per pass, largest VM first.
+ *   passes      the number of passes (the engine passes the number of VMs in
+ *               the list); 0 or less requests nothing
+ *   evict_list  the evict list
+ *   requested   address of the requested-VM list's head pointer (in and out)
+ * Each requested VM gets its job_id and evict_state 1, leaves the evict list
+ * and is prepended to *requested, and alert 500 is raised for it. A VM whose
+ * request failed (KSCDP_ERR_DAEMON, KSCDP_ERR_NO_MASTER, ...) is logged,
+ * gets alert 44 and stays on top, so the next pass asks for it again.
+ * Blocks for one request-daemon exchange per pass (each at most the
+ * configured http_timeout).
+ * Returns KSCDP_OK when every pass ran; KSCDP_ERR_BAD_REQUEST when
+ * `requested` is null (nothing requested) or the evict list is null or ran
+ * out of VMs (the passes before stay done); an errno value or
+ * KSCDP_ERR_INTERNAL when the master configuration is unusable (nothing
+ * requested); KSCDP_ERR_INTERNAL for an unexpected failure. */
 KSCDP_EXPORT int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested);
 
-/* Polls the jobs of the first `nodes` VMs of *requested and sets each VM's
- * evict_state: 2 when its job is DONE, else 1. 0, or the code of the error
- * that stopped the walk (logged); VMs polled before it keep their new state. */
+/* call_check_eviction_progress - asks the master's REST jobs interface about
+ * the job of each requested VM.
+ *   nodes      how many nodes of the list to poll, from the front; 0 or less
+ *              polls nothing
+ *   requested  address of the requested-VM list's head pointer; the list is
+ *              not changed, a node without a VM is skipped
+ * Sets each polled VM's evict_state to 2 when its job is DONE, else to 1.
+ * While the server does not know a job yet it asks again after 3 s: per job
+ * up to five requests (each at most http_timeout) and 15 s of pauses.
+ * Returns KSCDP_OK; KSCDP_ERR_BAD_REQUEST when `requested` is null;
+ * KSCDP_ERR_BAD_ANSWER when an answer cannot be parsed (no answer, a job
+ * still unknown after five requests, a body that is not a job); an errno
+ * value or KSCDP_ERR_INTERNAL when the master configuration is unusable;
+ * KSCDP_ERR_INTERNAL for an unexpected failure. A failure stops the walk:
+ * VMs polled before it keep their new state, later ones their old one. */
 KSCDP_EXPORT int call_check_eviction_progress(int nodes, vm_node_list** requested);
 
-/* Shuts the alert publisher down, delivering what is waiting. Always 0. */
+/* stop_alert_thread - shuts the alert publisher down.
+ * Waits about 5 s at most for the broker to acknowledge the alerts still
+ * waiting, then disconnects and ends the publisher's thread. Without a
+ * publisher it does nothing; a later alert starts a new one. Returns
+ * KSCDP_OK always. */
 KSCDP_EXPORT int stop_alert_thread(void);
 
 #ifdef __cplusplus

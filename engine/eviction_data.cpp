@@ -62,9 +62,9 @@ void release(const char* caller, T** pointer, int line) {
 extern "C" {
 
 int initialize_evlist(evict_vm_list** list, int capacity) {
-  if (list == nullptr) return -1;
+  if (list == nullptr) return KSCDP_LIST_NULL;
   *list = static_cast<evict_vm_list*>(cct_malloc("initialize_evlist", sizeof(evict_vm_list), __LINE__));
-  if (*list == nullptr) return -1;
+  if (*list == nullptr) return KSCDP_LIST_NULL;
   (*list)->capacity = capacity;
   (*list)->count = 0;
   (*list)->vms = nullptr;
@@ -74,14 +74,14 @@ int initialize_evlist(evict_vm_list** list, int capacity) {
   }
   if ((*list)->vms == nullptr) {
     release("initialize_evlist", list, __LINE__);
-    return -1;
+    return KSCDP_LIST_NULL;
   }
-  return 0;
+  return KSCDP_OK;
 }
 
 int insert_vm_into_evlist(evict_vm_list* list, evict_vm_info* vm) {
-  if (list == nullptr || vm == nullptr) return -1;
-  if (list->count >= list->capacity) return 1;
+  if (list == nullptr || vm == nullptr) return KSCDP_LIST_NULL;
+  if (list->count >= list->capacity) return KSCDP_LIST_FULL;
   int i = list->count++;
   while (i > 0) {
     const int parent = (i - 1) / 2;
@@ -90,7 +90,7 @@ int insert_vm_into_evlist(evict_vm_list* list, evict_vm_info* vm) {
     i = parent;
   }
   list->vms[i] = vm;
-  return 0;
+  return KSCDP_OK;
 }
 
 evict_vm_info* get_element_from_evlist(evict_vm_list* list) {
@@ -99,18 +99,18 @@ evict_vm_info* get_element_from_evlist(evict_vm_list* list) {
 }
 
 int remove_vm_from_evlist(evict_vm_list* list) {
-  if (list == nullptr) return -1;
-  if (list->count <= 0) return 2;
+  if (list == nullptr) return KSCDP_LIST_NULL;
+  if (list->count <= 0) return KSCDP_LIST_EMPTY;
   list->vms[0] = list->vms[list->count - 1];
   list->count--;
   if (list->count > 0) siftDown(list->vms, list->count, 0);
-  return 0;
+  return KSCDP_OK;
 }
 
 int realign_element_in_vm_list(evict_vm_list* list, int index) {
-  if (list == nullptr || index < 0 || index >= list->count) return 0;
+  if (list == nullptr || index < 0 || index >= list->count) return KSCDP_OK;
   siftDown(list->vms, list->count, index);
-  return 0;
+  return KSCDP_OK;
 }
 
 void delete_evlist(evict_vm_list* list) {
@@ -120,13 +120,13 @@ void delete_evlist(evict_vm_list* list) {
 }
 
 int insert_into_vm_list(vm_node_list** head, evict_vm_info* vm) {
-  if (head == nullptr || vm == nullptr) return -1;
+  if (head == nullptr || vm == nullptr) return KSCDP_LIST_NULL;
   auto* node = static_cast<vm_node_list*>(cct_malloc("insert_into_vm_list", sizeof(vm_node_list), __LINE__));
-  if (node == nullptr) return 3;
+  if (node == nullptr) return KSCDP_LIST_NO_MEMORY;
   node->vm = vm;
   node->next = *head;
   *head = node;
-  return 0;
+  return KSCDP_OK;
 }
 
 evict_vm_info* get_from_vm_list(vm_node_list** head) {
@@ -141,13 +141,13 @@ evict_vm_info* get_from_vm_list(vm_node_list** head) {
 }
 
 int delete_from_vm_list(vm_node_list** head) {
-  if (head == nullptr) return 0;
+  if (head == nullptr) return KSCDP_OK;
   while (*head != nullptr) {
     vm_node_list* node = *head;
     *head = node->next;
     release("delete_from_vm_list", &node, __LINE__);
   }
-  return 0;
+  return KSCDP_OK;
 }
 
 }  // extern "C"

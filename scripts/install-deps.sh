@@ -11,7 +11,7 @@ packages=(
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev valgrind python3
-  mandoc
+  dpkg-dev lintian mandoc
 )
 
 missing=()

@@ -31,16 +31,10 @@ const char kUsage[] =
     "usage: kscdp-engine-sim [--library PATH] [--vms N] [--seed N]\n"
     "                        [--poll-interval SECONDS] [--timeout SECONDS]\n";
 
-std::string besideThisProgram(const std::string& relative) {
-  char path[4096];
-  const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
-  if (length <= 0) return relative;
-  std::string self(path, static_cast<size_t>(length));
-  return self.substr(0, self.rfind('/') + 1) + relative;
-}
-
 bool parseOptions(int argc, char** argv, Options& options) {
-  options.library = besideThisProgram("../lib/libkscdp.so");
+  // By soname, as an installed engine finds it; in the build tree this
+  // program's RUNPATH leads to the library built beside it.
+  options.library = "libkscdp.so.1";
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
     if (name == "--help" || name == "-h") return false;
