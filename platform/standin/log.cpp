@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <mutex>
 #include <string>
 
 #include "platform/ksu_log.h"
+#include "port/mutex.h"
 
 namespace {
 
@@ -28,8 +28,8 @@ struct LogSink {
   time_t nextCheck = 0;     // CLOCK_MONOTONIC_COARSE seconds
 };
 
-std::mutex g_mutex;
-LogSink g_sink;
+port::Mutex g_mutex;
+LogSink g_sink GUARDED_BY(g_mutex);
 
 time_t monotonicSeconds() {
   timespec now{};
@@ -55,7 +55,7 @@ bool openLogFile(LogSink& sink) {
 
 // The stream for the next record. A file that cannot be reopened keeps
 // receiving records (they are not lost, only rotated away) until it can.
-FILE* sink() {
+FILE* sink() REQUIRES(g_mutex) {
   if (!g_sink.opened) {
     g_sink.opened = true;
     const char* path = std::getenv("KSU_LOG_FILE");
@@ -125,7 +125,7 @@ int ksu_logmsg_str(int level, const std::string& function, const std::string& me
   line += ": ";
   appendEscaped(line, message);
   line += '\n';
-  std::lock_guard<std::mutex> lock(g_mutex);
+  port::MutexLock lock(g_mutex);
   FILE* out = sink();
   std::fwrite(line.data(), 1, line.size(), out);
   std::fflush(out);

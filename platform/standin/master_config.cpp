@@ -1,11 +1,11 @@
 // The process-wide master configuration record, rebuilt from the file on
 // every KS_read_master_config() call.
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "config_file.h"
 #include "platform/ks_master_config.h"
+#include "port/mutex.h"
 
 namespace {
 
@@ -15,16 +15,18 @@ struct LoadedConfig {
   std::string hostName;
 };
 
-std::mutex g_mutex;
-LoadedConfig g_loaded;          // backs the pointers in g_record
-ks_master_config g_record = {};  // empty until a successful read
+// Guards the refill of the record. Readers of the record are the caller's
+// to serialise with a refill: the record stays valid until the next read.
+port::Mutex g_mutex;
+LoadedConfig g_loaded GUARDED_BY(g_mutex);          // backs the pointers in g_record
+ks_master_config g_record GUARDED_BY(g_mutex) = {};  // empty until a successful read
 
 }  // namespace
 
 extern "C" int KS_read_master_config(void) {
   standin::ConfigValues values;
   const int result = standin::readConfigFile(values);
-  std::lock_guard<std::mutex> lock(g_mutex);
+  port::MutexLock lock(g_mutex);
   g_record = ks_master_config{};
   g_loaded = LoadedConfig{};
   if (result != 0) return result;

@@ -5,10 +5,10 @@
 
 #include <charconv>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <thread>
+
+#include "port/mutex.h"
 
 namespace master_sim {
 
@@ -90,9 +90,8 @@ struct MasterSimulator::Impl {
   void answerDaemon(const httplib::Request& request, httplib::Response& response);
   void finishAnswer(const httplib::Request& request, httplib::Response& response);
   std::string requestsJson() const;
-  // Both with `mutex` held.
-  int64_t startJob(const std::string& policy, const JobFaults& faults);
-  const char* stateOf(const Job& job) const;
+  int64_t startJob(const std::string& policy, const JobFaults& faults) REQUIRES(mutex);
+  const char* stateOf(const Job& job) const REQUIRES(mutex);
 
   const MasterSimulatorOptions options;
   httplib::Server server;
@@ -100,19 +99,18 @@ struct MasterSimulator::Impl {
   int port = -1;
   bool started = false;
 
-  std::mutex servingMutex;
-  std::condition_variable servingAnnounced;
-  // Guarded by servingMutex: true once the server loop runs, or once the
-  // server thread ends without it.
-  bool serverLoopEntered = false;
+  port::Mutex servingMutex;
+  port::CondVar servingAnnounced;
+  // True once the server loop runs, or once the server thread ends without it.
+  bool serverLoopEntered GUARDED_BY(servingMutex) = false;
 
-  mutable std::mutex mutex;  // guards every member below
-  int64_t nextJobId;
-  JobFaults jobFaults;
-  std::map<int64_t, Job> jobs;
-  std::map<std::string, PolicyFaults> policyFaults;
-  std::map<std::string, std::string> responseHeaders;
-  Clock::duration timeAdded{};
+  mutable port::Mutex mutex;
+  int64_t nextJobId GUARDED_BY(mutex);
+  JobFaults jobFaults GUARDED_BY(mutex);
+  std::map<int64_t, Job> jobs GUARDED_BY(mutex);
+  std::map<std::string, PolicyFaults> policyFaults GUARDED_BY(mutex);
+  std::map<std::string, std::string> responseHeaders GUARDED_BY(mutex);
+  Clock::duration timeAdded GUARDED_BY(mutex){};
   std::vector<RecordedRequest> requests;
 };
 
@@ -151,10 +149,10 @@ void MasterSimulator::Impl::serve() {
 
 void MasterSimulator::Impl::announceServing() {
   {
-    std::lock_guard<std::mutex> lock(servingMutex);
+    port::MutexLock lock(servingMutex);
     serverLoopEntered = true;
   }
-  servingAnnounced.notify_all();
+  servingAnnounced.notifyAll();
 }
 
 int64_t MasterSimulator::Impl::startJob(const std::string& policy, const JobFaults& faults) {
@@ -178,7 +176,7 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
   }
   const std::string idText = request.matches[1];
   int64_t id = 0;
-  std::lock_guard<std::mutex> lock(mutex);
+  port::MutexLock lock(mutex);
   const auto found = parseJobId(idText, id) ? jobs.find(id) : jobs.end();
   if (found == jobs.end() || found->second.polls++ < found->second.faults.unknownForPolls) {
     response.status = 404;
@@ -207,7 +205,7 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
     return;
   }
   const std::string policy(json_string_value(policyValue), json_string_length(policyValue));
-  std::lock_guard<std::mutex> lock(mutex);
+  port::MutexLock lock(mutex);
   const auto fault = policyFaults.find(policy);
   if (fault != policyFaults.end() && fault->second.httpStatus != 0) {
     response.status = fault->second.httpStatus;
@@ -229,7 +227,7 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
 // Runs after every answer has been made: records the request and adds the
 // configured headers.
 void MasterSimulator::Impl::finishAnswer(const httplib::Request& request, httplib::Response& response) {
-  std::lock_guard<std::mutex> lock(mutex);
+  port::MutexLock lock(mutex);
   for (const auto& header : responseHeaders) response.set_header(header.first, header.second);
   if (request.path.compare(0, 5, "/sim/") == 0) return;
   RecordedRequest recorded{request.method, request.path, {}, request.body, request.remote_port};
@@ -245,7 +243,7 @@ void MasterSimulator::Impl::finishAnswer(const httplib::Request& request, httpli
 
 std::string MasterSimulator::Impl::requestsJson() const {
   const Json all(json_array());
-  std::lock_guard<std::mutex> lock(mutex);
+  port::MutexLock lock(mutex);
   for (const RecordedRequest& request : requests) {
     json_t* headers = json_object();
     for (const auto& header : request.headers) {
@@ -277,8 +275,9 @@ bool MasterSimulator::start() {
   impl_->serverThread = std::thread([this] { impl_->serve(); });
   // The socket already queues connections; stop() works only once the server
   // loop runs, so wait for that.
-  std::unique_lock<std::mutex> lock(impl_->servingMutex);
-  impl_->servingAnnounced.wait(lock, [this] { return impl_->serverLoopEntered; });
+  port::MutexLock lock(impl_->servingMutex);
+  impl_->servingAnnounced.wait(impl_->servingMutex,
+                               [this]() REQUIRES(impl_->servingMutex) { return impl_->serverLoopEntered; });
   return impl_->server.is_running();
 }
 
@@ -295,37 +294,37 @@ std::string MasterSimulator::url() const {
 }
 
 int64_t MasterSimulator::createJob(const std::string& policy) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   return impl_->startJob(policy, impl_->jobFaults);
 }
 
 int64_t MasterSimulator::createJob(const std::string& policy, const JobFaults& faults) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   return impl_->startJob(policy, faults);
 }
 
 void MasterSimulator::setJobFaults(const JobFaults& faults) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   impl_->jobFaults = faults;
 }
 
 void MasterSimulator::setPolicyFaults(const std::string& policy, const PolicyFaults& faults) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   impl_->policyFaults[policy] = faults;
 }
 
 void MasterSimulator::setResponseHeader(const std::string& name, const std::string& value) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   impl_->responseHeaders[name] = value;
 }
 
 void MasterSimulator::advanceTime(double seconds) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   impl_->timeAdded += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 std::vector<RecordedRequest> MasterSimulator::requests() const {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  port::MutexLock lock(impl_->mutex);
   return impl_->requests;
 }
 
