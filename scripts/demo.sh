@@ -63,6 +63,7 @@ host_name = demo-cdp-host
 rest_url = $master_url
 ksqd_url = $master_url
 broker = 127.0.0.1:$broker_port
+outbox = $work/outbox.db
 http_timeout = 10
 CONF
 
