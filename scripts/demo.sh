@@ -90,6 +90,7 @@ echo "demo: alerts delivered by the broker on keepstone/notifications:"
 cat "$work/alerts.jsonl"
 echo
 echo "demo: library log: $work/kscdp.log"
+echo "demo: alert outbox (empty once every alert was acknowledged): $work/outbox.db"
 if ((status == 0)); then
   echo "demo: every VM done"
 else

@@ -6,7 +6,6 @@
 #include <mosquitto.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -327,7 +326,13 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   const std::string logged = fileText(log);
   const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
   EXPECT_THAT(logged, HasSubstr(failure));
-  EXPECT_EQ(logged.find(failure), logged.rfind(failure)) << "one line per run of failures";
+  // A checkpoint may make room for a while: one line per run of failures.
+  const auto count = [&](const std::string& text) {
+    size_t found = 0;
+    for (size_t at = logged.find(text); at != std::string::npos; at = logged.find(text, at + 1)) ++found;
+    return found;
+  };
+  EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
 }
 
 TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatItCannotTrust) {
