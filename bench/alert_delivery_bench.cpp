@@ -1,9 +1,13 @@
 // 10,000 alerts through libkscdp.so's publisher to a mosquitto broker of our
 // own, timed from the first raise_backup_alert until a subscriber holds every
-// one of them. Each alert names a VM of its own, so each payload is distinct
-// and a missing one shows in the count.
+// one of them: with the outbox, with alerts in memory only, and against a
+// bare libmosquitto client publishing the same 10,000 payloads at QoS 1 with
+// the publisher's in-flight window. Each alert names a VM of its own, so each
+// payload is distinct and a missing one shows in the count.
 #include <benchmark/benchmark.h>
+#include <mosquitto.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
@@ -17,12 +21,22 @@
 
 namespace {
 
-const int kAlertCount = 10000;  // the publisher's queue holds as many
+using Clock = std::chrono::steady_clock;
+using Messages = testbed::MqttSubscriber::Messages;
+
+const int kAlertCount = 10000;  // as many as the memory-only queue holds
 const int kIoErrorAlert = 18;   // names the VM, not a job
 const char kTopic[] = "keepstone/notifications";
+const int kInFlight = 20;  // the publisher's window
 const std::chrono::seconds kDeliveryTimeout(60);
 
-testbed::MqttSubscriber* g_subscriber = nullptr;
+struct World {
+  const bench::StandinFiles* files;
+  const testbed::MosquittoBroker* broker;
+  testbed::MqttSubscriber* subscriber;
+  Messages payloads;  // the last kAlertCount alerts' payloads, for the bare client
+};
+World g_world;
 unsigned long long g_raised = 0;  // alerts raised so far, also the last VM's number
 
 void raiseAlert() {
@@ -31,39 +45,85 @@ void raiseAlert() {
   raise_backup_alert(vmId, kIoErrorAlert, "");
 }
 
+void configure(bool outbox) {
+  g_world.files->writeConfig("server = 127.0.0.1\nhost_name = bench-host\nbroker = " + g_world.broker->address() +
+                             "\noutbox = " + (outbox ? g_world.files->scratchPath("outbox.db") : "none") + "\n");
+}
+
+size_t receivedSoFar() { return g_world.subscriber->waitForCount(0, std::chrono::milliseconds(0)).size(); }
+
 // How many distinct payloads the subscriber holds once it has every alert
 // raised so far, or when the timeout has passed. QoS 1 may deliver one twice.
 size_t waitForEveryAlert() {
-  const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
+  const auto deadline = Clock::now() + kDeliveryTimeout;
   size_t wanted = g_raised;
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    const testbed::MqttSubscriber::Messages messages = g_subscriber->waitForCount(wanted, left);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const Messages messages = g_world.subscriber->waitForCount(wanted, left);
     const size_t distinct = testbed::withoutRepeats(messages).size();
-    if (distinct >= g_raised || std::chrono::steady_clock::now() >= deadline) return distinct;
+    if (distinct >= g_raised || Clock::now() >= deadline) return distinct;
     wanted = messages.size() + (g_raised - distinct);
   }
 }
 
-void AlertDelivery(benchmark::State& state) {
+// A fresh publisher per repetition; its first alert starts it and its
+// connection outside the measurement, and stop_alert_thread ends it.
+void LibraryAlerts(benchmark::State& state, bool outbox) {
   double missing = 0;
   double raiseSeconds = 0;
   for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
+    configure(outbox);
+    raiseAlert();
+    waitForEveryAlert();
+    const auto start = Clock::now();
     for (int i = 0; i < kAlertCount; ++i) raiseAlert();
-    raiseSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    raiseSeconds += std::chrono::duration<double>(Clock::now() - start).count();
     missing += static_cast<double>(g_raised - waitForEveryAlert());
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    stop_alert_thread();
   }
   state.counters["missing"] = missing;
   state.counters["raise_ms"] = benchmark::Counter(raiseSeconds * 1e3, benchmark::Counter::kAvgIterations);
   state.SetItemsProcessed(state.iterations() * kAlertCount);
 }
 
-BENCHMARK(AlertDelivery)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->Iterations(1)
-    ->Repetitions(3)
+void OutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, true); }
+void MemoryAlertDelivery(benchmark::State& state) { LibraryAlerts(state, false); }
+
+// libmosquitto's own threaded client, publishing the captured payloads.
+void BareMosquittoDelivery(benchmark::State& state) {
+  struct mosquitto* client = mosquitto_new(nullptr, true, nullptr);
+  if (client == nullptr) throw std::runtime_error("mosquitto_new failed");
+  mosquitto_max_inflight_messages_set(client, kInFlight);
+  if (mosquitto_connect(client, "127.0.0.1", g_world.broker->port(), 30) != MOSQ_ERR_SUCCESS ||
+      mosquitto_loop_start(client) != MOSQ_ERR_SUCCESS) {
+    mosquitto_destroy(client);
+    state.SkipWithError("the bare client cannot connect");
+    return;
+  }
+  double missing = 0;
+  for (auto _ : state) {
+    const size_t before = receivedSoFar();
+    const auto start = Clock::now();
+    for (const std::string& payload : g_world.payloads) {
+      mosquitto_publish(client, nullptr, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
+    }
+    const size_t got = g_world.subscriber->waitForCount(before + g_world.payloads.size(), kDeliveryTimeout).size();
+    state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    missing += static_cast<double>(before + g_world.payloads.size() - std::min(got, before + g_world.payloads.size()));
+  }
+  mosquitto_disconnect(client);
+  mosquitto_loop_stop(client, false);
+  mosquitto_destroy(client);
+  state.counters["missing"] = missing;
+  state.SetItemsProcessed(state.iterations() * kAlertCount);
+}
+
+BENCHMARK(OutboxAlertDelivery)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1)->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(MemoryAlertDelivery)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1)->Repetitions(5)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(BareMosquittoDelivery)->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1)->Repetitions(5)
     ->ReportAggregatesOnly(true);
 
 }  // namespace
@@ -76,14 +136,17 @@ int main(int argc, char** argv) {
     testbed::MosquittoBroker::Options options;
     options.keepSessions = true;
     testbed::MosquittoBroker broker(options);
-    files.writeConfig("server = 127.0.0.1\nhost_name = bench-host\nbroker = " + broker.address() + "\n");
     testbed::MqttSubscriber subscriber(broker.port(), kTopic);
-    g_subscriber = &subscriber;
-    // The first alert starts the publisher and its connection, outside the measurement.
-    raiseAlert();
-    if (waitForEveryAlert() != 1) throw std::runtime_error("the first alert did not arrive");
-    benchmark::RunSpecifiedBenchmarks();
+    g_world = World{&files, &broker, &subscriber, {}};
+    // One round outside the measurement warms everything up and gives the
+    // bare client its payloads.
+    configure(false);
+    for (int i = 0; i < kAlertCount; ++i) raiseAlert();
+    if (waitForEveryAlert() != g_raised) throw std::runtime_error("the warm-up alerts did not all arrive");
     stop_alert_thread();
-    g_subscriber = nullptr;
+    const Messages received = subscriber.waitForCount(0, std::chrono::milliseconds(0));
+    g_world.payloads.assign(received.end() - kAlertCount, received.end());
+    benchmark::RunSpecifiedBenchmarks();
+    g_world = World{};
   });
 }

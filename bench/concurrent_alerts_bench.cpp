@@ -132,7 +132,8 @@ int main(int argc, char** argv) {
     master_sim::MasterSimulator master;
     if (!master.start()) throw std::runtime_error("the master simulator cannot start");
     files.writeConfig("server = 127.0.0.1\nhost_name = bench-host\nrest_url = " + master.url() +
-                      "\nbroker = " + broker.address() + "\n");
+                      "\nbroker = " + broker.address() +
+                      "\noutbox = " + files.scratchPath("outbox.db") + "\n");
     // The first alert starts the publisher and its connection, outside the measurement.
     raiseAlert();
     benchmark::RunSpecifiedBenchmarks();

@@ -26,7 +26,7 @@ benchmark() {
 benchmark kscdp_evict_list_bench --benchmark_enable_random_interleaving=true
 benchmark kscdp_gateway_bench
 benchmark kscdp_job_polling_bench --benchmark_enable_random_interleaving=true
-benchmark kscdp_alert_delivery_bench
+benchmark kscdp_alert_delivery_bench --benchmark_enable_random_interleaving=true
 benchmark kscdp_concurrent_alerts_bench
 
 # Instructions per gateway operation: callgrind counts only what runs inside

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -18,9 +19,8 @@ StandinFiles::StandinFiles() {
 }
 
 StandinFiles::~StandinFiles() {
-  std::remove(configPath().c_str());
-  std::remove(logPath().c_str());
-  rmdir(directory_.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(directory_, ignored);
 }
 
 void StandinFiles::writeConfig(const std::string& text) const {

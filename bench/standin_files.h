@@ -1,6 +1,6 @@
 // The files the stand-in platform reads and writes in a benchmark program: a
 // master configuration file (KEEPSTONE_CONF) and the log (KSU_LOG_FILE), in a
-// temporary directory that goes with the object.
+// temporary directory that goes with the object, with anything else made there.
 #ifndef KSCDP_BENCH_STANDIN_FILES_H_
 #define KSCDP_BENCH_STANDIN_FILES_H_
 
@@ -21,6 +21,8 @@ class StandinFiles {
   // Replaces the configuration file's text; throws std::runtime_error when
   // it cannot be written.
   void writeConfig(const std::string& text) const;
+  // A path in the directory, for further files such as an outbox.
+  std::string scratchPath(const std::string& name) const { return directory_ + "/" + name; }
 
  private:
   std::string configPath() const { return directory_ + "/keepstone.conf"; }

@@ -63,6 +63,7 @@ host_name = demo-cdp-host
 rest_url = $master_url
 ksqd_url = $master_url
 broker = 127.0.0.1:$broker_port
+outbox = $work/outbox.db
 http_timeout = 10
 CONF
 
@@ -89,6 +90,7 @@ echo "demo: alerts delivered by the broker on keepstone/notifications:"
 cat "$work/alerts.jsonl"
 echo
 echo "demo: library log: $work/kscdp.log"
+echo "demo: alert outbox (empty once every alert was acknowledged): $work/outbox.db"
 if ((status == 0)); then
   echo "demo: every VM done"
 else

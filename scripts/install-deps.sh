@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config
   libjansson-dev libboost-dev
-  libcurl4-openssl-dev libmosquitto-dev
+  libcurl4-openssl-dev libmosquitto-dev libsqlite3-dev sqlite3 openssl
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev valgrind python3

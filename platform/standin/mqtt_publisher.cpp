@@ -12,7 +12,7 @@
 #include <exception>
 #include <system_error>
 
-#include "broker_address.h"
+#include "outbox_settings.h"
 #include "platform/ksu_log.h"
 
 namespace standin {
@@ -20,7 +20,8 @@ namespace {
 
 const char kTopic[] = "keepstone/notifications";
 const int kQos = 1;
-const size_t kCapacity = 10000;
+const size_t kMemoryCapacity = 10000;
+const size_t kOutboxCapacity = 100000;
 const size_t kInFlight = 20;  // handed to the client at a time, as many as it keeps in flight
 const int kKeepAliveSeconds = 30;
 // An MQTT PUBLISH carries at most 268,435,455 bytes after its fixed header:
@@ -32,6 +33,9 @@ const std::chrono::seconds kConnectTimeout(10);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
+const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
+const char kSystemCaDirectory[] = "/etc/ssl/certs";
+const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
 
 const char kLogFunction[] = "NotificationSupplier";
 const int kFailureLevel = 16;
@@ -57,11 +61,45 @@ int openWakeFd() {
   return fd;
 }
 
+// The outbox the configuration names, or null (logged unless it is "none").
+std::unique_ptr<Outbox> openOutbox() {
+  std::string path;
+  std::string error;
+  if (!readOutboxPath(path, error)) {
+    logFailure("cannot tell where the outbox is: " + error + "; alerts wait in memory only");
+    return nullptr;
+  }
+  if (path.empty()) return nullptr;
+  std::unique_ptr<Outbox> outbox = Outbox::open(path, error);
+  if (!outbox) logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+  return outbox;
+}
+
+bool readable(const std::string& path, const char* key, std::string& error) {
+  if (access(path.c_str(), R_OK) == 0) return true;
+  error = std::string("cannot read ") + key + " " + path + ": " + std::strerror(errno);
+  return false;
+}
+
 }  // namespace
 
-MqttPublisher::MqttPublisher() : events_(kCapacity), wakeFd_(openWakeFd()), retryDelay_(kFirstRetryDelay) {
+MqttPublisher::MqttPublisher()
+    : outbox_(openOutbox()),
+      events_(outbox_ ? kOutboxCapacity : kMemoryCapacity),
+      wakeFd_(openWakeFd()),
+      retryDelay_(kFirstRetryDelay) {
   static std::once_flag libraryReady;
   std::call_once(libraryReady, [] { mosquitto_lib_init(); });
+  if (outbox_) {
+    // An earlier publisher's events go out first, in the order they were raised.
+    const std::vector<Outbox::Event> waiting = outbox_->waiting();
+    for (const Outbox::Event& event : waiting) events_.push(event.payload, event.id);
+    if (!waiting.empty()) {
+      ksu_logmsg_str(kProgressLevel, kLogFunction,
+                     std::to_string(waiting.size()) + " events waiting in the outbox " + outbox_->path() +
+                         " go out first");
+    }
+  }
   try {
     network_ = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {
@@ -89,13 +127,24 @@ int MqttPublisher::publish(std::string payload) {
       logFailure("refused an event: the publisher has been shut down");
       return kRefusedStopped;
     }
-    if (!events_.push(std::move(payload))) {
+    if (threadEnded_) {
       if (!refusalLogged_) {
-        logFailure("refusing events: " + std::to_string(kCapacity) + " events are waiting for the broker");
+        logFailure("refusing events: the publisher's network thread has ended; stop the alert thread and raise the "
+                   "alert again to start a new publisher");
+      }
+      refusalLogged_ = true;
+      return kRefusedThreadEnded;
+    }
+    if (events_.full()) {
+      if (!refusalLogged_) {
+        logFailure("refusing events: " + std::to_string(outbox_ ? kOutboxCapacity : kMemoryCapacity) +
+                   " events are waiting for the broker");
       }
       refusalLogged_ = true;
       return kRefusedQueueFull;
     }
+    const int64_t outboxId = outbox_ ? outbox_->append(payload) : 0;
+    events_.push(std::move(payload), outboxId);
     refusalLogged_ = false;
   }
   wake();
@@ -112,12 +161,19 @@ void MqttPublisher::stop() {
   }
   wake();
   network_.join();
-  const size_t undelivered = events_.clear();
-  if (undelivered > 0) {
-    const std::string broker = broker_.empty() ? "the broker" : "broker " + broker_;
-    logFailure(std::to_string(undelivered) + " events were not delivered: " + broker +
-               " did not acknowledge them within " + std::to_string(kShutdownGrace.count()) + " s of shutdown");
+  const PendingEvents::Dropped undelivered = events_.clear();
+  const std::string broker = broker_.empty() ? "the broker" : "broker " + broker_;
+  const std::string within = " within " + std::to_string(kShutdownGrace.count()) + " s of shutdown";
+  if (undelivered.inOutbox > 0) {
+    logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
+               ": they wait in the outbox " + outbox_->path() + " for the next start");
   }
+  if (undelivered.inMemoryOnly > 0) {
+    logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
+               " did not acknowledge them" + within);
+  }
+  std::lock_guard<std::mutex> lock(controlMutex_);
+  outbox_.reset();
 }
 
 void MqttPublisher::run() {
@@ -135,9 +191,13 @@ void MqttPublisher::run() {
       }
       if (connected_) handOver();
       serviceNetwork(pollTimeoutMs(now, stopping, deadline));
+      tidyOutbox(Clock::now());
     }
   } catch (const std::exception& e) {
-    logFailure(std::string("the notification publisher's thread failed: ") + e.what());
+    std::lock_guard<std::mutex> lock(controlMutex_);
+    threadEnded_ = true;
+    logFailure(std::string("the notification publisher's thread failed: ") + e.what() +
+               (outbox_ ? "; the events in the outbox wait for the next start" : ""));
   }
   finish();
 }
@@ -149,12 +209,13 @@ bool MqttPublisher::stopRequested(Clock::time_point& deadline) {
 }
 
 void MqttPublisher::connect(Clock::time_point now) {
-  BrokerAddress address;
+  BrokerSettings settings;
   std::string error;
-  if (!readBrokerAddress(address, error)) {
+  if (!readBrokerSettings(settings, error)) {
     connectionFailed("no broker to publish to: " + error);
     return;
   }
+  const BrokerAddress& address = settings.address;
   broker_ = address.host + ":" + std::to_string(address.port);
   client_ = mosquitto_new(nullptr, true, this);
   if (client_ == nullptr) {
@@ -164,7 +225,12 @@ void MqttPublisher::connect(Clock::time_point now) {
   }
   mosquitto_connect_callback_set(client_, &MqttPublisher::onConnect);
   mosquitto_publish_callback_set(client_, &MqttPublisher::onPublish);
+  mosquitto_log_callback_set(client_, &MqttPublisher::onLog);
   mosquitto_max_inflight_messages_set(client_, kInFlight);
+  if (!secure(settings, error)) {
+    connectionFailed("cannot connect to broker " + broker_ + ": " + error);
+    return;
+  }
   const int result = mosquitto_connect_async(client_, address.host.c_str(), address.port, kKeepAliveSeconds);
   const int savedErrno = errno;
   if (result != MOSQ_ERR_SUCCESS) {
@@ -172,6 +238,36 @@ void MqttPublisher::connect(Clock::time_point now) {
     return;
   }
   connectDeadline_ = now + kConnectTimeout;
+}
+
+bool MqttPublisher::secure(const BrokerSettings& settings, std::string& error) {
+  if (settings.tls) {
+    if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
+    if (!settings.certFile.empty() && (!readable(settings.certFile, "broker_cert_file", error) ||
+                                       !readable(settings.keyFile, "broker_key_file", error))) {
+      return false;
+    }
+    const auto fileOrNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+    int result = mosquitto_tls_set(client_, fileOrNull(settings.caFile),
+                                   settings.caFile.empty() ? kSystemCaDirectory : nullptr,
+                                   fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client_, kVerifyPeer, nullptr, nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client_, false);
+    if (result != MOSQ_ERR_SUCCESS) {
+      error = "cannot set up TLS: " + describe(result, errno);
+      return false;
+    }
+  }
+  if (settings.user.empty()) return true;
+  std::string password;
+  if (!settings.passwordFile.empty() && !readBrokerPassword(settings.passwordFile, password, error)) return false;
+  const int result = mosquitto_username_pw_set(client_, settings.user.c_str(),
+                                               settings.passwordFile.empty() ? nullptr : password.c_str());
+  if (result != MOSQ_ERR_SUCCESS) {
+    error = "cannot set the credentials: " + describe(result, errno);
+    return false;
+  }
+  return true;
 }
 
 void MqttPublisher::handOver() {
@@ -210,12 +306,21 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
   if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(client_, 1);
   if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(client_);
   const int savedErrno = errno;
-  if (result != MOSQ_ERR_SUCCESS) {
+  if (refusedCode_ != 0) {  // libmosquitto also ends the loop call with an error then
+    connectionFailed("broker " + broker_ + " refused the connection: " + mosquitto_connack_string(refusedCode_));
+  } else if (result != MOSQ_ERR_SUCCESS) {
     const std::string state = connected_ ? "lost the connection to broker " : "cannot reach broker ";
     connectionFailed(state + broker_ + ": " + describe(result, savedErrno));
-  } else if (refusedCode_ != 0) {
-    connectionFailed("broker " + broker_ + " refused the connection: " + mosquitto_connack_string(refusedCode_));
   }
+}
+
+void MqttPublisher::tidyOutbox(Clock::time_point now) {
+  if (!outbox_) return;
+  outbox_->remove(acknowledged_);
+  acknowledged_.clear();
+  if (now < nextCheckpoint_) return;
+  outbox_->checkpoint();
+  nextCheckpoint_ = now + kCheckpointInterval;
 }
 
 int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::time_point deadline) const {
@@ -230,8 +335,10 @@ int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::ti
 void MqttPublisher::connectionFailed(const std::string& what) {
   // One line per outage: the first failure after a working connection, or
   // the first since the publisher started.
-  if (!outageLogged_) logFailure(what + "; events wait until the broker can be reached");
+  const std::string tls = tlsFailure_.empty() ? "" : " (" + tlsFailure_ + ")";
+  if (!outageLogged_) logFailure(what + tls + "; events wait until the broker can be reached");
   outageLogged_ = true;
+  tlsFailure_.clear();
   closeClient();
   nextAttempt_ = Clock::now() + retryDelay_;
   retryDelay_ = std::min<Clock::duration>(retryDelay_ * 2, kLongestRetryDelay);
@@ -248,6 +355,9 @@ void MqttPublisher::closeClient() {
 void MqttPublisher::finish() {
   if (client_ != nullptr && connected_) mosquitto_disconnect(client_);  // written at once: the client is not threaded
   closeClient();
+  if (!outbox_) return;
+  outbox_->remove(acknowledged_);
+  acknowledged_.clear();
 }
 
 void MqttPublisher::wake() {
@@ -276,7 +386,19 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
 }
 
 void MqttPublisher::onPublish(struct mosquitto* /*client*/, void* self, int messageId) {
-  static_cast<MqttPublisher*>(self)->events_.acknowledge(messageId);
+  auto* publisher = static_cast<MqttPublisher*>(self);
+  const int64_t outboxId = publisher->events_.acknowledge(messageId);
+  if (outboxId != 0) publisher->acknowledged_.push_back(outboxId);
+}
+
+void MqttPublisher::onLog(struct mosquitto* /*client*/, void* self, int level, const char* text) {
+  // libmosquitto tells why a TLS handshake failed (host name, certificate)
+  // only through its log; the first error of an attempt is the reason.
+  static const char kPrefix[] = "Error: ";
+  std::string& failure = static_cast<MqttPublisher*>(self)->tlsFailure_;
+  if (level != MOSQ_LOG_ERR || !failure.empty()) return;
+  failure = std::strncmp(text, kPrefix, sizeof kPrefix - 1) == 0 ? text + sizeof kPrefix - 1 : text;
+  if (!failure.empty() && failure.back() == '.') failure.pop_back();
 }
 
 }  // namespace standin

@@ -4,10 +4,15 @@
 #define KSCDP_PLATFORM_STANDIN_MQTT_PUBLISHER_H_
 
 #include <chrono>
+#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "broker_settings.h"
+#include "outbox.h"
 #include "pending_events.h"
 
 struct mosquitto;
@@ -16,18 +21,25 @@ namespace standin {
 
 // Publishes payloads to topic "keepstone/notifications" with QoS 1, in the
 // order they were accepted, from a network thread of its own that lives from
-// construction until stop(). The broker is read from the configuration file
-// on every connection attempt. A payload stays queued until the broker has
-// acknowledged it: while the broker cannot be reached, payloads wait and go
-// out when it is back; after a lost connection, everything not acknowledged
-// is sent again (so the broker may see a payload twice, never lose one).
-// Failures are logged at level 16 under "NotificationSupplier".
+// construction until stop(). The broker and how to reach it (TLS,
+// credentials) are read from the configuration file on every connection
+// attempt. A payload stays queued until the broker has acknowledged it: while
+// the broker cannot be reached, payloads wait and go out when it is back;
+// after a lost connection, everything not acknowledged is sent again (so the
+// broker may see a payload twice, never lose one).
+//
+// With an outbox (the "outbox" key), every accepted payload is also in the
+// outbox before publish() returns and leaves it once acknowledged; what an
+// earlier publisher left there goes out first. Without one, or when it cannot
+// be used, payloads wait in memory only. Failures are logged at level 16
+// under "NotificationSupplier".
 class MqttPublisher {
  public:
   static const int kQueued = 0;
-  static const int kRefusedQueueFull = 1;  // 10,000 payloads waiting
+  static const int kRefusedQueueFull = 1;  // 100,000 payloads waiting (10,000 without an outbox)
   static const int kRefusedStopped = 2;    // stop() has been called
   static const int kRefusedTooLarge = 3;   // larger than an MQTT message can carry
+  static const int kRefusedThreadEnded = 4;  // the network thread ended on a failure
 
   // Starts the network thread; throws std::system_error when it cannot.
   MqttPublisher();
@@ -39,8 +51,9 @@ class MqttPublisher {
   // kQueued, or one of the refusals above (logged). Thread-safe.
   int publish(std::string payload);
   // Waits up to 5 s for every queued payload to be acknowledged, then
-  // disconnects and joins the network thread. What is still queued then is
-  // logged as not delivered. Later calls do nothing.
+  // disconnects, joins the network thread and closes the outbox. What is
+  // still queued then is logged: as waiting in the outbox for the next start,
+  // or as not delivered. Later calls do nothing.
   void stop();
 
  private:
@@ -49,8 +62,10 @@ class MqttPublisher {
   void run();
   bool stopRequested(Clock::time_point& deadline);
   void connect(Clock::time_point now);
+  bool secure(const BrokerSettings& settings, std::string& error);
   void handOver();
   void serviceNetwork(int timeoutMs);
+  void tidyOutbox(Clock::time_point now);
   int pollTimeoutMs(Clock::time_point now, bool stopping, Clock::time_point deadline) const;
   void connectionFailed(const std::string& what);
   void closeClient();
@@ -60,7 +75,11 @@ class MqttPublisher {
 
   static void onConnect(struct mosquitto* client, void* self, int code);
   static void onPublish(struct mosquitto* client, void* self, int messageId);
+  static void onLog(struct mosquitto* client, void* self, int level, const char* text);
 
+  // Null without an outbox. Set in the constructor; stop() closes it once the
+  // network thread is gone and publish() can no longer reach it.
+  std::unique_ptr<Outbox> outbox_;
   PendingEvents events_;
   const int wakeFd_;  // eventfd: publish() and stop() wake the network thread through it
 
@@ -68,6 +87,7 @@ class MqttPublisher {
   bool stopRequested_ = false;      // guarded by controlMutex_
   Clock::time_point stopDeadline_;  // guarded by controlMutex_
   bool refusalLogged_ = false;      // guarded by controlMutex_; one log line per run of refusals
+  bool threadEnded_ = false;        // guarded by controlMutex_; the network thread ended on a failure
 
   std::mutex stopMutex_;  // serialises stop()
   std::thread network_;
@@ -79,6 +99,9 @@ class MqttPublisher {
   bool connected_ = false;
   int refusedCode_ = 0;  // non-zero: the broker answered CONNECT with this refusal
   bool outageLogged_ = false;
+  std::string tlsFailure_;                // the first error libmosquitto logged in this attempt
+  std::vector<int64_t> acknowledged_;     // outbox ids of acknowledged events, removed in batches
+  Clock::time_point nextCheckpoint_;
   Clock::time_point connectDeadline_;
   Clock::time_point nextAttempt_;
   Clock::duration retryDelay_;

@@ -6,11 +6,14 @@ namespace standin {
 
 PendingEvents::PendingEvents(size_t capacity) : capacity_(capacity) {}
 
-bool PendingEvents::push(std::string payload) {
+bool PendingEvents::full() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (events_.size() >= capacity_) return false;
-  events_.push_back(Event{std::move(payload), 0});
-  return true;
+  return events_.size() >= capacity_;
+}
+
+void PendingEvents::push(std::string payload, int64_t outboxId) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  events_.push_back(Event{std::move(payload), outboxId, 0});
 }
 
 void PendingEvents::handOver(size_t window, const Publish& publish) {
@@ -22,15 +25,17 @@ void PendingEvents::handOver(size_t window, const Publish& publish) {
   }
 }
 
-void PendingEvents::acknowledge(int messageId) {
+int64_t PendingEvents::acknowledge(int messageId) {
   std::lock_guard<std::mutex> lock(mutex_);
   for (size_t i = 0; i < handedOver_; ++i) {
     if (events_[i].messageId == messageId) {
+      const int64_t outboxId = events_[i].outboxId;
       events_.erase(events_.begin() + static_cast<std::ptrdiff_t>(i));
       --handedOver_;
-      return;
+      return outboxId;
     }
   }
+  return 0;
 }
 
 void PendingEvents::takeBack() {
@@ -43,9 +48,10 @@ size_t PendingEvents::size() const {
   return events_.size();
 }
 
-size_t PendingEvents::clear() {
+PendingEvents::Dropped PendingEvents::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
-  const size_t dropped = events_.size();
+  Dropped dropped{0, 0};
+  for (const Event& event : events_) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
   events_.clear();
   handedOver_ = 0;
   return dropped;

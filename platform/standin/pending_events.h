@@ -3,6 +3,7 @@
 #define KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -14,31 +15,41 @@ namespace standin {
 // broker has acknowledged them. Those handed over to the current connection
 // are always the oldest ones and carry that connection's message id; when the
 // connection goes they wait again in their place, so nothing is lost and the
-// order holds. Thread-safe.
+// order holds. An event may also be in the outbox, under its outbox id (0:
+// in memory only). Thread-safe.
 class PendingEvents {
  public:
   // Hands one payload to the connection; fills the message id and returns
   // true, or returns false when the connection refused it.
   using Publish = std::function<bool(const std::string& payload, int* messageId)>;
 
+  struct Dropped {
+    size_t inOutbox;
+    size_t inMemoryOnly;
+  };
+
   explicit PendingEvents(size_t capacity);
 
-  // False when `capacity` events are waiting already.
-  bool push(std::string payload);
+  // True when `capacity` events are waiting: push() is for events that were
+  // accepted anyway (those the outbox kept from an earlier run).
+  bool full() const;
+  void push(std::string payload, int64_t outboxId);
   // Hands the oldest events not yet handed over to `publish`, in order, until
   // `window` events are handed over or `publish` refuses one.
   void handOver(size_t window, const Publish& publish);
-  // The broker has the message with this id: its event is done.
-  void acknowledge(int messageId);
+  // The broker has the message with this id: its event is done. Returns the
+  // event's outbox id, 0 when it has none (or no event has this message id).
+  int64_t acknowledge(int messageId);
   // The connection is gone: every event handed over to it waits again.
   void takeBack();
   size_t size() const;
   // Drops every event and returns how many there were.
-  size_t clear();
+  Dropped clear();
 
  private:
   struct Event {
     std::string payload;
+    int64_t outboxId;
     int messageId;  // meaningful for the first handedOver_ events only
   };
 

@@ -28,7 +28,8 @@ class EngineEndToEndTest : public ::testing::Test {
     ASSERT_TRUE(library_.load(KSCDP_LIBRARY_PATH, error)) << error;
     ASSERT_TRUE(master_.start());
     integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + master_.url() +
-                             "\nksqd_url = " + master_.url() + "\nbroker = " + broker_.address() + "\n");
+                             "\nksqd_url = " + master_.url() + "\nbroker = " + broker_.address() +
+                             "\noutbox = " + integration::scratchPath("e2e-outbox.db") + "\n");
     logStart_ = integration::logText().size();
   }
 

@@ -111,7 +111,8 @@ TEST(EngineThreads, EveryAlertArrivesAndEveryVmIsDoneWithAJobOfItsOwn) {
   master_sim::MasterSimulator master(options);
   ASSERT_TRUE(master.start());
   integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-threads\nrest_url = " + master.url() +
-                           "\nksqd_url = " + master.url() + "\nbroker = " + broker.address() + "\n");
+                           "\nksqd_url = " + master.url() + "\nbroker = " + broker.address() +
+                           "\noutbox = " + integration::scratchPath("threads-outbox.db") + "\n");
 
   Outcome outcome;
   const Clock::time_point until = Clock::now() + kBusyFor;

@@ -1,16 +1,31 @@
 // The stand-in NotificationSupplier against a real mosquitto broker and a
 // real subscriber.
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <mosquitto.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
-#include "platform/standin/broker_address.h"
+#include "platform/standin/broker_settings.h"
 #include "platform/standin/notification_payload.h"
 #include "standin_environment.h"
 
@@ -25,6 +40,21 @@ using Messages = MqttSubscriber::Messages;
 
 const std::chrono::seconds kDeliveryTimeout(20);
 
+// Armed, the network thread's connection attempt throws, as a failure
+// nobody foresaw would; unarmed, libmosquitto's own function runs.
+std::atomic<bool> g_connectThrows{false};
+
+}  // namespace
+
+extern "C" int mosquitto_connect_async(struct mosquitto* client, const char* host, int port, int keepAlive) {
+  if (g_connectThrows) throw std::runtime_error("connect failed in a test");
+  using Connect = int (*)(struct mosquitto*, const char*, int, int);
+  static const auto real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "mosquitto_connect_async"));
+  return real(client, host, port, keepAlive);
+}
+
+namespace {
+
 NotificationEvent eventWithKey(const std::string& key, const std::map<std::string, std::string>& attributes = {}) {
   return NotificationEvent{1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", key, attributes};
 }
@@ -36,20 +66,41 @@ std::string payloadWithKey(const std::string& key, const std::string& attributes
          key + R"(","attributes":{)" + attributes + "}}";
 }
 
+// Event `number` of a numbered series, as kscdp_alert_raiser raises it too.
+NotificationEvent numberedEvent(int number) {
+  return eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
+}
+
 // Sends events first..last, each of which must be accepted, and adds their payloads to `sent`.
 void sendNumbered(NotificationSupplier& supplier, int first, int last, Messages& sent) {
   for (int number = first; number <= last; ++number) {
-    NotificationEvent event = eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
+    NotificationEvent event = numberedEvent(number);
     EXPECT_EQ(supplier.send_notification(event), 0) << number;
     sent.push_back(standin::notificationPayload(event));
   }
 }
 
+void addNumbered(int first, int last, Messages& sent) {
+  for (int number = first; number <= last; ++number) {
+    NotificationEvent event = numberedEvent(number);
+    sent.push_back(standin::notificationPayload(event));
+  }
+}
+
+// An outbox file of the running test's own.
+std::string testOutbox() {
+  return integration::scratchPath(std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) + ".db");
+}
+
 // A broker with a subscriber to the notification topic, and the master
-// configuration pointing the stand-in at it.
+// configuration pointing the stand-in at it, with `outbox` as the outbox key.
 struct BrokerWithSubscriber {
-  explicit BrokerWithSubscriber(bool keepSessions) : broker({keepSessions}), subscriber(broker.port(), kTopic) {
-    integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\n");
+  explicit BrokerWithSubscriber(bool keepSessions, const std::string& outbox = testOutbox())
+      : BrokerWithSubscriber(MosquittoBroker::Options{keepSessions, "", "", ""}, outbox, "") {}
+  BrokerWithSubscriber(const MosquittoBroker::Options& options, const std::string& outbox, const std::string& config)
+      : broker(options), subscriber(broker.plainPort(), kTopic) {
+    integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\noutbox = " + outbox + "\n" +
+                             config);
   }
 
   // Waits until the subscriber has every payload of `expected` at least once.
@@ -63,7 +114,53 @@ struct BrokerWithSubscriber {
   MqttSubscriber subscriber;
 };
 
-using NotificationSupplierTest = integration::StandinTest;
+// Runs kscdp_alert_raiser with `arguments`, logging to `logFile`; returns
+// its pid once it has handed every event over, and how many were accepted.
+pid_t startRaiser(const std::vector<std::string>& arguments, const std::string& logFile, long& accepted) {
+  std::vector<std::string> texts = {KSCDP_ALERT_RAISER_PATH};
+  texts.insert(texts.end(), arguments.begin(), arguments.end());
+  std::vector<std::string> environment = {"KEEPSTONE_CONF=" + std::string(std::getenv("KEEPSTONE_CONF")),
+                                          "KSU_LOG_FILE=" + logFile};
+  std::vector<char*> argv;
+  for (std::string& text : texts) argv.push_back(&text[0]);
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (std::string& text : environment) envp.push_back(&text[0]);
+  envp.push_back(nullptr);
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+  pid_t pid = -1;
+  const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  FILE* lines = fdopen(out[0], "r");
+  accepted = -1;
+  if (failed == 0 && lines != nullptr && std::fscanf(lines, "accepted %ld", &accepted) != 1) accepted = -1;
+  if (lines != nullptr) std::fclose(lines);
+  if (failed != 0) throw std::runtime_error("cannot run " + texts[0]);
+  return pid;
+}
+
+std::string fileText(const std::string& path) {
+  std::ifstream file(path);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+class NotificationSupplierTest : public integration::StandinTest {
+ protected:
+  // Waits up to 10 s for `text` to appear in the log of this test.
+  bool logShows(const std::string& text) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (newLog().find(text) == std::string::npos) {
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+};
 
 TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
   const struct {
@@ -105,11 +202,11 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
   sendNumbered(supplier, 1, 20, sent);  // before the broker was ever reached
   rig.broker.start();
   ASSERT_EQ(rig.receivedOnce(sent), sent);
-  sendNumbered(supplier, 21, 1000, sent);  // the broker stops while these are on their way
+  sendNumbered(supplier, 21, 5000, sent);  // the broker stops while these are on their way
   rig.broker.stop();
-  sendNumbered(supplier, 1001, 1050, sent);
+  sendNumbered(supplier, 5001, 5050, sent);
   rig.broker.start();
-  sendNumbered(supplier, 1051, 1060, sent);
+  sendNumbered(supplier, 5051, 10000, sent);
 
   EXPECT_EQ(rig.receivedOnce(sent), sent);
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()));
@@ -133,7 +230,7 @@ TEST_F(NotificationSupplierTest, ShutdownDeliversWhatIsWaiting) {
 
 TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdownGivesUpAfterFiveSeconds) {
   const std::string nowhere = "127.0.0.1:" + std::to_string(testbed::freeLoopbackPort());
-  integration::writeConfig("server = master.invalid\nbroker = " + nowhere + "\n");
+  integration::writeConfig("server = master.invalid\nbroker = " + nowhere + "\noutbox = none\n");
   auto supplier = std::make_unique<NotificationSupplier>();
 
   NotificationEvent event = eventWithKey("k");
@@ -152,6 +249,181 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
   EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: refusing events: 10000 events are waiting for the broker\n"));
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
   EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: 10000 events were not delivered: broker " + nowhere));
+}
+
+TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPublisherAheadOfItsOwn) {
+  BrokerWithSubscriber rig(true);
+  rig.broker.stop();
+  long accepted = 0;
+  const pid_t raiser = startRaiser({"1", "100", "--then-wait"}, integration::scratchPath("killed.log"), accepted);
+  kill(raiser, SIGKILL);
+  waitpid(raiser, nullptr, 0);
+  ASSERT_EQ(accepted, 100);
+  Messages sent;
+  addNumbered(1, 100, sent);
+  {
+    NotificationSupplier whileTheBrokerIsAway;
+    sendNumbered(whileTheBrokerIsAway, 101, 102, sent);
+    whileTheBrokerIsAway.shutdown();
+  }
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: 102 events were not acknowledged by broker " +
+                                  rig.broker.address() + " within 5 s of shutdown: they wait in the outbox " +
+                                  testOutbox() + " for the next start\n"));
+  rig.broker.start();
+  NotificationSupplier next;
+  sendNumbered(next, 103, 105, sent);
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+}
+
+TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
+  const std::string blocker = integration::scratchPath("a-file");
+  std::ofstream(blocker) << "not a directory";
+  const std::string damaged = integration::scratchPath("damaged.db");
+  const std::string garbage(10000, 'x');
+  const struct {
+    std::string outbox;
+    bool holdIt;       // another publisher has it open
+    bool damageIt;     // the file is not a database
+    std::string logs;  // level 16
+  } cases[] = {
+      {blocker + "/outbox.db", false, false, "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
+      {testOutbox(), true, false, "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
+      {damaged, false, true, "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged +
+                                 ".damaged-"},
+  };
+  BrokerWithSubscriber rig(false, "none");
+  Messages sent;
+  int number = 0;
+  for (const auto& c : cases) {
+    integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + c.outbox + "\n");
+    if (c.damageIt) std::ofstream(c.outbox) << garbage;
+    std::unique_ptr<NotificationSupplier> holder(c.holdIt ? new NotificationSupplier : nullptr);
+    NotificationSupplier supplier;
+    sendNumbered(supplier, number + 1, number + 3, sent);
+    number += 3;
+    EXPECT_EQ(rig.receivedOnce(sent), sent) << c.outbox;
+    EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + c.logs)) << c.outbox;
+  }
+  std::vector<std::string> setAside;
+  for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath("")))
+    if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
+  ASSERT_EQ(setAside.size(), 1u);
+  EXPECT_EQ(fileText(setAside[0]), garbage);
+}
+
+TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
+  BrokerWithSubscriber rig(false);
+  const std::string log = integration::scratchPath("full-disk.log");
+  long accepted = 0;
+  const pid_t raiser = startRaiser({"1", "300", "--file-size-limit", "65536"}, log, accepted);
+  int status = -1;
+  waitpid(raiser, &status, 0);
+  EXPECT_EQ(accepted, 300);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  Messages sent;
+  addNumbered(1, 300, sent);
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  const std::string logged = fileText(log);
+  const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
+  EXPECT_THAT(logged, HasSubstr(failure));
+  // A checkpoint may make room for a while: one line per run of failures.
+  const auto count = [&](const std::string& text) {
+    size_t found = 0;
+    for (size_t at = logged.find(text); at != std::string::npos; at = logged.find(text, at + 1)) ++found;
+    return found;
+  };
+  EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
+}
+
+TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatItCannotTrust) {
+  const std::string dir = integration::scratchPath("tls");
+  std::filesystem::create_directories(dir);
+  const std::string make =
+      "(cd " + dir + " && " +
+      "openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=kscdp-test-ca && "
+      "openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -out other-ca.pem -days 2 -subj /CN=other && "
+      "openssl req -newkey rsa:2048 -nodes -keyout broker.key -out broker.csr -subj /CN=broker && "
+      "printf 'subjectAltName=IP:127.0.0.1\\n' >san && "
+      "openssl x509 -req -in broker.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out broker.pem -days 2 -extfile san && "
+      "mosquitto_passwd -c -b users kscdp right-secret && "
+      "echo right-secret >right && echo wrong-secret >wrong && cp right open && chmod 600 right wrong && chmod 644 open) >/dev/null 2>&1";
+  ASSERT_EQ(std::system(make.c_str()), 0) << make;
+  MosquittoBroker::Options options;
+  options.certFile = dir + "/broker.pem";
+  options.keyFile = dir + "/broker.key";
+  options.passwordFile = dir + "/users";
+  BrokerWithSubscriber rig(options, "none", "");
+  const std::string port = std::to_string(rig.broker.port());
+  const struct {
+    std::string host;
+    std::string caFile;
+    std::string passwordFile;
+    std::string logs;  // level 16; empty: delivered
+  } cases[] = {
+      {"127.0.0.1", "ca.pem", "right", ""},
+      {"127.0.0.1", "other-ca.pem", "right", "certificate verify failed"},
+      {"localhost", "ca.pem", "right", "host name verification failed"},
+      {"127.0.0.1", "ca.pem", "wrong", "refused the connection: Connection Refused: not authorised"},
+      {"127.0.0.1", "ca.pem", "open", "the broker password file " + dir + "/open is open to other users (mode 0644)"},
+  };
+  Messages sent;
+  for (const auto& c : cases) {
+    integration::writeConfig("server = m.invalid\nbroker = " + c.host + ":" + port + "\noutbox = none\n" +
+                             "broker_tls = on\nbroker_ca_file = " + dir + "/" + c.caFile + "\nbroker_user = kscdp\n" +
+                             "broker_password_file = " + dir + "/" + c.passwordFile + "\n");
+    const size_t logStart = newLog().size();
+    NotificationSupplier supplier;
+    if (c.logs.empty()) {
+      sendNumbered(supplier, 1, 3, sent);
+      EXPECT_EQ(rig.receivedOnce(sent), sent);
+    } else {
+      EXPECT_TRUE(logShows(c.logs)) << c.logs << "\n" << newLog().substr(logStart);
+      EXPECT_THAT(newLog().substr(logStart), HasSubstr(" 16 NotificationSupplier: ")) << c.logs;
+    }
+    supplier.shutdown();
+  }
+}
+
+TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
+  BrokerWithSubscriber rig(false, "none");
+  g_connectThrows = true;
+  NotificationSupplier supplier;
+  const bool failed = logShows(" 16 NotificationSupplier: the notification publisher's thread failed: connect failed");
+  g_connectThrows = false;
+  ASSERT_TRUE(failed);
+  NotificationEvent event = eventWithKey("k");
+  EXPECT_NE(supplier.send_notification(event), 0);
+  EXPECT_NE(supplier.send_notification(event), 0);
+  const auto started = std::chrono::steady_clock::now();
+  supplier.shutdown();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
+  const std::string log = newLog();
+  EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: refusing events: the publisher's network thread has ended"));
+  EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
+}
+
+TEST(BrokerSettings, TlsSettingsComeFromTheConfigurationFile) {
+  const struct {
+    const char* config;
+    int port;           // 0: refused
+    const char* error;  // what the refusal names
+  } cases[] = {
+      {"server = m\nbroker_tls = on\n", 8883, ""},
+      {"server = m\nbroker = m:1884\nbroker_tls = on\n", 1884, ""},
+      {"server = m\nbroker_tls = yes\n", 0, "broker_tls"},
+      {"server = m\nbroker_tls = on\nbroker_cert_file = c.pem\n", 0, "broker_key_file"},
+      {"server = m\nbroker_ca_file = ca.pem\n", 0, "broker_tls = on"},
+  };
+  for (const auto& c : cases) {
+    integration::writeConfig(c.config);
+    standin::BrokerSettings settings;
+    std::string error;
+    ASSERT_EQ(standin::readBrokerSettings(settings, error), c.port != 0) << c.config;
+    if (c.port != 0) {
+      EXPECT_EQ(settings.address.port, c.port) << c.config;
+    }
+    EXPECT_THAT(error, HasSubstr(c.error)) << c.config;
+  }
 }
 
 TEST(BrokerAddress, ComesFromTheConfigurationFile) {

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -30,9 +31,8 @@ class StandinEnvironment : public ::testing::Environment {
   }
 
   void TearDown() override {
-    std::remove(configPath().c_str());
-    std::remove(logPath().c_str());
-    rmdir(g_directory.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(g_directory, ignored);
   }
 };
 
@@ -48,6 +48,8 @@ void writeConfig(const std::string& text) {
 
 void removeConfig() { std::remove(configPath().c_str()); }
 
+std::string scratchPath(const std::string& name) { return g_directory + "/" + name; }
+
 std::string logText() {
   std::ifstream file(logPath());
   std::ostringstream text;
@@ -57,7 +59,8 @@ std::string logText() {
 
 void MasterOnLoopback::SetUp() {
   ASSERT_TRUE(master_.start());
-  writeConfig("server = 127.0.0.1\nrest_url = " + master_.url() + "\nksqd_url = " + master_.url() + "\n");
+  writeConfig("server = 127.0.0.1\nrest_url = " + master_.url() + "\nksqd_url = " + master_.url() +
+              "\noutbox = none\n");
 }
 
 }  // namespace integration

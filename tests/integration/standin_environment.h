@@ -17,6 +17,8 @@ namespace integration {
 void writeConfig(const std::string& text);
 // Removes the master configuration file.
 void removeConfig();
+// A path in the program's temporary directory, for files such as an outbox.
+std::string scratchPath(const std::string& name);
 
 // Everything logged so far. The log file only grows, so a test notes its size
 // before acting and reads what came after.
@@ -33,7 +35,7 @@ class StandinTest : public ::testing::Test {
 
 // A master simulator on a free loopback port, with the configuration file
 // naming 127.0.0.1 as the master and sending REST and request-daemon
-// requests to the simulator.
+// requests to the simulator; alerts wait in memory only.
 class MasterOnLoopback : public StandinTest {
  protected:
   void SetUp() override;

@@ -1,0 +1,32 @@
+// How the notification publisher reaches its MQTT broker: the address, TLS
+// and credentials, from the stand-in keys of the configuration file.
+#ifndef KSCDP_PLATFORM_STANDIN_BROKER_SETTINGS_H_
+#define KSCDP_PLATFORM_STANDIN_BROKER_SETTINGS_H_
+
+#include <string>
+
+#include "broker_address.h"
+
+namespace standin {
+
+struct BrokerSettings {
+  BrokerAddress address;     // "broker"; with TLS and no "broker" key, the master server on 8883
+  bool tls = false;          // "broker_tls = on": peer and host name verified
+  std::string caFile;        // "broker_ca_file"; empty: the system's CA certificates
+  std::string certFile;      // "broker_cert_file" and "broker_key_file": a client
+  std::string keyFile;       //   certificate, both or neither
+  std::string user;          // "broker_user"; empty: no credentials
+  std::string passwordFile;  // "broker_password_file": the password is its first line
+};
+
+// Reads the configuration file afresh. On failure returns false and says in
+// `error` what is wrong and what to change.
+bool readBrokerSettings(BrokerSettings& settings, std::string& error);
+
+// The password in the first line of `path`. Refuses a file that others may
+// read or write, or one that cannot be read; says why in `error`.
+bool readBrokerPassword(const std::string& path, std::string& password, std::string& error);
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_BROKER_SETTINGS_H_

@@ -1,0 +1,227 @@
+#include "outbox.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+
+#include "platform/ksu_log.h"
+
+namespace standin {
+namespace {
+
+const char kLogFunction[] = "NotificationSupplier";
+const int kFailureLevel = 16;
+const int kProgressLevel = 4;
+const int kBusyTimeoutMs = 5000;  // the sqlite3 shell of an operator reading the file
+
+// WAL with synchronous NORMAL: a commit is a write() to the WAL, and only a
+// checkpoint syncs. Checkpoints are the network thread's, never an append's.
+const char kSetUp[] =
+    "PRAGMA journal_mode = WAL;"
+    "PRAGMA synchronous = NORMAL;"
+    "PRAGMA wal_autocheckpoint = 0;"
+    "PRAGMA journal_size_limit = 4194304;"
+    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL);";
+
+bool isDamage(int code) { return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT; }
+
+std::string utcStamp() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+  return text;
+}
+
+// Renames the database and its WAL and index aside, so that the sqlite3
+// shell still reads the set-aside copy whole. The name of the copy, or empty.
+std::string setAside(const std::string& path, std::string& error) {
+  const std::string aside = path + ".damaged-" + utcStamp();
+  if (std::rename(path.c_str(), aside.c_str()) != 0) {
+    error = "cannot rename it aside: " + std::string(std::strerror(errno));
+    return std::string();
+  }
+  for (const char* suffix : {"-wal", "-shm"}) std::rename((path + suffix).c_str(), (aside + suffix).c_str());
+  return aside;
+}
+
+bool openConnection(const std::string& path, sqlite3*& db, int& code, std::string& error) {
+  code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  if (code == SQLITE_OK) {
+    sqlite3_extended_result_codes(db, 1);
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    code = sqlite3_exec(db, kSetUp, nullptr, nullptr, nullptr);
+  }
+  if (code != SQLITE_OK) {
+    error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
+    return false;
+  }
+  return true;
+}
+
+// "ok", or what the quick check found first.
+std::string quickCheck(sqlite3* db, int& code) {
+  sqlite3_stmt* statement = nullptr;
+  std::string verdict;
+  code = sqlite3_prepare_v2(db, "PRAGMA quick_check(1)", -1, &statement, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_step(statement);
+  if (code == SQLITE_ROW) {
+    verdict = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+    code = SQLITE_OK;
+  } else {
+    verdict = sqlite3_errmsg(db);
+  }
+  sqlite3_finalize(statement);
+  return verdict;
+}
+
+}  // namespace
+
+std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error) {
+  const std::filesystem::path file(path);
+  std::error_code made;
+  if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), made);
+  if (made) {
+    error = "cannot create its directory " + file.parent_path().string() + ": " + made.message();
+    return nullptr;
+  }
+  const std::string lockPath = path + ".lock";
+  const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (lockFd < 0) {
+    error = "cannot write " + lockPath + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  if (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
+    const int saved = errno;
+    close(lockFd);
+    error = saved == EWOULDBLOCK ? "another publisher on this host (another engine?) holds it"
+                                 : "cannot lock " + lockPath + ": " + std::strerror(saved);
+    return nullptr;
+  }
+  std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
+  bool damaged = false;
+  if (outbox->openConnections(error, damaged)) return outbox;
+  if (!damaged) return nullptr;
+  outbox->closeConnections();
+  const std::string aside = setAside(path, error);
+  if (aside.empty()) return nullptr;
+  ksu_logmsg_str(kFailureLevel, kLogFunction,
+                 "the outbox " + path + " was damaged (" + error + "): set aside as " + aside + ", a new one is started");
+  if (outbox->openConnections(error, damaged)) return outbox;
+  return nullptr;
+}
+
+Outbox::Outbox(std::string path, int lockFd) : path_(std::move(path)), lockFd_(lockFd) {}
+
+Outbox::~Outbox() {
+  closeConnections();
+  close(lockFd_);  // after the database is closed: the next owner finds it whole
+}
+
+bool Outbox::openConnections(std::string& error, bool& damaged) {
+  int code = SQLITE_OK;
+  damaged = false;
+  if (!openConnection(path_, remover_, code, error)) {
+    damaged = isDamage(code);
+    return false;
+  }
+  const std::string verdict = quickCheck(remover_, code);
+  if (verdict != "ok") {
+    damaged = code == SQLITE_OK || isDamage(code);
+    error = verdict;
+    return false;
+  }
+  if (!openConnection(path_, appender_, code, error)) return false;
+  code = sqlite3_prepare_v2(appender_, "INSERT INTO events (payload) VALUES (?)", -1, &insert_, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(remover_, "DELETE FROM events WHERE id = ?", -1, &delete_, nullptr);
+  if (code != SQLITE_OK) {
+    error = sqlite3_errstr(code);
+    return false;
+  }
+  return true;
+}
+
+void Outbox::closeConnections() {
+  sqlite3_finalize(insert_);
+  sqlite3_finalize(delete_);
+  sqlite3_close(appender_);
+  sqlite3_close(remover_);  // the last connection checkpoints and removes the WAL
+  insert_ = delete_ = nullptr;
+  appender_ = remover_ = nullptr;
+}
+
+std::vector<Outbox::Event> Outbox::waiting() {
+  std::vector<Event> events;
+  sqlite3_stmt* select = nullptr;
+  int code = sqlite3_prepare_v2(remover_, "SELECT id, payload FROM events ORDER BY id", -1, &select, nullptr);
+  while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
+    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
+    events.push_back(Event{sqlite3_column_int64(select, 0),
+                           std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1)))});
+    code = SQLITE_OK;
+  }
+  sqlite3_finalize(select);
+  if (code != SQLITE_DONE) {
+    bool logged = false;
+    logFailure(logged, remover_, "cannot read the events waiting in the outbox " + path_,
+               "; they stay there, and new events go out meanwhile");
+  }
+  return events;
+}
+
+int64_t Outbox::append(const std::string& payload) {
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  sqlite3_bind_blob(insert_, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
+  const int code = sqlite3_step(insert_);
+  if (code != SQLITE_DONE) {
+    logFailure(appendFailing_, appender_, "cannot store events in the outbox " + path_,
+               "; new events wait in memory only until it can be written again");
+  }
+  sqlite3_reset(insert_);
+  sqlite3_clear_bindings(insert_);
+  if (code != SQLITE_DONE) return 0;
+  if (appendFailing_) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + path_ + " stores events again");
+  appendFailing_ = false;
+  return sqlite3_last_insert_rowid(appender_);
+}
+
+void Outbox::remove(const std::vector<int64_t>& ids) {
+  if (ids.empty()) return;
+  std::lock_guard<std::mutex> lock(writeMutex_);
+  int code = sqlite3_exec(remover_, "BEGIN", nullptr, nullptr, nullptr);
+  for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
+    sqlite3_bind_int64(delete_, 1, ids[i]);
+    code = sqlite3_step(delete_) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(remover_);
+    sqlite3_reset(delete_);
+  }
+  if (code == SQLITE_OK) code = sqlite3_exec(remover_, "COMMIT", nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK) {
+    sqlite3_exec(remover_, "ROLLBACK", nullptr, nullptr, nullptr);
+    logFailure(removeFailing_, remover_, "cannot remove acknowledged events from the outbox " + path_,
+               "; the next start may deliver them again");
+    return;
+  }
+  removeFailing_ = false;
+}
+
+void Outbox::checkpoint() { sqlite3_wal_checkpoint_v2(remover_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr); }
+
+void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence) {
+  if (!logged) {
+    std::string reason = sqlite3_errmsg(db);
+    const int systemError = sqlite3_system_errno(db);
+    if (systemError != 0) reason += std::string(" (") + std::strerror(systemError) + ")";
+    ksu_logmsg_str(kFailureLevel, kLogFunction, what + ": " + reason + consequence);
+  }
+  logged = true;
+}
+
+}  // namespace standin

@@ -1,0 +1,79 @@
+// The notification publisher's outbox: accepted events on disk, in an SQLite
+// database in WAL mode, until the broker has acknowledged them.
+#ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_H_
+#define KSCDP_PLATFORM_STANDIN_OUTBOX_H_
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace standin {
+
+// One table, events(id INTEGER PRIMARY KEY, payload BLOB): a larger id is a
+// later event. An appended event is in the WAL, in the kernel's buffers,
+// before append() returns, so it survives the process being killed; the WAL
+// reaches the disk at each checkpoint(), not at every event. One process at a
+// time owns the file, through an flock on "<path>.lock"; the sqlite3 shell may
+// read it meanwhile. Failures are logged at level 16 under
+// "NotificationSupplier".
+class Outbox {
+ public:
+  struct Event {
+    int64_t id;
+    std::string payload;
+  };
+
+  // Opens the outbox at `path`, creating the file and its directory when
+  // missing. A file that is not a database, or a damaged one, is renamed
+  // aside with a time stamp (logged) and a new one started. Null, with the
+  // reason in `error`, when the outbox cannot be used.
+  static std::unique_ptr<Outbox> open(const std::string& path, std::string& error);
+  ~Outbox();
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
+  const std::string& path() const { return path_; }
+
+  // Every event in the outbox, oldest first. Empty, logged, when it cannot be read.
+  std::vector<Event> waiting();
+  // Stores one event and returns its id, or 0 when it cannot be stored (one
+  // log line per run of failures). Thread-safe.
+  int64_t append(const std::string& payload);
+  // Removes the events with these ids, in one transaction.
+  void remove(const std::vector<int64_t>& ids);
+  // Copies the WAL into the database and syncs both: the batched sync.
+  void checkpoint();
+
+ private:
+  Outbox(std::string path, int lockFd);
+
+  bool openConnections(std::string& error, bool& damaged);
+  void closeConnections();
+  // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
+  void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
+
+  const std::string path_;
+  const int lockFd_;  // holds the flock that makes this process the outbox's owner
+
+  // The engine's threads append through their own connection; the network
+  // thread reads, removes and checkpoints through the other, so a passive
+  // checkpoint never holds up an append. writeMutex_ keeps the two
+  // connections' write transactions apart inside the process, so neither
+  // ever waits in SQLite's busy handler for the other.
+  std::mutex writeMutex_;
+  sqlite3* appender_ = nullptr;
+  sqlite3_stmt* insert_ = nullptr;  // guarded by writeMutex_
+  bool appendFailing_ = false;      // guarded by writeMutex_
+  sqlite3* remover_ = nullptr;      // the network thread's
+  sqlite3_stmt* delete_ = nullptr;
+  bool removeFailing_ = false;
+};
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_OUTBOX_H_
