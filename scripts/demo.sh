@@ -75,8 +75,11 @@ echo "demo: broker 127.0.0.1:$broker_port, master simulator $master_url"
 echo "demo: engine simulator on $vms VMs"
 echo
 status=0
+# The library of this build tree, by path: a sanitizer's dlopen does not see
+# the simulator's RUNPATH.
 KEEPSTONE_CONF="$work/keepstone.conf" KSU_LOG_FILE="$work/kscdp.log" \
-  "$bin/kscdp-engine-sim" --vms "$vms" --poll-interval 0.5 --timeout 25 || status=$?
+  "$bin/kscdp-engine-sim" --library "$build/lib/libkscdp.so.1" --vms "$vms" --poll-interval 0.5 --timeout 25 ||
+  status=$?
 
 # stop_alert_thread has delivered every alert; give the subscriber a moment to
 # write out what it received.
