@@ -122,7 +122,7 @@ int MqttPublisher::publish(std::string payload) {
   {
     // Held across the push, so that an event is either refused or seen by
     // the network thread before it stops.
-    std::lock_guard<std::mutex> lock(controlMutex_);
+    port::MutexLock lock(controlMutex_);
     if (stopRequested_) {
       logFailure("refused an event: the publisher has been shut down");
       return kRefusedStopped;
@@ -152,10 +152,10 @@ int MqttPublisher::publish(std::string payload) {
 }
 
 void MqttPublisher::stop() {
-  std::lock_guard<std::mutex> serial(stopMutex_);
+  port::MutexLock serial(stopMutex_);
   if (!network_.joinable()) return;
   {
-    std::lock_guard<std::mutex> lock(controlMutex_);
+    port::MutexLock lock(controlMutex_);
     stopRequested_ = true;
     stopDeadline_ = Clock::now() + kShutdownGrace;
   }
@@ -172,7 +172,7 @@ void MqttPublisher::stop() {
     logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
                " did not acknowledge them" + within);
   }
-  std::lock_guard<std::mutex> lock(controlMutex_);
+  port::MutexLock lock(controlMutex_);
   outbox_.reset();
 }
 
@@ -194,7 +194,7 @@ void MqttPublisher::run() {
       tidyOutbox(Clock::now());
     }
   } catch (const std::exception& e) {
-    std::lock_guard<std::mutex> lock(controlMutex_);
+    port::MutexLock lock(controlMutex_);
     threadEnded_ = true;
     logFailure(std::string("the notification publisher's thread failed: ") + e.what() +
                (outbox_ ? "; the events in the outbox wait for the next start" : ""));
@@ -203,7 +203,7 @@ void MqttPublisher::run() {
 }
 
 bool MqttPublisher::stopRequested(Clock::time_point& deadline) {
-  std::lock_guard<std::mutex> lock(controlMutex_);
+  port::MutexLock lock(controlMutex_);
   deadline = stopDeadline_;
   return stopRequested_;
 }

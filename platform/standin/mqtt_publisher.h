@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "broker_settings.h"
 #include "outbox.h"
 #include "pending_events.h"
+#include "port/mutex.h"
 
 struct mosquitto;
 
@@ -83,13 +83,13 @@ class MqttPublisher {
   PendingEvents events_;
   const int wakeFd_;  // eventfd: publish() and stop() wake the network thread through it
 
-  std::mutex controlMutex_;
-  bool stopRequested_ = false;      // guarded by controlMutex_
-  Clock::time_point stopDeadline_;  // guarded by controlMutex_
-  bool refusalLogged_ = false;      // guarded by controlMutex_; one log line per run of refusals
-  bool threadEnded_ = false;        // guarded by controlMutex_; the network thread ended on a failure
+  port::Mutex controlMutex_;
+  bool stopRequested_ GUARDED_BY(controlMutex_) = false;
+  Clock::time_point stopDeadline_ GUARDED_BY(controlMutex_);
+  bool refusalLogged_ GUARDED_BY(controlMutex_) = false;  // one log line per run of refusals
+  bool threadEnded_ GUARDED_BY(controlMutex_) = false;    // the network thread ended on a failure
 
-  std::mutex stopMutex_;  // serialises stop()
+  port::Mutex stopMutex_;  // serialises stop()
   std::thread network_;
 
   // Owned by the network thread. A client lives for one connection attempt

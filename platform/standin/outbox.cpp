@@ -150,6 +150,7 @@ bool Outbox::openConnections(std::string& error, bool& damaged) {
 }
 
 void Outbox::closeConnections() {
+  port::MutexLock lock(writeMutex_);
   sqlite3_finalize(insert_);
   sqlite3_finalize(delete_);
   sqlite3_close(appender_);
@@ -178,7 +179,7 @@ std::vector<Outbox::Event> Outbox::waiting() {
 }
 
 int64_t Outbox::append(const std::string& payload) {
-  std::lock_guard<std::mutex> lock(writeMutex_);
+  port::MutexLock lock(writeMutex_);
   sqlite3_bind_blob(insert_, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
   const int code = sqlite3_step(insert_);
   if (code != SQLITE_DONE) {
@@ -195,7 +196,7 @@ int64_t Outbox::append(const std::string& payload) {
 
 void Outbox::remove(const std::vector<int64_t>& ids) {
   if (ids.empty()) return;
-  std::lock_guard<std::mutex> lock(writeMutex_);
+  port::MutexLock lock(writeMutex_);
   int code = sqlite3_exec(remover_, "BEGIN", nullptr, nullptr, nullptr);
   for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
     sqlite3_bind_int64(delete_, 1, ids[i]);

@@ -5,9 +5,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "port/mutex.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -65,10 +66,10 @@ class Outbox {
   // checkpoint never holds up an append. writeMutex_ keeps the two
   // connections' write transactions apart inside the process, so neither
   // ever waits in SQLite's busy handler for the other.
-  std::mutex writeMutex_;
+  port::Mutex writeMutex_;
   sqlite3* appender_ = nullptr;
-  sqlite3_stmt* insert_ = nullptr;  // guarded by writeMutex_
-  bool appendFailing_ = false;      // guarded by writeMutex_
+  sqlite3_stmt* insert_ GUARDED_BY(writeMutex_) = nullptr;
+  bool appendFailing_ GUARDED_BY(writeMutex_) = false;
   sqlite3* remover_ = nullptr;      // the network thread's
   sqlite3_stmt* delete_ = nullptr;
   bool removeFailing_ = false;

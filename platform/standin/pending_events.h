@@ -6,8 +6,9 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
+
+#include "port/mutex.h"
 
 namespace standin {
 
@@ -16,7 +17,8 @@ namespace standin {
 // are always the oldest ones and carry that connection's message id; when the
 // connection goes they wait again in their place, so nothing is lost and the
 // order holds. An event may also be in the outbox, under its outbox id (0:
-// in memory only). Thread-safe.
+// in memory only). Thread-safe; handOver(), acknowledge(), takeBack() and
+// clear() are for one thread, the connection's.
 class PendingEvents {
  public:
   // Hands one payload to the connection; fills the message id and returns
@@ -54,9 +56,9 @@ class PendingEvents {
   };
 
   const size_t capacity_;
-  mutable std::mutex mutex_;
-  std::deque<Event> events_;  // guarded by mutex_
-  size_t handedOver_ = 0;     // guarded by mutex_; events_[0, handedOver_) are with the connection
+  mutable port::Mutex mutex_;
+  std::deque<Event> events_ GUARDED_BY(mutex_);
+  size_t handedOver_ GUARDED_BY(mutex_) = 0;  // events_[0, handedOver_) are with the connection
 };
 
 }  // namespace standin
