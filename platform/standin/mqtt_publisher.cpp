@@ -12,6 +12,7 @@
 #include <exception>
 #include <system_error>
 
+#include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
 
@@ -34,22 +35,12 @@ const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
 const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
-const char kSystemCaDirectory[] = "/etc/ssl/certs";
-const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
 
 const char kLogFunction[] = "NotificationSupplier";
 const int kFailureLevel = 16;
 const int kProgressLevel = 4;
 
 void logFailure(const std::string& message) { ksu_logmsg_str(kFailureLevel, kLogFunction, message); }
-
-// Text for a libmosquitto result, without a closing period, to go inside a
-// sentence; `savedErrno` is errno right after the call.
-std::string describe(int result, int savedErrno) {
-  std::string text = result == MOSQ_ERR_ERRNO ? std::strerror(savedErrno) : mosquitto_strerror(result);
-  if (!text.empty() && text.back() == '.') text.pop_back();
-  return text;
-}
 
 int openWakeFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -75,11 +66,6 @@ std::unique_ptr<Outbox> openOutbox() {
   return outbox;
 }
 
-bool readable(const std::string& path, const char* key, std::string& error) {
-  if (access(path.c_str(), R_OK) == 0) return true;
-  error = std::string("cannot read ") + key + " " + path + ": " + std::strerror(errno);
-  return false;
-}
 
 }  // namespace
 
@@ -227,47 +213,17 @@ void MqttPublisher::connect(Clock::time_point now) {
   mosquitto_publish_callback_set(client_, &MqttPublisher::onPublish);
   mosquitto_log_callback_set(client_, &MqttPublisher::onLog);
   mosquitto_max_inflight_messages_set(client_, kInFlight);
-  if (!secure(settings, error)) {
+  if (!applyBrokerSettings(client_, settings, error)) {
     connectionFailed("cannot connect to broker " + broker_ + ": " + error);
     return;
   }
   const int result = mosquitto_connect_async(client_, address.host.c_str(), address.port, kKeepAliveSeconds);
   const int savedErrno = errno;
   if (result != MOSQ_ERR_SUCCESS) {
-    connectionFailed("cannot reach broker " + broker_ + ": " + describe(result, savedErrno));
+    connectionFailed("cannot reach broker " + broker_ + ": " + mosquittoErrorText(result, savedErrno));
     return;
   }
   connectDeadline_ = now + kConnectTimeout;
-}
-
-bool MqttPublisher::secure(const BrokerSettings& settings, std::string& error) {
-  if (settings.tls) {
-    if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
-    if (!settings.certFile.empty() && (!readable(settings.certFile, "broker_cert_file", error) ||
-                                       !readable(settings.keyFile, "broker_key_file", error))) {
-      return false;
-    }
-    const auto fileOrNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
-    int result = mosquitto_tls_set(client_, fileOrNull(settings.caFile),
-                                   settings.caFile.empty() ? kSystemCaDirectory : nullptr,
-                                   fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client_, kVerifyPeer, nullptr, nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client_, false);
-    if (result != MOSQ_ERR_SUCCESS) {
-      error = "cannot set up TLS: " + describe(result, errno);
-      return false;
-    }
-  }
-  if (settings.user.empty()) return true;
-  std::string password;
-  if (!settings.passwordFile.empty() && !readBrokerPassword(settings.passwordFile, password, error)) return false;
-  const int result = mosquitto_username_pw_set(client_, settings.user.c_str(),
-                                               settings.passwordFile.empty() ? nullptr : password.c_str());
-  if (result != MOSQ_ERR_SUCCESS) {
-    error = "cannot set the credentials: " + describe(result, errno);
-    return false;
-  }
-  return true;
 }
 
 void MqttPublisher::handOver() {
@@ -280,7 +236,7 @@ void MqttPublisher::handOver() {
     return failure == MOSQ_ERR_SUCCESS;
   });
   if (failure != MOSQ_ERR_SUCCESS) {
-    connectionFailed("lost the connection to broker " + broker_ + ": " + describe(failure, failureErrno));
+    connectionFailed("lost the connection to broker " + broker_ + ": " + mosquittoErrorText(failure, failureErrno));
   }
 }
 
@@ -310,7 +266,7 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
     connectionFailed("broker " + broker_ + " refused the connection: " + mosquitto_connack_string(refusedCode_));
   } else if (result != MOSQ_ERR_SUCCESS) {
     const std::string state = connected_ ? "lost the connection to broker " : "cannot reach broker ";
-    connectionFailed(state + broker_ + ": " + describe(result, savedErrno));
+    connectionFailed(state + broker_ + ": " + mosquittoErrorText(result, savedErrno));
   }
 }
 

@@ -62,7 +62,6 @@ class MqttPublisher {
   void run();
   bool stopRequested(Clock::time_point& deadline);
   void connect(Clock::time_point now);
-  bool secure(const BrokerSettings& settings, std::string& error);
   void handOver();
   void serviceNetwork(int timeoutMs);
   void tidyOutbox(Clock::time_point now);

@@ -2,21 +2,17 @@
 // bounded in time by driving libmosquitto's loop ourselves, and on request
 // one test event published over it with QoS 1.
 #include <mosquitto.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "checks.h"
 #include "platform/notification.h"
-#include "platform/standin/broker_address.h"
+#include "platform/standin/broker_settings.h"
+#include "platform/standin/mqtt_client_setup.h"
 #include "platform/standin/notification_payload.h"
-#include "publisher_settings.h"
 
 namespace doctor {
 namespace {
@@ -60,64 +56,6 @@ int runUntil(mosquitto* client, int milliseconds, Done done, int& error) {
   return MOSQ_ERR_SUCCESS;
 }
 
-std::string failureText(int result, int error) {
-  return result == MOSQ_ERR_ERRNO && error != 0 ? std::strerror(error) : mosquitto_strerror(result);
-}
-
-// The password from the first line of `path`; false with the reason in
-// `problem` when it cannot be read or others may read it.
-bool readPassword(const std::string& path, std::string& password, std::string& problem) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    problem = "broker_password_file " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  if ((status.st_mode & S_IROTH) != 0) {
-    problem = "broker_password_file " + path + " is readable by others";
-    return false;
-  }
-  std::ifstream in(path);
-  if (!in) {
-    problem = "broker_password_file " + path + " cannot be read";
-    return false;
-  }
-  std::getline(in, password);
-  if (!password.empty() && password.back() == '\r') password.pop_back();
-  return true;
-}
-
-// Applies TLS and credentials; false with the reason in `problem`.
-bool configureClient(mosquitto* client, const BrokerSecurity& settings, std::string& problem) {
-  if (settings.brokerTls) {
-    if (settings.brokerCertFile.empty() != settings.brokerKeyFile.empty()) {
-      problem = "only one of broker_cert_file and broker_key_file is set";
-      return false;
-    }
-    const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
-    const char* caPath = settings.brokerCaFile.empty() ? "/etc/ssl/certs" : nullptr;
-    int result = mosquitto_tls_set(client, orNull(settings.brokerCaFile), caPath, orNull(settings.brokerCertFile),
-                                   orNull(settings.brokerKeyFile), nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, 1, nullptr, nullptr);
-    if (result != MOSQ_ERR_SUCCESS) {
-      problem = "the broker's TLS files cannot be used: " + std::string(mosquitto_strerror(result));
-      return false;
-    }
-  }
-  if (!settings.brokerUser.empty()) {
-    std::string password;
-    if (!settings.brokerPasswordFile.empty() && !readPassword(settings.brokerPasswordFile, password, problem)) {
-      return false;
-    }
-    const int result = mosquitto_username_pw_set(client, settings.brokerUser.c_str(),
-                                                 settings.brokerPasswordFile.empty() ? nullptr : password.c_str());
-    if (result != MOSQ_ERR_SUCCESS) {
-      problem = "broker_user cannot be used: " + std::string(mosquitto_strerror(result));
-      return false;
-    }
-  }
-  return true;
-}
-
 std::string testAlertPayload(const Configuration& configuration) {
   NotificationEvent event;
   event.version = 1;
@@ -141,7 +79,7 @@ CheckResult publishTestAlert(mosquitto* client, Session& session, const Configur
     result = runUntil(client, kPublishMilliseconds, [&] { return session.publishedId == messageId; }, error);
   }
   if (result != MOSQ_ERR_SUCCESS) {
-    return failedResult(kAlertId, kAlertTitle, "publishing failed: " + failureText(result, error),
+    return failedResult(kAlertId, kAlertTitle, "publishing failed: " + standin::mosquittoErrorText(result, error),
                         "check that the broker lets this client publish to " + std::string(kTopic));
   }
   if (session.publishedId != messageId) {
@@ -152,14 +90,14 @@ CheckResult publishTestAlert(mosquitto* client, Session& session, const Configur
                   std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + kTopic);
 }
 
-std::string connectAction(int result, const BrokerSecurity& settings, const std::string& address) {
+std::string connectAction(int result, const standin::BrokerSettings& settings, const std::string& address) {
   if (result == MOSQ_ERR_TLS) {
     return "set broker_ca_file to the CA bundle that signed the broker's certificate and check that it names "
            "the broker's host, or set broker_tls to match the broker's listener";
   }
   if (result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NO_CONN) {
     return std::string("start the broker, or set broker to where it listens") +
-           (settings.brokerTls ? " with TLS" : " without TLS") + " (now " + address + ")";
+           (settings.tls ? " with TLS" : " without TLS") + " (now " + address + ")";
   }
   return "check broker, broker_tls and the broker's log";
 }
@@ -175,17 +113,14 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
     return results;
   };
   if (!configuration.namesMaster()) return finish(skippedResult(kId, kTitle, kNoMasterReason));
-  standin::BrokerAddress address;
+  standin::BrokerSettings settings;
   std::string problem;
-  if (!standin::readBrokerAddress(address, problem)) {
-    return finish(failedResult(kId, kTitle, problem, "set broker = <host>:<port> in " + configuration.path));
+  if (!standin::readBrokerSettings(settings, problem)) {
+    return finish(failedResult(kId, kTitle, problem, "correct the broker settings in " + configuration.path));
   }
+  const standin::BrokerAddress& address = settings.address;
   if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
     return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
-  }
-  BrokerSecurity settings;
-  if (!readBrokerSecurity(configuration.values, settings, problem)) {
-    return finish(failedResult(kId, kTitle, problem, "set broker_tls to on or off in " + configuration.path));
   }
   const std::string where = address.host + ":" + std::to_string(address.port);
 
@@ -201,7 +136,7 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   mosquitto_publish_callback_set(client.get(), [](mosquitto*, void* data, int messageId) {
     static_cast<Session*>(data)->publishedId = messageId;
   });
-  if (!configureClient(client.get(), settings, problem)) {
+  if (!standin::applyBrokerSettings(client.get(), settings, problem)) {
     return finish(failedResult(kId, kTitle, problem,
                                "correct the broker_* settings in " + configuration.path +
                                    "; the password file must not be readable by others (chmod o-rwx)"));
@@ -215,7 +150,7 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
     result = runUntil(client.get(), kConnectMilliseconds, [&] { return session.connack >= 0; }, error);
   }
   if (result != MOSQ_ERR_SUCCESS) {
-    return finish(failedResult(kId, kTitle, where + ": " + failureText(result, error),
+    return finish(failedResult(kId, kTitle, where + ": " + standin::mosquittoErrorText(result, error),
                                connectAction(result, settings, where)));
   }
   if (session.connack < 0) {
@@ -231,8 +166,8 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
                                              "password file and ACL"
                                            : "check the broker's log"));
   }
-  const std::string security = settings.brokerTls ? "over TLS" : "without TLS";
-  const std::string identity = settings.brokerUser.empty() ? "anonymous" : "as " + settings.brokerUser;
+  const std::string security = settings.tls ? "over TLS" : "without TLS";
+  const std::string identity = settings.user.empty() ? "anonymous" : "as " + settings.user;
   results.push_back(okResult(kId, kTitle, where + " accepted an MQTT connection " + security + ", " + identity));
   if (sendTestAlert) results.push_back(publishTestAlert(client.get(), session, configuration));
   mosquitto_disconnect(client.get());

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "checks.h"
-#include "publisher_settings.h"
+#include "platform/standin/outbox_settings.h"
 
 namespace doctor {
 namespace {
@@ -57,13 +57,14 @@ CheckResult checkOutbox(const Configuration& configuration) {
   const char kId[] = "outbox";
   const char kTitle[] = "alert outbox";
   if (configuration.readResult != 0) return skippedResult(kId, kTitle, "needs a readable configuration file");
-  const std::string outbox = outboxPath(configuration.values);
-  if (outbox == kNoOutbox) {
-    return okResult(kId, kTitle, "outbox = none: waiting alerts are kept in memory only");
+  std::string outbox;
+  std::string error;
+  if (!standin::readOutboxPath(outbox, error)) {
+    return warningResult(kId, kTitle, error,
+                         "set outbox to a file path, or to none to keep waiting alerts in memory only");
   }
   if (outbox.empty()) {
-    return warningResult(kId, kTitle, "outbox is set to nothing in " + configuration.path,
-                         "set outbox to a file path, or to none to keep waiting alerts in memory only");
+    return okResult(kId, kTitle, "outbox = none: waiting alerts are kept in memory only");
   }
   // SQLite writes its journal beside the file, so the directory must be writable too.
   bool inDirectory = false;

@@ -1,0 +1,60 @@
+#include "mqtt_client_setup.h"
+
+#include <mosquitto.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace standin {
+namespace {
+
+const char kSystemCaDirectory[] = "/etc/ssl/certs";
+const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
+
+bool readable(const std::string& path, const char* key, std::string& error) {
+  if (access(path.c_str(), R_OK) == 0) return true;
+  error = std::string("cannot read ") + key + " " + path + ": " + std::strerror(errno);
+  return false;
+}
+
+const char* fileOrNull(const std::string& path) { return path.empty() ? nullptr : path.c_str(); }
+
+}  // namespace
+
+std::string mosquittoErrorText(int result, int savedErrno) {
+  std::string text = result == MOSQ_ERR_ERRNO ? std::strerror(savedErrno) : mosquitto_strerror(result);
+  if (!text.empty() && text.back() == '.') text.pop_back();
+  return text;
+}
+
+bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, std::string& error) {
+  if (settings.tls) {
+    if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
+    if (!settings.certFile.empty() && (!readable(settings.certFile, "broker_cert_file", error) ||
+                                       !readable(settings.keyFile, "broker_key_file", error))) {
+      return false;
+    }
+    int result = mosquitto_tls_set(client, fileOrNull(settings.caFile),
+                                   settings.caFile.empty() ? kSystemCaDirectory : nullptr,
+                                   fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, nullptr, nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client, false);
+    if (result != MOSQ_ERR_SUCCESS) {
+      error = "cannot set up TLS: " + mosquittoErrorText(result, errno);
+      return false;
+    }
+  }
+  if (settings.user.empty()) return true;
+  std::string password;
+  if (!settings.passwordFile.empty() && !readBrokerPassword(settings.passwordFile, password, error)) return false;
+  const int result = mosquitto_username_pw_set(client, settings.user.c_str(),
+                                               settings.passwordFile.empty() ? nullptr : password.c_str());
+  if (result != MOSQ_ERR_SUCCESS) {
+    error = "cannot set the credentials: " + mosquittoErrorText(result, errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace standin
