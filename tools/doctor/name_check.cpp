@@ -1,12 +1,15 @@
 // The master's name through the C library's resolver, as every transport of
-// the library resolves it, bounded in time with an asynchronous lookup.
+// the library resolves it, bounded in time: the lookup runs on a thread of
+// its own, which a lookup that outlives its time leaves behind to end with
+// the process.
 #include <netdb.h>
 #include <sys/socket.h>
 
-#include <ctime>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <thread>
 
 #include "checks.h"
 
@@ -15,33 +18,16 @@ namespace {
 
 const char kId[] = "master-name";
 const char kTitle[] = "master's name";
-const long kLookupMilliseconds = 2000;
+const std::chrono::seconds kLookupTime(2);
 
-// One lookup; `request` points into the object, so it must not move while the
-// resolver works on it.
+// A lookup's outcome, shared by the check and the lookup's thread.
 struct Lookup {
-  std::string host;
-  addrinfo hints{};
-  gaicb request{};
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;    // guarded by mutex, as the two below
+  int error = 0;        // getaddrinfo's result
+  std::string address;  // the first address, numeric
 };
-
-// Lookups that outlived their time and could not be cancelled: the
-// resolver's thread still writes into them, so they live until the process
-// ends.
-std::mutex g_abandonedMutex;
-std::vector<std::unique_ptr<Lookup>> g_abandoned;
-
-timespec after(long milliseconds) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += milliseconds / 1000;
-  deadline.tv_nsec += (milliseconds % 1000) * 1000000;
-  if (deadline.tv_nsec >= 1000000000) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000;
-  }
-  return deadline;
-}
 
 std::string firstAddress(const addrinfo* addresses) {
   char text[NI_MAXHOST] = "";
@@ -52,51 +38,40 @@ std::string firstAddress(const addrinfo* addresses) {
   return text;
 }
 
+void resolve(const std::string& host, const std::shared_ptr<Lookup>& lookup) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* addresses = nullptr;
+  const int error = getaddrinfo(host.c_str(), nullptr, &hints, &addresses);
+  const std::string address = error == 0 ? firstAddress(addresses) : std::string();
+  if (addresses != nullptr) freeaddrinfo(addresses);
+  std::lock_guard<std::mutex> lock(lookup->mutex);
+  lookup->done = true;
+  lookup->error = error;
+  lookup->address = address;
+  lookup->finished.notify_all();
+}
+
 }  // namespace
 
 CheckResult checkMasterName(const Configuration& configuration, bool& resolves) {
   resolves = false;
   if (!configuration.namesMaster()) return skippedResult(kId, kTitle, kNoMasterReason);
 
-  std::unique_ptr<Lookup> lookup(new Lookup);
-  lookup->host = configuration.master();
-  lookup->hints.ai_socktype = SOCK_STREAM;
-  lookup->request.ar_name = lookup->host.c_str();
-  lookup->request.ar_request = &lookup->hints;
-  gaicb* requests[] = {&lookup->request};
-  int error = getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr);
-  if (error == 0) {
-    const timespec deadline = after(kLookupMilliseconds);
-    while (gai_error(&lookup->request) == EAI_INPROGRESS) {
-      timespec now{};
-      clock_gettime(CLOCK_REALTIME, &now);
-      long left = (deadline.tv_sec - now.tv_sec) * 1000 + (deadline.tv_nsec - now.tv_nsec) / 1000000;
-      if (left <= 0) break;
-      const timespec wait = {left / 1000, (left % 1000) * 1000000};
-      const gaicb* const waiting[] = {&lookup->request};
-      gai_suspend(waiting, 1, &wait);
-    }
-    error = gai_error(&lookup->request);
-  }
-  if (error == EAI_INPROGRESS) {
-    if (gai_cancel(&lookup->request) == EAI_NOTCANCELED) {
-      std::lock_guard<std::mutex> lock(g_abandonedMutex);
-      g_abandoned.push_back(std::move(lookup));
-    } else if (lookup->request.ar_result != nullptr) {
-      freeaddrinfo(lookup->request.ar_result);  // finished just before the cancel
-    }
+  const auto lookup = std::make_shared<Lookup>();
+  std::thread(resolve, configuration.master(), lookup).detach();
+  std::unique_lock<std::mutex> lock(lookup->mutex);
+  if (!lookup->finished.wait_for(lock, kLookupTime, [&] { return lookup->done; })) {
     return failedResult(kId, kTitle, configuration.master() + " did not resolve within 2 s",
                         "check that the name servers of /etc/resolv.conf answer from this host");
   }
-  if (error != 0) {
-    return failedResult(kId, kTitle, configuration.master() + " does not resolve: " + gai_strerror(error),
+  if (lookup->error != 0) {
+    return failedResult(kId, kTitle, configuration.master() + " does not resolve: " + gai_strerror(lookup->error),
                         "correct the server line of " + configuration.path +
                             ", or make the name known to DNS or /etc/hosts");
   }
-  const std::string address = firstAddress(lookup->request.ar_result);
-  freeaddrinfo(lookup->request.ar_result);
   resolves = true;
-  return okResult(kId, kTitle, configuration.master() + " resolves to " + address);
+  return okResult(kId, kTitle, configuration.master() + " resolves to " + lookup->address);
 }
 
 }  // namespace doctor
