@@ -18,7 +18,6 @@ class Share {
     curl_share_setopt(handle_, CURLSHOPT_LOCKFUNC, &Share::lock);
     curl_share_setopt(handle_, CURLSHOPT_UNLOCKFUNC, &Share::unlock);
     curl_share_setopt(handle_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
@@ -108,23 +107,6 @@ long httpTimeoutSeconds(const ConfigValues& values) {
   const long seconds = std::strtol(text.c_str(), &end, 10);
   const bool valid = !text.empty() && errno == 0 && *end == '\0' && seconds > 0 && seconds <= INT_MAX / 1000;
   return valid ? seconds : kDefaultSeconds;
-}
-
-size_t appendToBody(char* data, size_t size, size_t count, void* body) {
-  try {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-  } catch (...) {
-    return 0;
-  }
-}
-
-bool appendHeader(HeaderList& headers, const std::string& line) {
-  curl_slist* extended = curl_slist_append(headers.get(), line.c_str());
-  if (extended == nullptr) return false;
-  headers.release();  // `extended` is the same list, grown
-  headers.reset(extended);
-  return true;
 }
 
 }  // namespace standin
