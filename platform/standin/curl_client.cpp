@@ -1,6 +1,6 @@
 // KSClientCURL over libcurl. Requests go to `rest_url` from the master
-// configuration file, or to https://<host>:<port>, followed by "/" and the
-// request path. The only header the client adds is the Accept media type
+// configuration file as it stands when the client is made, or to
+// https://<host>:<port>, followed by "/" and the request path. The only header the client adds is the Accept media type
 // (and Content-Type on a POST); a failed exchange is code 0, an empty body
 // and one level-16 log line, never an exception.
 #include <curl/curl.h>
@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "config_file.h"
 #include "curl_exchange.h"
+#include "http_settings.h"
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
 #include "service_url.h"
@@ -69,13 +69,10 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlS
                            const bool&, const std::string&, int)
     : m_responseCode(0), m_state(nullptr) {
   std::unique_ptr<State> state(new State);
-  // A missing or unreadable file leaves every setting at its default.
-  standin::ConfigValues config;
-  standin::readConfigFile(config);
-  standin::serviceBaseUrl(config, "rest_url", "https://" + standin::hostAndPort(host, port), state->baseUrl,
-                          state->urlProblem);
-  state->settings.caFile = standin::setting(config, "ca_file", "");
-  state->settings.timeoutSeconds = standin::httpTimeoutSeconds(config);
+  standin::HttpSettings settings = standin::currentHttpSettings();
+  standin::serviceBaseUrl("rest_url", settings.restUrl, "https://" + standin::hostAndPort(host, port),
+                          state->baseUrl, state->urlProblem);
+  state->settings = std::move(settings.curl);
   m_state = state.release();
 }
 

@@ -3,20 +3,6 @@
 #include "platform/ksu_log.h"
 
 namespace standin {
-namespace {
-
-// Nothing may unwind through libcurl: a failed append returns a short count,
-// which makes the transfer fail instead.
-size_t appendToBody(char* data, size_t size, size_t count, void* body) {
-  try {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-  } catch (...) {
-    return 0;
-  }
-}
-
-}  // namespace
 
 CurlExchange::CurlExchange() : error_{} {}
 
@@ -36,23 +22,16 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   responseCode_ = 0;
   body_.clear();
   error_[0] = '\0';
-  CURLSH* share = curlShare();  // also initialises libcurl
   if (easy_ == nullptr) easy_.reset(takeEasyHandle());
 
   CURLcode result = CURLE_FAILED_INIT;
   if (easy_ != nullptr) {
     CURL* easy = easy_.get();
-    if (share != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, share);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error_);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, settings.timeoutSeconds);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers_.get());
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &body_);
     if (postBody != nullptr) {
       postBody_ = *postBody;

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace standin {
@@ -79,18 +80,42 @@ Share& share() {
   return instance;
 }
 
+// Nothing may unwind through libcurl: a failed append returns a short count,
+// which makes the transfer fail instead.
+size_t appendToBody(char* data, size_t size, size_t count, void* body) {
+  try {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+  } catch (...) {
+    return 0;
+  }
+}
+
 }  // namespace
 
 CURLSH* curlShare() { return share().handle(); }
 
 CURL* takeEasyHandle() {
-  CURL* easy = share().takeIdle();
-  return easy != nullptr ? easy : curl_easy_init();
+  Share& shared = share();  // also initialises libcurl
+  CURL* easy = shared.takeIdle();
+  if (easy != nullptr) return easy;
+  easy = curl_easy_init();
+  if (easy == nullptr) return nullptr;
+  if (shared.handle() != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, shared.handle());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToBody);
+  return easy;
 }
 
 void giveBackEasyHandle(CURL* easy) {
   if (easy == nullptr) return;
-  curl_easy_reset(easy);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, nullptr);
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
   try {
     if (share().keepIdle(easy)) return;
   } catch (...) {

@@ -27,15 +27,23 @@ namespace standin {
 // when libcurl could not provide one (the easy handles then work unshared).
 CURLSH* curlShare();
 
-// An easy handle with libcurl's default options: the one given back last,
-// else a new one; null when libcurl cannot make one. Reusing a handle saves
-// more than its allocation: libcurl keeps, per handle, its open connections
-// and the multi handle and wake-up socket pair that curl_easy_perform sets
-// up, which cost more than an exchange over an open loopback connection.
+// An easy handle: the one given back last, else a new one; null when libcurl
+// cannot make one. Reusing a handle saves more than its allocation: libcurl
+// keeps, per handle, its open connections and the multi handle and wake-up
+// socket pair that curl_easy_perform sets up, which cost more than an
+// exchange over an open loopback connection.
+//
+// Besides libcurl's defaults a handle holds, from its making on, the options
+// that every request of the stand-ins shares: the share handle, http and
+// https only, no signals, peer and host verified, and the answer's body
+// appended to the std::string that CURLOPT_WRITEDATA names. Every other
+// option a request sets it sets each time, as a previous request may have
+// set it otherwise.
 CURL* takeEasyHandle();
-// Resets `easy` (dropping every pointer it was given; its connections stay
-// open) and keeps it for a later takeEasyHandle(), or cleans it up when
-// enough are kept already. Null is ignored.
+// Drops the pointers a request gave `easy` (error buffer, header list, write
+// target, request body) and keeps it, open connections included, for a
+// later takeEasyHandle(), or cleans it up when enough are kept already. Null
+// is ignored.
 void giveBackEasyHandle(CURL* easy);
 
 // Seconds from the "http_timeout" setting when it is a positive whole

@@ -21,7 +21,11 @@ std::string hostAndPort(const std::string& host, int port) { return urlHost(host
 
 bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback,
                     std::string& url, std::string& problem) {
-  const std::string configured = setting(values, key, "");
+  return serviceBaseUrl(key, setting(values, key, ""), fallback, url, problem);
+}
+
+bool serviceBaseUrl(const std::string& key, const std::string& configured, const std::string& fallback,
+                    std::string& url, std::string& problem) {
   if (configured.empty()) {
     url = fallback;
     return true;

@@ -23,6 +23,10 @@ std::string hostAndPort(const std::string& host, int port);
 // and what to do, naming the key and the file.
 bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback,
                     std::string& url, std::string& problem);
+// The same for `configured`, the value of `key` already read (empty when
+// absent).
+bool serviceBaseUrl(const std::string& key, const std::string& configured, const std::string& fallback,
+                    std::string& url, std::string& problem);
 
 }  // namespace standin
 
