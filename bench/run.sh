@@ -39,4 +39,14 @@ for operation in evict alert; do
     >"$results/callgrind.$operation.txt" 2>&1 || { cat "$results/callgrind.$operation.txt" >&2; exit 1; }
 done
 
+# Instructions per polled job: one poll of every job (after a first one that
+# opened the connection), counted on the polling thread only.
+for contender in library curl-parse curl; do
+  echo "bench: callgrind, polling, $contender" >&2
+  valgrind --tool=callgrind --toggle-collect='*measuredPolls*' \
+    --callgrind-out-file="$results/callgrind.poll-$contender.out" \
+    "$bin/kscdp_job_polling_bench" --count "$contender" \
+    >"$results/callgrind.poll-$contender.txt" 2>&1 || { cat "$results/callgrind.poll-$contender.txt" >&2; exit 1; }
+done
+
 python3 "$here/summary.py" "$results" "$callgrind_operations"

@@ -1,13 +1,13 @@
 #include "services/JobServiceImpl.h"
 
 #include <jansson.h>
+#include <time.h>
 
 #include <boost/make_shared.hpp>
 #include <cstdint>
 #include <sstream>
 
 #include "platform/ksu_log.h"
-#include "platform/pause.h"
 #include "services/JsonReference.h"
 #include "services/KSServiceException.h"
 #include "services/ServiceCodes.h"
@@ -59,7 +59,7 @@ int JobServiceImpl::handleRequest(ServiceData* data) {
       m_curlWrapper->makeRequest(request, response);
       if (response.statusCode != JOB_NOT_KNOWN_YET) break;
       ++notKnownAnswers;
-      ks_nanosleep(&PAUSE_AFTER_NOT_KNOWN, nullptr);
+      nanosleep(&PAUSE_AFTER_NOT_KNOWN, nullptr);
       if (notKnownAnswers == MAX_NOT_KNOWN_ANSWERS) break;
     }
   } catch (const KSCurlWrapperException& e) {

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "config_file.h"
+#include "service_url.h"
 
 namespace standin {
 namespace {
@@ -55,8 +56,7 @@ bool readBrokerAddress(BrokerAddress& address, std::string& error) {
       error = configFilePath() + " names neither a broker nor a master server";
       return false;
     }
-    const std::string& master = config.servers[0];
-    text = (master.find(':') != std::string::npos ? "[" + master + "]" : master) + ":" + std::to_string(kDefaultPort);
+    text = hostAndPort(config.servers[0], kDefaultPort);
   }
   if (!parseBrokerAddress(text, address)) {
     error = "broker \"" + text + "\" in " + configFilePath() + " is not host:port";

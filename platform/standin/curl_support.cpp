@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace standin {
@@ -18,7 +19,6 @@ class Share {
     curl_share_setopt(handle_, CURLSHOPT_LOCKFUNC, &Share::lock);
     curl_share_setopt(handle_, CURLSHOPT_UNLOCKFUNC, &Share::unlock);
     curl_share_setopt(handle_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
@@ -80,18 +80,42 @@ Share& share() {
   return instance;
 }
 
+// Nothing may unwind through libcurl: a failed append returns a short count,
+// which makes the transfer fail instead.
+size_t appendToBody(char* data, size_t size, size_t count, void* body) {
+  try {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+  } catch (...) {
+    return 0;
+  }
+}
+
 }  // namespace
 
 CURLSH* curlShare() { return share().handle(); }
 
 CURL* takeEasyHandle() {
-  CURL* easy = share().takeIdle();
-  return easy != nullptr ? easy : curl_easy_init();
+  Share& shared = share();  // also initialises libcurl
+  CURL* easy = shared.takeIdle();
+  if (easy != nullptr) return easy;
+  easy = curl_easy_init();
+  if (easy == nullptr) return nullptr;
+  if (shared.handle() != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, shared.handle());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToBody);
+  return easy;
 }
 
 void giveBackEasyHandle(CURL* easy) {
   if (easy == nullptr) return;
-  curl_easy_reset(easy);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, nullptr);
+  curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
   try {
     if (share().keepIdle(easy)) return;
   } catch (...) {
@@ -108,23 +132,6 @@ long httpTimeoutSeconds(const ConfigValues& values) {
   const long seconds = std::strtol(text.c_str(), &end, 10);
   const bool valid = !text.empty() && errno == 0 && *end == '\0' && seconds > 0 && seconds <= INT_MAX / 1000;
   return valid ? seconds : kDefaultSeconds;
-}
-
-size_t appendToBody(char* data, size_t size, size_t count, void* body) {
-  try {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-  } catch (...) {
-    return 0;
-  }
-}
-
-bool appendHeader(HeaderList& headers, const std::string& line) {
-  curl_slist* extended = curl_slist_append(headers.get(), line.c_str());
-  if (extended == nullptr) return false;
-  headers.release();  // `extended` is the same list, grown
-  headers.reset(extended);
-  return true;
 }
 
 }  // namespace standin

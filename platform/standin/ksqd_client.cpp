@@ -3,9 +3,14 @@
 //
 // Results: 0 with a malloc'ed copy of a 2xx body as the answer; for any other
 // status the daemon's X-Ksqd-Status (when present and non-zero) or else the
-// HTTP status; the negated libcurl error when no answer came at all; EINVAL for
+// HTTP status; the negated libcurl error when no answer came at all (-1, an
+// unsupported protocol, when "ksqd_url" is not http or https); EINVAL for
 // unusable arguments and ENOMEM when memory ran out. Only a 0 result touches
 // the caller's answer pointer.
+//
+// A request is sent at most once: on a connection of its own, since libcurl
+// would send it again on a new one when a kept-alive connection turned out
+// dead after taking it, and the daemon would start the same backup twice.
 #include <curl/curl.h>
 
 #include <cerrno>
@@ -17,7 +22,7 @@
 #include <string>
 
 #include "config_file.h"
-#include "curl_support.h"
+#include "curl_exchange.h"
 #include "ksqd_url.h"
 #include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
@@ -26,80 +31,55 @@ namespace {
 
 const char kFunction[] = "invoke_ksqd_cct_request";
 
-// An easy handle from the stand-ins' pool, given back when the request ends.
-struct CurlEasyDeleter {
-  void operator()(CURL* easy) const { standin::giveBackEasyHandle(easy); }
-};
-using CurlEasy = std::unique_ptr<CURL, CurlEasyDeleter>;
-
-void addHeader(standin::HeaderList& list, const std::string& header) {
-  if (!standin::appendHeader(list, header)) throw std::bad_alloc();
+void addHeader(standin::CurlExchange& exchange, const std::string& header) {
+  if (!exchange.addHeader(header)) throw std::bad_alloc();
 }
 
 // The daemon's own failure code from X-Ksqd-Status, or 0 when it gives none
 // or gives something that is not an int.
-int ksqdStatus(CURL* easy) {
-  curl_header* header = nullptr;
-  if (curl_easy_header(easy, "X-Ksqd-Status", 0, CURLH_HEADER, -1, &header) != CURLHE_OK) return 0;
+int ksqdStatus(const standin::CurlExchange& exchange) {
+  std::string value;
+  if (!exchange.header("X-Ksqd-Status", value)) return 0;
   char* end = nullptr;
   errno = 0;
-  const long status = std::strtol(header->value, &end, 10);
-  if (errno != 0 || end == header->value || *end != '\0' || status < INT_MIN || status > INT_MAX) return 0;
+  const long status = std::strtol(value.c_str(), &end, 10);
+  if (errno != 0 || end == value.c_str() || *end != '\0' || status < INT_MIN || status > INT_MAX) return 0;
   return static_cast<int>(status);
-}
-
-int transportFailure(const std::string& url, CURLcode code, const char* detail) {
-  ksu_logmsg_str(16, kFunction,
-                 "POST " + url + " failed: " + (*detail != '\0' ? detail : curl_easy_strerror(code)) +
-                     " (libcurl error " + std::to_string(code) + ")");
-  return -static_cast<int>(code);
 }
 
 int submit(const std::string& masterServer, int kind, const char* request, char** answer) {
   // A missing or unreadable file leaves every stand-in setting at its default.
   standin::ConfigValues config;
   standin::readConfigFile(config);
-  const std::string url = standin::ksqdRequestUrl(config, masterServer, kind);
-  const std::string caFile = standin::setting(config, "ca_file", "");
+  std::string url;
+  std::string problem;
+  if (!standin::ksqdRequestUrl(config, masterServer, kind, url, problem)) {
+    ksu_logmsg_str(16, kFunction, problem);
+    return -static_cast<int>(CURLE_UNSUPPORTED_PROTOCOL);
+  }
+  standin::CurlSettings settings;
+  settings.caFile = standin::setting(config, "ca_file", "");
+  settings.timeoutSeconds = standin::httpTimeoutSeconds(config);
 
-  CURLSH* share = standin::curlShare();  // also initialises libcurl
-  const CurlEasy easy(standin::takeEasyHandle());
-  if (easy == nullptr) return transportFailure(url, CURLE_FAILED_INIT, "");
-
-  standin::HeaderList headers;
-  addHeader(headers, "Content-Type: application/json");
+  standin::CurlExchange exchange;
+  addHeader(exchange, "Content-Type: application/json");
   // "Name;" is libcurl's way of sending a header with an empty value.
-  addHeader(headers, masterServer.empty() ? "X-Keepstone-Master;" : "X-Keepstone-Master: " + masterServer);
-  addHeader(headers, "Expect:");
+  addHeader(exchange, masterServer.empty() ? "X-Keepstone-Master;" : "X-Keepstone-Master: " + masterServer);
+  addHeader(exchange, "Expect:");
 
-  std::string body;
-  char detail[CURL_ERROR_SIZE] = "";
-  CURL* handle = easy.get();
-  if (share != nullptr) curl_easy_setopt(handle, CURLOPT_SHARE, share);
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(handle, CURLOPT_POST, 1L);
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request);
-  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(std::strlen(request)));
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, standin::appendToBody);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, detail);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, standin::httpTimeoutSeconds(config));
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  if (!caFile.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, caFile.c_str());
+  const std::string body(request);
+  const CURLcode sent = exchange.perform(kFunction, url, &body, settings);
+  if (sent != CURLE_OK) return -static_cast<int>(sent);
 
-  const CURLcode sent = curl_easy_perform(handle);
-  if (sent != CURLE_OK) return transportFailure(url, sent, detail);
-
-  long status = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  const long status = exchange.responseCode();
   if (status < 200 || status > 299) {
-    const int daemonStatus = ksqdStatus(handle);
+    const int daemonStatus = ksqdStatus(exchange);
     return daemonStatus != 0 ? daemonStatus : static_cast<int>(status);
   }
-  auto* copy = static_cast<char*>(std::malloc(body.size() + 1));
+  const std::string& answerText = exchange.body();
+  auto* copy = static_cast<char*>(std::malloc(answerText.size() + 1));
   if (copy == nullptr) throw std::bad_alloc();
-  std::memcpy(copy, body.c_str(), body.size() + 1);
+  std::memcpy(copy, answerText.c_str(), answerText.size() + 1);
   *answer = copy;
   return 0;
 }

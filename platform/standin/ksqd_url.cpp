@@ -1,15 +1,19 @@
 #include "ksqd_url.h"
 
+#include "service_url.h"
+
 namespace standin {
 
-std::string ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind) {
-  std::string base = setting(values, "ksqd_url", "");
-  while (!base.empty() && base.back() == '/') base.pop_back();
-  if (base.empty()) {
-    const bool ipv6 = masterServer.find(':') != std::string::npos;
-    base = "http://" + (ipv6 ? "[" + masterServer + "]" : masterServer) + ":8557";
+bool ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind, std::string& url,
+                    std::string& problem) {
+  const int kDefaultPort = 8557;
+  std::string base;
+  if (!serviceBaseUrl(values, "ksqd_url", "http://" + hostAndPort(masterServer, kDefaultPort), base, problem)) {
+    return false;
   }
-  return base + "/ksqd/" + std::to_string(kind);
+  while (!base.empty() && base.back() == '/') base.pop_back();
+  url = base + "/ksqd/" + std::to_string(kind);
+  return true;
 }
 
 }  // namespace standin

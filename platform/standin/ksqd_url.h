@@ -9,9 +9,11 @@
 namespace standin {
 
 // "<ksqd_url>/ksqd/<kind>". Without a (non-empty) "ksqd_url" setting the base
-// is http://<masterServer>:8557, an IPv6 address in brackets. Slashes at the
-// end of "ksqd_url" are dropped.
-std::string ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind);
+// is http://<masterServer>:8557, a bare IPv6 address in brackets. Slashes at
+// the end of "ksqd_url" are dropped. False, with `problem` set, when
+// "ksqd_url" is not an http or https URL.
+bool ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind, std::string& url,
+                    std::string& problem);
 
 }  // namespace standin
 

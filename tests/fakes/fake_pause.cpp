@@ -1,7 +1,5 @@
 #include "fake_pause.h"
 
-#include "platform/pause.h"
-
 namespace fake {
 namespace {
 std::vector<timespec> g_pauses;
@@ -12,7 +10,8 @@ void resetPauses() { g_pauses.clear(); }
 
 }  // namespace fake
 
-extern "C" int ks_nanosleep(const struct timespec* request, struct timespec* /*remaining*/) {
+// What the library's objects call instead of nanosleep (see fake_pause.h).
+extern "C" int __wrap_nanosleep(const struct timespec* request, struct timespec* /*remaining*/) {
   if (request != nullptr) fake::g_pauses.push_back(*request);
   return 0;
 }

@@ -65,7 +65,12 @@ int connectWithin(const UrlParts& where, std::string& resolveError) {
 
 CheckResult checkRequestDaemon(const Configuration& configuration, bool masterResolves) {
   if (!configuration.namesMaster()) return skippedResult(kId, kTitle, kNoMasterReason);
-  const std::string url = standin::ksqdRequestUrl(configuration.values, configuration.master(), 0);
+  std::string url;
+  std::string problem;
+  if (!standin::ksqdRequestUrl(configuration.values, configuration.master(), 0, url, problem)) {
+    return failedResult(kId, kTitle, problem,
+                        "set ksqd_url in " + configuration.path + " to the base URL of the request daemon");
+  }
   UrlParts where;
   if (!splitUrl(url, where)) {
     return failedResult(kId, kTitle, "\"" + url + "\" is not an http or https URL",

@@ -7,6 +7,7 @@
 
 #include "checks.h"
 #include "platform/standin/curl_support.h"
+#include "platform/standin/service_url.h"
 #include "url_parts.h"
 
 namespace doctor {
@@ -25,11 +26,17 @@ struct EasyRelease {
 };
 
 // The library's rule: "rest_url" when present, else https://<master>:1556.
-std::string restBaseUrl(const Configuration& configuration) {
-  const std::string master = configuration.master();
-  const bool bareIpv6 = master.find(':') != std::string::npos && master[0] != '[';
-  return standin::setting(configuration.values, "rest_url",
-                          "https://" + (bareIpv6 ? "[" + master + "]" : master) + ":1556");
+const int kRestPort = 1556;
+
+// libcurl's write callback: the answer's body into the std::string at
+// `body`. Nothing unwinds through libcurl: no memory ends the transfer.
+size_t keepBody(char* data, size_t size, size_t count, void* body) {
+  try {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+  } catch (...) {
+    return 0;
+  }
 }
 
 bool isJsonDocument(const std::string& body) {
@@ -63,7 +70,14 @@ std::string transportAction(CURLcode result, const UrlParts& where, bool connect
 
 CheckResult checkRestInterface(const Configuration& configuration, bool masterResolves) {
   if (!configuration.namesMaster()) return skippedResult(kId, kTitle, kNoMasterReason);
-  const std::string url = restBaseUrl(configuration) + kJobsPath;
+  std::string base;
+  std::string problem;
+  if (!standin::serviceBaseUrl(configuration.values, "rest_url",
+                               "https://" + standin::hostAndPort(configuration.master(), kRestPort), base, problem)) {
+    return failedResult(kId, kTitle, problem,
+                        "set rest_url in " + configuration.path + " to the base URL of the master's REST interface");
+  }
+  const std::string url = base + kJobsPath;
   UrlParts where;
   if (!splitUrl(url, where)) {
     return failedResult(kId, kTitle, "\"" + url + "\" is not an http or https URL",
@@ -74,8 +88,8 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   }
 
   std::unique_ptr<CURL, EasyRelease> easy(curl_easy_init());
-  standin::HeaderList headers;
-  if (easy == nullptr || !standin::appendHeader(headers, std::string("Accept: ") + kMediaType)) {
+  const standin::HeaderList headers(curl_slist_append(nullptr, (std::string("Accept: ") + kMediaType).c_str()));
+  if (easy == nullptr || headers == nullptr) {
     return failedResult(kId, kTitle, "libcurl could not set up a request", "free some memory and run again");
   }
   std::string body;
@@ -91,7 +105,7 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   if (!caFile.empty()) curl_easy_setopt(easy.get(), CURLOPT_CAINFO, caFile.c_str());
   curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
   curl_easy_setopt(easy.get(), CURLOPT_ERRORBUFFER, error);
-  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &standin::appendToBody);
+  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &keepBody);
   curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
   const CURLcode result = curl_easy_perform(easy.get());
 

@@ -1,0 +1,70 @@
+// One HTTP exchange of a stand-in over a pooled libcurl handle: the request
+// path that the HTTP client and the request-daemon client share.
+#ifndef KSCDP_PLATFORM_STANDIN_CURL_EXCHANGE_H_
+#define KSCDP_PLATFORM_STANDIN_CURL_EXCHANGE_H_
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+
+#include "curl_support.h"
+
+namespace standin {
+
+struct CurlSettings {
+  long timeoutSeconds = 30;
+  std::string caFile;  // empty: the system's CA bundle
+};
+
+// Owns, while it lives, an easy handle and everything the handle points at
+// (header list, request body, error buffer, answer body); the handle goes
+// back to the pool, reset, before any of them is released. One thread at a
+// time.
+class CurlExchange {
+ public:
+  CurlExchange();
+  ~CurlExchange();
+  CurlExchange(const CurlExchange&) = delete;
+  CurlExchange& operator=(const CurlExchange&) = delete;
+
+  // Adds a "Name: value" request line (libcurl's forms: "Name:" drops a
+  // header libcurl would send, "Name;" sends it empty). False when memory ran
+  // out.
+  bool addHeader(const std::string& line);
+
+  // Performs the exchange once: a POST of `*postBody` when given, else a
+  // GET, over http or https only, with the peer and host verified. A POST is
+  // sent on a connection of its own, so that libcurl never sends it a second
+  // time when a kept-alive connection turns out dead. CURLE_OK when an
+  // answer came; otherwise one level-16 log line under `function` names the
+  // method, the URL and the error.
+  CURLcode perform(const char* function, const std::string& url, const std::string* postBody,
+                   const CurlSettings& settings);
+
+  // The last answer's status code and body (0 and empty without an answer).
+  long responseCode() const { return responseCode_; }
+  std::string& body() { return body_; }
+
+  // The value of the last answer's header `name` (any case); false when it
+  // has none or no answer came.
+  bool header(const char* name, std::string& value) const;
+
+ private:
+  struct HandleRelease {
+    void operator()(CURL* easy) const { giveBackEasyHandle(easy); }
+  };
+
+  HeaderList headers_;
+  std::string postBody_;
+  char error_[CURL_ERROR_SIZE];
+  std::string body_;
+  long responseCode_ = 0;
+  bool answered_ = false;
+  // Last, so that it is given back before the members above that it points at.
+  std::unique_ptr<CURL, HandleRelease> easy_;
+};
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_CURL_EXCHANGE_H_
