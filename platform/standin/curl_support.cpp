@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "port/mutex.h"
+
 namespace standin {
 namespace {
 
@@ -37,7 +39,7 @@ class Share {
   CURLSH* handle() const { return handle_; }
 
   CURL* takeIdle() {
-    std::lock_guard<std::mutex> lock(idleMutex_);
+    port::MutexLock lock(idleMutex_);
     if (idle_.empty()) return nullptr;
     CURL* easy = idle_.back();
     idle_.pop_back();
@@ -46,7 +48,7 @@ class Share {
 
   // False when enough handles are kept already.
   bool keepIdle(CURL* easy) {
-    std::lock_guard<std::mutex> lock(idleMutex_);
+    port::MutexLock lock(idleMutex_);
     if (idle_.size() >= kMaxIdle) return false;
     idle_.push_back(easy);
     return true;
@@ -70,9 +72,10 @@ class Share {
   static const size_t kMaxIdle = 8;
 
   CURLSH* handle_ = nullptr;
-  std::mutex mutexes_[CURL_LOCK_DATA_LAST];  // one per kind of shared data
-  std::mutex idleMutex_;
-  std::vector<CURL*> idle_;  // guarded by idleMutex_; reset, waiting for reuse
+  // One per kind of shared data, taken and released by libcurl itself.
+  std::mutex mutexes_[CURL_LOCK_DATA_LAST];
+  port::Mutex idleMutex_;
+  std::vector<CURL*> idle_ GUARDED_BY(idleMutex_);  // reset, waiting for reuse
 };
 
 Share& share() {

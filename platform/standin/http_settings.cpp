@@ -2,9 +2,8 @@
 
 #include <sys/stat.h>
 
-#include <mutex>
-
 #include "config_file.h"
+#include "port/mutex.h"
 
 namespace standin {
 namespace {
@@ -44,10 +43,10 @@ HttpSettings parseHttpSettings() {
   return settings;
 }
 
-std::mutex g_mutex;
-bool g_known = false;     // guarded by g_mutex: g_settings hold what g_identity's file said
-FileIdentity g_identity;  // guarded by g_mutex
-HttpSettings g_settings;  // guarded by g_mutex
+port::Mutex g_mutex;
+bool g_known GUARDED_BY(g_mutex) = false;  // g_settings hold what g_identity's file said
+FileIdentity g_identity GUARDED_BY(g_mutex);
+HttpSettings g_settings GUARDED_BY(g_mutex);
 
 }  // namespace
 
@@ -55,13 +54,13 @@ HttpSettings currentHttpSettings() {
   FileIdentity identity;
   if (!identify(identity)) return parseHttpSettings();
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
+    port::MutexLock lock(g_mutex);
     if (g_known && identity == g_identity) return g_settings;
   }
   // Parsed outside the lock; a file changed since stat() is seen by the next
   // request, whose stat() differs again.
   HttpSettings settings = parseHttpSettings();
-  std::lock_guard<std::mutex> lock(g_mutex);
+  port::MutexLock lock(g_mutex);
   g_identity = identity;
   g_settings = settings;
   g_known = true;
