@@ -78,44 +78,59 @@ FILE* sink() REQUIRES(g_mutex) {
   return g_sink.file;
 }
 
-// Backslash and control bytes are escaped so that a record stays one line.
+// Backslash and control bytes are escaped so that a record stays one line;
+// the runs of bytes between them are copied whole.
 void appendEscaped(std::string& out, const std::string& message) {
   static const char kHex[] = "0123456789abcdef";
-  for (const char c : message) {
-    const auto byte = static_cast<unsigned char>(c);
-    switch (c) {
+  size_t copied = 0;
+  for (size_t i = 0; i < message.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(message[i]);
+    if (byte >= 0x20 && byte != '\\') continue;
+    out.append(message, copied, i - copied);
+    copied = i + 1;
+    switch (byte) {
       case '\\': out += "\\\\"; break;
       case '\n': out += "\\n"; break;
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (byte < 0x20) {
-          out += "\\x";
-          out += kHex[byte >> 4];
-          out += kHex[byte & 0xf];
-        } else {
-          out += c;
-        }
+        out += "\\x";
+        out += kHex[byte >> 4];
+        out += kHex[byte & 0xf];
     }
   }
+  out.append(message, copied, std::string::npos);
 }
 
-std::string timestamp() {
+// Appends now as "YYYY-MM-DDTHH:MM:SS.mmmZ" (UTC). Each thread formats the
+// part up to the seconds once a second, not once a record.
+void appendTimestamp(std::string& out) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  tm utc{};
-  gmtime_r(&now.tv_sec, &utc);
-  char text[64];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", utc.tm_year + 1900,
-                utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                now.tv_nsec / 1000000);
-  return text;
+  thread_local time_t formattedSecond = -1;
+  thread_local char upToSeconds[64] = "";
+  if (now.tv_sec != formattedSecond) {
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    std::snprintf(upToSeconds, sizeof upToSeconds, "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    formattedSecond = now.tv_sec;
+  }
+  const long milliseconds = now.tv_nsec / 1000000;
+  out += upToSeconds;
+  out += '.';
+  out += static_cast<char>('0' + milliseconds / 100);
+  out += static_cast<char>('0' + milliseconds / 10 % 10);
+  out += static_cast<char>('0' + milliseconds % 10);
+  out += 'Z';
 }
 
 }  // namespace
 
 int ksu_logmsg_str(int level, const std::string& function, const std::string& message) {
-  std::string line = timestamp();
+  std::string line;
+  line.reserve(64 + function.size() + message.size());
+  appendTimestamp(line);
   line += ' ';
   line += std::to_string(getpid());
   line += ' ';
