@@ -19,6 +19,10 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${KSCDP_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The doctor links the platform library of libkscdp1, which no installed
+# package provides while the packages are made: dpkg-shlibdeps finds it in
+# the build tree, and the tools' own Depends on libkscdp1 names it.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -58,9 +62,11 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "Keepstone CDP backup engine library - tools
 libkscdp is the library that a continuous-data-protection backup engine
 loads to reach the master server of its Keepstone backup domain.
 .
-This package holds the programs that go with it: kscdp-master-sim, a
-simulated master server (REST jobs interface and request daemon) for tests
-and demonstrations, and kscdp-engine-sim, which loads libkscdp.so.1 and
-drives it the way the backup engine does.")
+This package holds the programs that go with it: kscdp-doctor, which checks
+whether this host can reach its master (configuration, name, REST interface,
+request daemon, broker, log and outbox) and says what to do about a broken
+link; kscdp-master-sim, a simulated master server (REST jobs interface and
+request daemon) for tests and demonstrations; and kscdp-engine-sim, which
+loads libkscdp.so.1 and drives it the way the backup engine does.")
 
 include(CPack)
