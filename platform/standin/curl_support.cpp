@@ -83,8 +83,8 @@ Share& share() {
   return instance;
 }
 
-// Nothing may unwind through libcurl: a failed append returns a short count,
-// which makes the transfer fail instead.
+}  // namespace
+
 size_t appendToBody(char* data, size_t size, size_t count, void* body) {
   try {
     static_cast<std::string*>(body)->append(data, size * count);
@@ -93,8 +93,6 @@ size_t appendToBody(char* data, size_t size, size_t count, void* body) {
     return 0;
   }
 }
-
-}  // namespace
 
 CURLSH* curlShare() { return share().handle(); }
 

@@ -50,6 +50,11 @@ void giveBackEasyHandle(CURL* easy);
 // number, else 30.
 long httpTimeoutSeconds(const ConfigValues& values);
 
+// A libcurl write callback appending to the std::string at `body`. Nothing
+// may unwind through libcurl: a failed append returns a short count, which
+// makes the transfer fail instead.
+size_t appendToBody(char* data, size_t size, size_t count, void* body);
+
 struct HeaderListRelease {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };

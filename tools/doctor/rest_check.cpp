@@ -28,17 +28,6 @@ struct EasyRelease {
 // The library's rule: "rest_url" when present, else https://<master>:1556.
 const int kRestPort = 1556;
 
-// libcurl's write callback: the answer's body into the std::string at
-// `body`. Nothing unwinds through libcurl: no memory ends the transfer.
-size_t keepBody(char* data, size_t size, size_t count, void* body) {
-  try {
-    static_cast<std::string*>(body)->append(data, size * count);
-    return size * count;
-  } catch (...) {
-    return 0;
-  }
-}
-
 bool isJsonDocument(const std::string& body) {
   json_t* document = json_loadb(body.data(), body.size(), 0, nullptr);
   const bool parsed = document != nullptr;
@@ -105,7 +94,7 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   if (!caFile.empty()) curl_easy_setopt(easy.get(), CURLOPT_CAINFO, caFile.c_str());
   curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
   curl_easy_setopt(easy.get(), CURLOPT_ERRORBUFFER, error);
-  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &keepBody);
+  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &standin::appendToBody);
   curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
   const CURLcode result = curl_easy_perform(easy.get());
 
