@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -69,13 +70,18 @@ class EngineEndToEndTest : public ::testing::Test {
 TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   const char* small = "00000000000000000000000000000001";
   const char* large = "00000000000000000000000000000002";
-  evictList({{small, 10}, {large, 20}});
+  const char* refused = "0123456789abcdef0123456789abcdef";
+  master_sim::PolicyFaults refusal;
+  refusal.httpStatus = 503;
+  master_.setPolicyFaults("policy-5", refusal);
+  evictList({{small, 10}, {large, 20}, {refused, 5}});
 
-  ASSERT_EQ(library_.call_evict_data(2, evictList_, &requested_), 0);
+  ASSERT_EQ(library_.call_evict_data(3, evictList_, &requested_), 0);
   EXPECT_EQ(vms_[1].job_id, 1000u);  // largest first
   EXPECT_EQ(vms_[0].job_id, 1001u);
   EXPECT_EQ(vms_[0].evict_state, 1);
-  EXPECT_EQ(evictList_->count, 0);
+  EXPECT_EQ(vms_[2].evict_state, 0);  // refused: stays on the evict list
+  EXPECT_EQ(evictList_->count, 1);
 
   ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
   EXPECT_EQ(vms_[0].evict_state, 1);  // the jobs are still running
@@ -84,11 +90,22 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   EXPECT_EQ(vms_[0].evict_state, 2);
   EXPECT_EQ(vms_[1].evict_state, 2);
 
+  // Polls send only the Accept media type besides what HTTP needs, all on
+  // one connection.
   std::vector<std::string> paths;
-  for (const master_sim::RecordedRequest& request : master_.requests()) paths.push_back(request.method + " " + request.path);
-  EXPECT_EQ(paths, (std::vector<std::string>{"POST /ksqd/1", "POST /ksqd/1", "GET /keepstone/admin/jobs/1001",
-                                             "GET /keepstone/admin/jobs/1000", "GET /keepstone/admin/jobs/1001",
-                                             "GET /keepstone/admin/jobs/1000"}));
+  const std::map<std::string, std::string> pollHeaders{{"Accept", master_sim::kJobsMediaType},
+                                                       {"Host", "127.0.0.1:" + std::to_string(master_.port())}};
+  const std::vector<master_sim::RecordedRequest> seen = master_.requests();
+  for (const master_sim::RecordedRequest& request : seen) {
+    paths.push_back(request.method + " " + request.path);
+    if (request.method != "GET") continue;
+    EXPECT_EQ(request.headers, pollHeaders);
+    EXPECT_EQ(request.body, "");
+    EXPECT_EQ(request.remotePort, seen.back().remotePort);
+  }
+  EXPECT_EQ(paths, (std::vector<std::string>{"POST /ksqd/1", "POST /ksqd/1", "POST /ksqd/1",
+                                             "GET /keepstone/admin/jobs/1001", "GET /keepstone/admin/jobs/1000",
+                                             "GET /keepstone/admin/jobs/1001", "GET /keepstone/admin/jobs/1000"}));
 
   EXPECT_EQ(library_.raise_backup_alert(large, 45, ""), 0);
   EXPECT_EQ(library_.stop_alert_thread(), 0);
@@ -98,45 +115,22 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
                    R"("jobid":"1000","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000002")"),
       alertPayload(start, "LOW", "INFO",
                    R"("jobid":"1001","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000001")"),
+      alertPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
+                   R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"),
       alertPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
   };
   EXPECT_EQ(testbed::withoutRepeats(subscriber_.waitForCount(expected.size(), kDeliveryTimeout)), expected);
 
   const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 KeepstoneServiceGateway::requestEviction: VM: " + std::string(large) +
-                     "\\nPolicy: policy-20\\nVM Size: 20\\nEviction Type: 0\\nMaster server: 127.0.0.1\n"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find(" 4 JobServiceImpl::handleRequest: Invoking jobs URI: keepstone/admin/jobs/1000\n"),
-            std::string::npos);
-  EXPECT_NE(log.find(" 4 stop_alert_thread: Stopping Alert Service thread which publishes the events to master "
-                     "server's MQBroker\n"),
-            std::string::npos);
-}
-
-TEST_F(EngineEndToEndTest, RefusedRequestKeepsTheVmAndAlertsTheFailure) {
-  master_sim::PolicyFaults refused;
-  refused.httpStatus = 503;
-  master_.setPolicyFaults("policy-20", refused);
-  const char* vm = "0123456789abcdef0123456789abcdef";
-  evictList({{vm, 20}});
-
-  ASSERT_EQ(library_.call_evict_data(1, evictList_, &requested_), 0);
-  EXPECT_EQ(evictList_->count, 1);
-  EXPECT_EQ(requested_, nullptr);
-  EXPECT_EQ(vms_[0].evict_state, 0);
-  EXPECT_EQ(library_.call_check_eviction_progress(1, nullptr), 20);
-  library_.stop_alert_thread();
-
-  EXPECT_EQ(subscriber_.waitForCount(1, kDeliveryTimeout).front(),
-            alertPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
-                         R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"));
-  const std::string log = newLog();
-  EXPECT_NE(log.find("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find(" 16 call_check_eviction_progress: Exception occured: Eviction list to check status is null\n"),
-            std::string::npos);
+  for (const std::string& line :
+       {" 16 KeepstoneServiceGateway::requestEviction: VM: " + std::string(large) +
+            "\\nPolicy: policy-20\\nVM Size: 20\\nEviction Type: 0\\nMaster server: 127.0.0.1\n",
+        std::string("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
+        std::string(" 4 JobServiceImpl::handleRequest: Invoking jobs URI: keepstone/admin/jobs/1000\n"),
+        std::string(" 4 stop_alert_thread: Stopping Alert Service thread which publishes the events to master "
+                    "server's MQBroker\n")}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line << " in\n" << log;
+  }
 }
 
 }  // namespace

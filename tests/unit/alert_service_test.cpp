@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +50,24 @@ TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
             (std::vector<fake::LogLine>{
                 {2, "AlertHelper::convertCCTIDToUUID", std::string("Converting CCTID: ") + kCctid + ", UUID: " + kUuid},
                 {4, kAlertLog, std::string("Called Alert (send_notification) for VM: ") + kUuid + "\nRetval: 7"}}));
+}
+
+// The numbering is the engine's: DEBUG is 1 and NOTICE 5. The fallbacks
+// differ: no text for an unknown priority, "UNKNOWN" for an unknown severity.
+TEST(AlertVocabulary, PriorityAndSeverityTextsByNumber) {
+  const struct {
+    int32_t value;
+    const char* priority;
+    const char* severity;
+  } cases[] = {
+      {0, "LOW", "INFO"},   {1, "MEDIUM", "DEBUG"}, {2, "HIGH", "WARNING"}, {3, "", "ERROR"},
+      {4, "", "CRITICAL"},  {5, "", "NOTICE"},      {6, "", "UNKNOWN"},     {-1, "", "UNKNOWN"},
+      {INT32_MIN, "", "UNKNOWN"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(c.value)), c.priority) << c.value;
+    EXPECT_EQ(AlertHelper::getSeverity(static_cast<AlertSeverity>(c.value)), c.severity) << c.value;
+  }
 }
 
 TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
