@@ -8,16 +8,19 @@ namespace fake {
 namespace {
 int g_failAt = 0;  // countdown; the call that brings it to 0 fails
 std::vector<AllocationCall> g_calls;
+std::vector<std::string> g_releases;
 int g_live = 0;
 }  // namespace
 
 void failAllocationNumber(int n) { g_failAt = n; }
 const std::vector<AllocationCall>& allocationCalls() { return g_calls; }
+const std::vector<std::string>& releaseCallers() { return g_releases; }
 int liveAllocations() { return g_live; }
 
 void resetAllocator() {
   g_failAt = 0;
   g_calls.clear();
+  g_releases.clear();
   g_live = 0;
 }
 
@@ -32,8 +35,9 @@ extern "C" void* cct_malloc(const char* caller, size_t size, int line) {
   return block;
 }
 
-extern "C" void cct_free(const char* /*caller*/, void** pointer, int /*line*/) {
+extern "C" void cct_free(const char* caller, void** pointer, int /*line*/) {
   if (pointer == nullptr || *pointer == nullptr) return;
+  fake::g_releases.push_back(caller != nullptr ? caller : "");
   std::free(*pointer);
   *pointer = nullptr;
   --fake::g_live;

@@ -18,6 +18,8 @@ struct AllocationCall {
 // 0 lets every call succeed.
 void failAllocationNumber(int n);
 const std::vector<AllocationCall>& allocationCalls();
+// The caller named by every cct_free call that released a block.
+const std::vector<std::string>& releaseCallers();
 // Blocks handed out by cct_malloc and not yet given back to cct_free.
 int liveAllocations();
 void resetAllocator();

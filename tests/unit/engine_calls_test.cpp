@@ -87,6 +87,8 @@ class EngineCallsTest : public ::testing::Test {
 TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
   evictList({10, 30, 20});
   fake::ksqdScript().answers = {R"({"jobid": 7})", R"({"jobid": 8})", R"({"jobid": 9})"};
+  EXPECT_EQ(call_evict_data(0, evictList_, &requested_), 0);
+  EXPECT_TRUE(fake::ksqdCalls().empty() && fake::logLines().empty() && fake::sentNotifications().empty());
 
   EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
 
@@ -166,14 +168,6 @@ TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   expectContained("Failed to read Keepstone configuration file");
 }
 
-TEST_F(EngineCallsTest, PassCountZeroRequestsNothing) {
-  evictList({5});
-  EXPECT_EQ(call_evict_data(0, evictList_, &requested_), 0);
-  EXPECT_TRUE(fake::ksqdCalls().empty());
-  EXPECT_TRUE(fake::logLines().empty());
-  EXPECT_TRUE(fake::sentNotifications().empty());
-}
-
 TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
   evictList({1, 2, 3, 4, 5, 6});
   ASSERT_EQ(call_evict_data(6, evictList_, &requested_), 0);  // the requested list runs 1 to 6
@@ -229,10 +223,12 @@ TEST_F(EngineCallsTest, AlertFailuresNeverReachTheEngine) {
   fake::notificationScript().constructorThrows = true;
   EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
   EXPECT_EQ(raise_backup_alert(nullptr, 18, ""), 0);
+  EXPECT_EQ(raise_backup_alert("vm", 18, nullptr), 0);
   const std::vector<fake::LogLine> contained = fake::logLinesOf("raise_backup_alert");
-  ASSERT_EQ(contained.size(), 2u);
+  ASSERT_EQ(contained.size(), 3u);
   EXPECT_EQ(contained[0].level, 16);
   EXPECT_EQ(contained[1].message, "Exception occured: VM identifier is null");
+  EXPECT_EQ(contained[2], (fake::LogLine{16, "raise_backup_alert", "Exception occured: Job id is null"}));
 
   fake::notificationScript() = fake::NotificationScript{};
   EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);

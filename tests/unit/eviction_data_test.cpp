@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <deque>
 #include <vector>
 
@@ -58,6 +60,39 @@ TEST_F(EvictionListTest, DrainsInDescendingUnsignedOrder) {
   EXPECT_EQ(drained, (std::vector<uint64_t>{UINT64_MAX, (1ULL << 63) + 1, 1ULL << 63, 42, 7, 7, 3, 1, 0}));
 }
 
+// The list is a heap in array form: after every change no VM is larger than
+// the one in its parent slot, and a drain gives every VM once, largest first.
+TEST_F(EvictionListTest, EveryChangeKeepsNoVmLargerThanItsParent) {
+  const int kVms = 40;
+  ASSERT_EQ(initialize_evlist(&list_, kVms), 0);
+  const auto heapHolds = [this] {
+    for (int i = 1; i < list_->count; ++i) {
+      if (list_->vms[i]->vm_size > list_->vms[(i - 1) / 2]->vm_size) return false;
+    }
+    return true;
+  };
+  uint64_t random = 7;  // sizes from a fixed sequence, with repeats
+  for (int i = 0; i < kVms; ++i) {
+    random = random * 6364136223846793005ULL + 1442695040888963407ULL;
+    ASSERT_EQ(insert_vm_into_evlist(list_, vm(random >> 58)), 0);
+    ASSERT_TRUE(heapHolds()) << "insert " << i;
+  }
+  for (const int index : {0, 5, 17, 39, 40}) {  // a VM that shrank moves down; 40 is past the end
+    if (index < list_->count) list_->vms[index]->vm_size /= 4;
+    EXPECT_EQ(realign_element_in_vm_list(list_, index), 0);
+    ASSERT_TRUE(heapHolds()) << "realign " << index;
+  }
+  std::vector<evict_vm_info*> drained;
+  for (uint64_t previous = UINT64_MAX; list_->count > 0; previous = drained.back()->vm_size) {
+    drained.push_back(get_element_from_evlist(list_));
+    EXPECT_LE(drained.back()->vm_size, previous);
+    EXPECT_EQ(remove_vm_from_evlist(list_), 0);
+    ASSERT_TRUE(heapHolds()) << "remove " << drained.size();
+  }
+  std::sort(drained.begin(), drained.end());
+  EXPECT_EQ(std::unique(drained.begin(), drained.end()) - drained.begin(), kVms);
+}
+
 TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
   ASSERT_EQ(initialize_evlist(&list_, 1), 0);
   EXPECT_EQ(insert_vm_into_evlist(nullptr, vm(1)), -1);
@@ -76,6 +111,28 @@ TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
   EXPECT_EQ(get_from_vm_list(nullptr), nullptr);
   EXPECT_EQ(delete_from_vm_list(nullptr), 0);
   EXPECT_EQ(fake::allocationCalls().size(), 2u);  // the list's own two blocks
+  delete_evlist(list_);
+  ASSERT_EQ(initialize_evlist(&list_, 0), 0);  // a list without slots
+  EXPECT_EQ(insert_vm_into_evlist(list_, vm(1)), 1);
+  EXPECT_EQ(remove_vm_from_evlist(list_), 2);
+}
+
+// The allocator's bookkeeping learns which list function took and gave back
+// each block.
+TEST_F(EvictionListTest, EveryBlockNamesTheListFunctionThatTookOrReleasedIt) {
+  ASSERT_EQ(initialize_evlist(&list_, 1), 0);
+  ASSERT_EQ(insert_into_vm_list(&requested_, vm(1)), 0);
+  ASSERT_EQ(insert_into_vm_list(&requested_, vm(2)), 0);
+  get_from_vm_list(&requested_);
+  delete_from_vm_list(&requested_);
+  delete_evlist(list_);
+  list_ = nullptr;
+  std::vector<std::string> callers;
+  for (const fake::AllocationCall& call : fake::allocationCalls()) callers.push_back(call.caller);
+  EXPECT_EQ(callers, (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
+                                               "insert_into_vm_list"}));
+  EXPECT_EQ(fake::releaseCallers(),
+            (std::vector<std::string>{"get_from_vm_list", "delete_from_vm_list", "delete_evlist", "delete_evlist"}));
 }
 
 TEST_F(EvictionListTest, FailedInitializeLeavesNothingAllocated) {
