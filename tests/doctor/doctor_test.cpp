@@ -75,73 +75,71 @@ struct DoctorRun {
   double seconds = 0;
 };
 
+// What every case of the suite shares: a directory for the configuration,
+// log and outbox, a master simulator, one of another release (another jobs
+// media type), a broker, and a loopback port where nothing listens.
+struct Surroundings {
+  Surroundings() {
+    char pattern[] = "/tmp/kscdp-doctor-test-XXXXXX";
+    directory = mkdtemp(pattern) != nullptr ? pattern : "";
+  }
+  ~Surroundings() { std::filesystem::remove_all(directory); }
+
+  std::string directory;
+  master_sim::MasterSimulator master;
+  master_sim::MasterSimulator otherReleaseMaster{[] {
+    master_sim::MasterSimulatorOptions otherRelease;
+    otherRelease.jobsMediaType = "application/vnd.keepstone+json;version=7.0";
+    return otherRelease;
+  }()};
+  testbed::MosquittoBroker broker;
+  const int downPort = testbed::freeLoopbackPort();
+};
+
 class DoctorTest : public ::testing::TestWithParam<DoctorCase> {
  protected:
   static void SetUpTestSuite() {
-    char pattern[] = "/tmp/kscdp-doctor-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    directory_ = new std::string(pattern);
-    master_ = new master_sim::MasterSimulator();
-    master_sim::MasterSimulatorOptions otherRelease;
-    otherRelease.jobsMediaType = "application/vnd.keepstone+json;version=7.0";
-    otherReleaseMaster_ = new master_sim::MasterSimulator(otherRelease);
-    ASSERT_TRUE(master_->start());
-    ASSERT_TRUE(otherReleaseMaster_->start());
-    broker_ = new testbed::MosquittoBroker();
-    downPort_ = testbed::freeLoopbackPort();
+    at_ = new Surroundings;
+    ASSERT_FALSE(at_->directory.empty());
+    ASSERT_TRUE(at_->master.start());
+    ASSERT_TRUE(at_->otherReleaseMaster.start());
   }
+  static void TearDownTestSuite() { delete at_; }
 
-  static void TearDownTestSuite() {
-    delete broker_;
-    delete otherReleaseMaster_;
-    delete master_;
-    std::filesystem::remove_all(*directory_);
-    delete directory_;
-  }
-
-  static std::string configPath() { return *directory_ + "/keepstone.conf"; }
+  static std::string configPath() { return at_->directory + "/keepstone.conf"; }
 
   static void writeConfig(std::string text) {
-    const std::string down = "127.0.0.1:" + std::to_string(downPort_);
+    const std::string down = "127.0.0.1:" + std::to_string(at_->downPort);
     const std::pair<std::string, std::string> placeholders[] = {
-        {"{master}", master_->url()},         {"{other-release}", otherReleaseMaster_->url()},
-        {"{down}", "http://" + down},         {"{down-port}", std::to_string(downPort_)},
-        {"{broker}", broker_->address()}};
+        {"{master}", at_->master.url()},    {"{other-release}", at_->otherReleaseMaster.url()},
+        {"{down}", "http://" + down},       {"{down-port}", std::to_string(at_->downPort)},
+        {"{broker}", at_->broker.address()}};
     for (const auto& [name, value] : placeholders) {
       for (size_t at = text.find(name); at != std::string::npos; at = text.find(name)) text.replace(at, name.size(), value);
     }
-    text += "outbox = " + *directory_ + "/outbox.db\n";
+    text += "outbox = " + at_->directory + "/outbox.db\n";
     std::ofstream(configPath(), std::ios::trunc) << text;
   }
 
   static DoctorRun runDoctor(const std::string& arguments) {
-    const std::string command = "KEEPSTONE_CONF=" + configPath() + " KSU_LOG_FILE=" + *directory_ + "/ksu.log " +
+    const std::string command = "KEEPSTONE_CONF=" + configPath() + " KSU_LOG_FILE=" + at_->directory + "/ksu.log " +
                                 KSCDP_DOCTOR_PATH + " " + arguments;
     DoctorRun run;
     const auto started = std::chrono::steady_clock::now();
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return run;
     char buffer[4096];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) run.output.append(buffer, got);
+    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, got);
     const int status = pclose(pipe);
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
   }
 
-  static std::string* directory_;
-  static master_sim::MasterSimulator* master_;
-  static master_sim::MasterSimulator* otherReleaseMaster_;
-  static testbed::MosquittoBroker* broker_;
-  static int downPort_;
+  static Surroundings* at_;
 };
 
-std::string* DoctorTest::directory_ = nullptr;
-master_sim::MasterSimulator* DoctorTest::master_ = nullptr;
-master_sim::MasterSimulator* DoctorTest::otherReleaseMaster_ = nullptr;
-testbed::MosquittoBroker* DoctorTest::broker_ = nullptr;
-int DoctorTest::downPort_ = 0;
+Surroundings* DoctorTest::at_ = nullptr;
 
 TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   const DoctorCase& test = GetParam();
@@ -177,7 +175,7 @@ TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
     EXPECT_NE(firstFailure.find(test.namesProblem), std::string::npos) << firstFailure;
   }
 
-  for (const master_sim::RecordedRequest& request : master_->requests()) EXPECT_EQ(request.method, "GET");
+  for (const master_sim::RecordedRequest& request : at_->master.requests()) EXPECT_EQ(request.method, "GET");
 }
 
 INSTANTIATE_TEST_SUITE_P(Links, DoctorTest, ::testing::ValuesIn(kCases),
@@ -186,7 +184,7 @@ INSTANTIATE_TEST_SUITE_P(Links, DoctorTest, ::testing::ValuesIn(kCases),
 // Asked for, the test alert reaches a subscriber, and the text report has one
 // line per check.
 TEST_F(DoctorTest, SendsOneTestAlertWhenAsked) {
-  testbed::MqttSubscriber subscriber(broker_->port(), "keepstone/notifications");
+  testbed::MqttSubscriber subscriber(at_->broker.port(), "keepstone/notifications");
   writeConfig(kAllWell);
   const DoctorRun run = runDoctor("--send-test-alert");
   EXPECT_EQ(run.exitStatus, 0) << run.output;

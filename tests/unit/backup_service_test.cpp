@@ -28,12 +28,8 @@ TEST_F(BackupServiceTest, PayloadIsThePolicyNameEscapedByJansson) {
     std::string policy;
     std::string payload;
   } cases[] = {
-      {"gold", R"({"policy": "gold"})"},
       {"a\"b", R"({"policy": "a\"b"})"},
-      {"a/b", R"({"policy": "a/b"})"},
-      {"tab\there\n", R"({"policy": "tab\there\n"})"},
-      {"Gr\xc3\xbcn \xe6\x97\xa5\xe6\x9c\xac", "{\"policy\": \"Gr\xc3\xbcn \xe6\x97\xa5\xe6\x9c\xac\"}"},
-      {"bad\xff\xfe", "{}"},
+      {"bad\xff\xfe", "{}"},  // Jansson takes no ill-formed UTF-8: the member is left out
   };
   for (const auto& c : cases) EXPECT_EQ(handler_.createRequestPayload(c.policy), c.payload) << c.policy;
 }
