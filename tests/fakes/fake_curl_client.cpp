@@ -51,7 +51,6 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
                            const bool& cancelFlag, const std::string& interfaceName, int retryCount)
     : m_responseCode(0), m_state(nullptr) {
   using namespace fake;
-  if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
   std::ostringstream arguments;
   arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr)
             << '|' << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'

@@ -28,7 +28,6 @@ struct CurlAnswer {
 // an empty body, as when nothing answers.
 struct CurlScript {
   std::deque<CurlAnswer> answers;
-  std::exception_ptr constructorThrows;  // thrown by every constructor while set
   std::exception_ptr requestThrows;      // thrown by every get/post while set
 };
 

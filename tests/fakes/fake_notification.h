@@ -13,7 +13,6 @@ namespace fake {
 struct NotificationScript {
   int sendResult = 0;
   bool constructorThrows = false;
-  bool sendThrows = false;
   bool shutdownThrows = false;
 };
 

@@ -110,7 +110,7 @@ TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
   EXPECT_EQ(get_from_vm_list(&requested_), nullptr);
   EXPECT_EQ(get_from_vm_list(nullptr), nullptr);
   EXPECT_EQ(delete_from_vm_list(nullptr), 0);
-  EXPECT_EQ(fake::allocationCalls().size(), 2u);  // the list's own two blocks
+  EXPECT_EQ(fake::allocationCallers().size(), 2u);  // the list's own two blocks
   delete_evlist(list_);
   ASSERT_EQ(initialize_evlist(&list_, 0), 0);  // a list without slots
   EXPECT_EQ(insert_vm_into_evlist(list_, vm(1)), 1);
@@ -127,9 +127,7 @@ TEST_F(EvictionListTest, EveryBlockNamesTheListFunctionThatTookOrReleasedIt) {
   delete_from_vm_list(&requested_);
   delete_evlist(list_);
   list_ = nullptr;
-  std::vector<std::string> callers;
-  for (const fake::AllocationCall& call : fake::allocationCalls()) callers.push_back(call.caller);
-  EXPECT_EQ(callers, (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
+  EXPECT_EQ(fake::allocationCallers(), (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
                                                "insert_into_vm_list"}));
   EXPECT_EQ(fake::releaseCallers(),
             (std::vector<std::string>{"get_from_vm_list", "delete_from_vm_list", "delete_evlist", "delete_evlist"}));
