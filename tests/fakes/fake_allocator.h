@@ -7,16 +7,16 @@
 
 namespace fake {
 
-// Makes the nth cct_malloc call from now on (1 = the next one) return null.
-// 0 lets every call succeed.
-void failAllocationNumber(int n);
-// The caller named by every cct_malloc call, and by every cct_free call that
-// released a block.
-const std::vector<std::string>& allocationCallers();
-const std::vector<std::string>& releaseCallers();
-// Blocks handed out by cct_malloc and not yet given back to cct_free.
-int liveAllocations();
-void resetAllocator();
+struct Allocator {
+  // Counts cct_malloc calls down: the call that brings it to 0 returns null
+  // (1 = the next one); 0 lets every call succeed.
+  int failAt = 0;
+  std::vector<std::string> callers;   // named by every cct_malloc call
+  std::vector<std::string> releases;  // named by every cct_free call that released a block
+  int live = 0;                       // blocks handed out and not yet given back
+};
+
+inline Allocator allocator;
 
 }  // namespace fake
 

@@ -25,8 +25,8 @@ class AlertPublishing : public ::testing::Test {
 };
 
 TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
-  fake::configScript().hostName = "cdp-07.example";
-  fake::notificationScript().sendResult = 7;
+  fake::config.hostName = "cdp-07.example";
+  fake::notifications.sendResult = 7;
   AlertServiceData record;
   record.severity = 3;
   record.priority = 2;
@@ -40,13 +40,13 @@ TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
 
   const Attributes completed{{"jobid", "12345"}, {"server", "cdp-07.example"}, {"uuid", kUuid}};
   EXPECT_EQ(record.attributes, completed);
-  ASSERT_EQ(fake::sentNotifications().size(), 1u);
-  const NotificationEvent& e = fake::sentNotifications()[0];
+  ASSERT_EQ(fake::notifications.sent.size(), 1u);
+  const NotificationEvent& e = fake::notifications.sent[0];
   EXPECT_EQ(std::to_string(e.version) + "|" + e.producerType + "|" + e.producerSubType + "|" + e.notificationType +
                 "|" + e.priority + "|" + e.severity + "|" + e.messageKey,
             "1|Keepstone|CDP|CDP Backup Engine|HIGH|ERROR|eventlog.omra.ksu.cdp.eviction.start");
   EXPECT_EQ(e.attributes, completed);
-  EXPECT_EQ(fake::logLines(),
+  EXPECT_EQ(fake::logLines,
             (std::vector<fake::LogLine>{
                 {2, "AlertHelper::convertCCTIDToUUID", std::string("Converting CCTID: ") + kCctid + ", UUID: " + kUuid},
                 {4, kAlertLog, std::string("Called Alert (send_notification) for VM: ") + kUuid + "\nRetval: 7"}}));
@@ -87,15 +87,15 @@ TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     fake::resetPlatform();
-    fake::configScript().hasHostName = c.hasHostName;
+    fake::config.hasHostName = c.hasHostName;
     AlertServiceData record;
     record.attributes = c.given;
     HostServiceImpl host;
     AlertServiceImpl alert;
     host.setNext(&alert);
     host.handleRequest(&record);
-    ASSERT_EQ(fake::sentNotifications().size(), 1u);
-    EXPECT_EQ(fake::sentNotifications()[0].attributes, c.completed);
+    ASSERT_EQ(fake::notifications.sent.size(), 1u);
+    EXPECT_EQ(fake::notifications.sent[0].attributes, c.completed);
     const std::string called = "Called Alert (send_notification) for VM: ";
     const std::string logged = c.loggedVm == nullptr ? "" : called + c.loggedVm + "\nRetval: 0";
     EXPECT_EQ(fake::logLinesOf(kAlertLog), (std::vector<fake::LogLine>{{4, kAlertLog, logged}}));

@@ -35,12 +35,12 @@ TEST_F(BackupServiceTest, PayloadIsThePolicyNameEscapedByJansson) {
 }
 
 TEST_F(BackupServiceTest, LogsEachStepOfASubmittedBackup) {
-  fake::ksqdScript().answer = R"({"jobid": 4711})";
+  fake::ksqd.answer = R"({"jobid": 4711})";
   EvictionServiceData record;
   record.policyName = "gold";
   EXPECT_EQ(handler_.handleRequest(&record), 0);
   EXPECT_EQ(record.jobId, 4711u);
-  EXPECT_EQ(fake::logLines(), (std::vector<fake::LogLine>{
+  EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{
                                   {4, kHandle, "PolicyName: gold"},
                                   {4, kHandle, R"(Backup request payload: {"policy": "gold"})"},
                                   {2, kHandle, R"(invoked  ksqd cct request: json_output={"jobid": 4711} ret Val:0)"},
@@ -73,16 +73,16 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
   for (const auto& c : cases) {
     SCOPED_TRACE(c.answer != nullptr ? c.answer : "no answer");
     fake::resetPlatform();
-    fake::ksqdScript().result = c.result;
-    fake::ksqdScript().hasAnswer = c.answer != nullptr;
-    fake::ksqdScript().answer = c.answer != nullptr ? c.answer : "";
+    fake::ksqd.result = c.result;
+    fake::ksqd.hasAnswer = c.answer != nullptr;
+    fake::ksqd.answer = c.answer != nullptr ? c.answer : "";
     EvictionServiceData record;
     record.policyName = "gold";
     record.jobId = 99;
     EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), c.error);
     EXPECT_EQ(record.jobId, c.jobId);
     if (c.result != 0) {
-      EXPECT_EQ(fake::logLines().back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
+      EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
     }
   }
 }
@@ -90,10 +90,10 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
 TEST_F(BackupServiceTest, EmptyPolicyEndsTheRequestBeforeTheDaemonCall) {
   EvictionServiceData record;
   EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), "20 Empty policy name");
-  EXPECT_EQ(fake::logLines(), (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
+  EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
                                                           {16, "BackupServiceImpl::createRequestPayload",
                                                            "Empty policy name."}}));
-  EXPECT_TRUE(fake::ksqdCalls().empty());
+  EXPECT_TRUE(fake::ksqd.calls.empty());
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ class EvictionListTest : public ::testing::Test {
   void TearDown() override {
     delete_evlist(list_);
     delete_from_vm_list(&requested_);
-    EXPECT_EQ(fake::liveAllocations(), 0);
+    EXPECT_EQ(fake::allocator.live, 0);
   }
 
   evict_vm_info* vm(uint64_t size) {
@@ -114,7 +114,7 @@ TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
   EXPECT_EQ(get_from_vm_list(&requested_), nullptr);
   EXPECT_EQ(get_from_vm_list(nullptr), nullptr);
   EXPECT_EQ(delete_from_vm_list(nullptr), 0);
-  EXPECT_EQ(fake::allocationCallers().size(), 2u);  // the list's own two blocks
+  EXPECT_EQ(fake::allocator.callers.size(), 2u);  // the list's own two blocks
   delete_evlist(list_);
   ASSERT_EQ(initialize_evlist(&list_, 0), 0);  // a list without slots
   EXPECT_EQ(insert_vm_into_evlist(list_, vm(1)), 1);
@@ -131,19 +131,19 @@ TEST_F(EvictionListTest, EveryBlockNamesTheListFunctionThatTookOrReleasedIt) {
   delete_from_vm_list(&requested_);
   delete_evlist(list_);
   list_ = nullptr;
-  EXPECT_EQ(fake::allocationCallers(), (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
+  EXPECT_EQ(fake::allocator.callers, (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
                                                "insert_into_vm_list"}));
-  EXPECT_EQ(fake::releaseCallers(),
+  EXPECT_EQ(fake::allocator.releases,
             (std::vector<std::string>{"get_from_vm_list", "delete_from_vm_list", "delete_evlist", "delete_evlist"}));
 }
 
 TEST_F(EvictionListTest, FailedInitializeLeavesNothingAllocated) {
   for (int failingCall : {1, 2}) {  // the list record, then the slot array
     SCOPED_TRACE(failingCall);
-    fake::failAllocationNumber(failingCall);
+    fake::allocator.failAt = failingCall;
     EXPECT_EQ(initialize_evlist(&list_, 8), -1);
     EXPECT_EQ(list_, nullptr);
-    EXPECT_EQ(fake::liveAllocations(), 0);
+    EXPECT_EQ(fake::allocator.live, 0);
   }
   EXPECT_EQ(initialize_evlist(&list_, -1), -1);
   EXPECT_EQ(list_, nullptr);
@@ -154,10 +154,10 @@ TEST_F(EvictionListTest, NodeListIsLastInFirstOutAndKeepsItselfWhenANodeCannotBe
   evict_vm_info* second = vm(2);
   ASSERT_EQ(insert_into_vm_list(&requested_, first), 0);
   ASSERT_EQ(insert_into_vm_list(&requested_, second), 0);
-  fake::failAllocationNumber(1);
+  fake::allocator.failAt = 1;
   EXPECT_EQ(insert_into_vm_list(&requested_, vm(3)), 3);
   EXPECT_EQ(get_from_vm_list(&requested_), second);
-  EXPECT_EQ(fake::liveAllocations(), 1);  // the unlinked node went back
+  EXPECT_EQ(fake::allocator.live, 1);  // the unlinked node went back
   ASSERT_NE(requested_, nullptr);
   EXPECT_EQ(requested_->vm, first);
   EXPECT_EQ(requested_->next, nullptr);

@@ -74,7 +74,7 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   for (KSUServiceImpl* handler : std::initializer_list<KSUServiceImpl*>{&backup, &job, &host, &alert}) {
     handler->setNext(&successor);
   }
-  fake::resetLog();
+  fake::logLines.clear();
   AlertServiceData alertRecord;
   EvictionServiceData evictionRecord;
   const std::string notForWorker = "20 Invalid shared common object is passed to worker service";
@@ -95,10 +95,10 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   };
   for (const auto& c : cases) EXPECT_EQ(unit::serviceError([&] { c.handler->handleRequest(c.record); }), c.error);
   EXPECT_EQ(successor.visits_, 0);
-  EXPECT_TRUE(fake::logLines().empty());
-  EXPECT_TRUE(fake::ksqdCalls().empty());
-  EXPECT_TRUE(fake::curlClients().empty());
-  EXPECT_EQ(fake::suppliersConstructed(), 0);
+  EXPECT_TRUE(fake::logLines.empty());
+  EXPECT_TRUE(fake::ksqd.calls.empty());
+  EXPECT_TRUE(fake::curl.clients.empty());
+  EXPECT_EQ(fake::notifications.constructed, 0);
 }
 
 }  // namespace
