@@ -3,12 +3,14 @@
 
 #include <map>
 #include <string>
+#include <thread>
 
 #include "fake_platform.h"
 #include "service_error.h"
 #include "services/AlertServiceImpl.h"
 #include "services/BackupServiceImpl.h"
 #include "services/JobServiceImpl.h"
+#include "services/KSServiceFactory.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -41,6 +43,20 @@ TEST(ServiceRecords, InsertAttributeKeepsTheFirstValue) {
   alert.insertAttribute("uuid", "b");
   alert.insertAttribute("", "");
   EXPECT_EQ(alert.attributes, (std::map<std::string, std::string>{{"", ""}, {"uuid", "a"}}));
+}
+
+TEST(ServiceFactory, OneInstancePerThreadUntilDestroyed) {
+  KSServiceFactory* const first = KSServiceFactory::getInstance();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(KSServiceFactory::getInstance(), first);
+  KSServiceFactory* otherThreads = nullptr;
+  std::thread([&otherThreads] {
+    otherThreads = KSServiceFactory::getInstance();
+    KSServiceFactory::destroyInstance();
+  }).join();
+  EXPECT_NE(otherThreads, nullptr);
+  EXPECT_NE(otherThreads, first);
+  KSServiceFactory::destroyInstance();
 }
 
 TEST(ServiceChain, ForwardsTheSameRecordAndReturnsTheLastResult) {
