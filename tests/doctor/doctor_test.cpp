@@ -25,7 +25,7 @@
 namespace {
 
 // The checks in the order the doctor reports them.
-const std::vector<std::string> kCheckIds = {"config", "master-name", "rest", "daemon", "broker", "log", "outbox"};
+const char kCheckIds[] = "config master-name rest daemon broker log outbox";
 
 struct DoctorCase {
   const char* name;
@@ -33,8 +33,8 @@ struct DoctorCase {
   // and "{broker}" stand for URLs and addresses of the test's own. Null: no
   // file at all.
   const char* config;
-  std::vector<std::string> statuses;  // one per kCheckIds entry
-  const char* namesProblem;           // found in the first failure's detail and action
+  const char* statuses;      // of the checks, in order
+  const char* namesProblem;  // found in the first failure's detail and action
 };
 
 // Test names are enough in gtest's messages.
@@ -44,24 +44,24 @@ const char kAllWell[] =
     "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n";
 
 const std::vector<DoctorCase> kCases = {
-    {"no_file", nullptr, {"failed", "skipped", "skipped", "skipped", "skipped", "ok", "skipped"}, "KEEPSTONE_CONF"},
+    {"no_file", nullptr, "failed skipped skipped skipped skipped ok skipped", "KEEPSTONE_CONF"},
     {"bad_line", "server = 127.0.0.1\nhost_name = cdp-host\n# comment\nrest_url http://x\n",
-     {"failed", "skipped", "skipped", "skipped", "skipped", "ok", "skipped"}, "line 4"},
+     "failed skipped skipped skipped skipped ok skipped", "line 4"},
     {"no_master_server", "host_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n",
-     {"failed", "skipped", "skipped", "skipped", "skipped", "ok", "ok"}, "server = <master host>"},
+     "failed skipped skipped skipped skipped ok ok", "server = <master host>"},
     {"master_does_not_resolve", "server = master.invalid\nhost_name = cdp-host\n",
-     {"ok", "failed", "skipped", "skipped", "skipped", "ok", "ok"}, "master.invalid does not resolve"},
+     "ok failed skipped skipped skipped ok ok", "master.invalid does not resolve"},
     {"rest_down", "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {down}\nksqd_url = {master}\nbroker = {broker}\n",
-     {"ok", "ok", "failed", "ok", "ok", "ok", "ok"}, "rest_url"},
+     "ok ok failed ok ok ok ok", "rest_url"},
     {"rest_refuses_media_type",
      "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {other-release}\nksqd_url = {master}\nbroker = {broker}\n",
-     {"ok", "ok", "failed", "ok", "ok", "ok", "ok"}, "HTTP 406"},
+     "ok ok failed ok ok ok ok", "HTTP 406"},
     {"daemon_down", "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {down}\nbroker = {broker}\n",
-     {"ok", "ok", "ok", "failed", "ok", "ok", "ok"}, "start the request daemon"},
+     "ok ok ok failed ok ok ok", "start the request daemon"},
     {"broker_down",
      "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = 127.0.0.1:{down-port}\n",
-     {"ok", "ok", "ok", "ok", "failed", "ok", "ok"}, "start the broker"},
-    {"all_well", kAllWell, {"ok", "ok", "ok", "ok", "ok", "ok", "ok"}, nullptr},
+     "ok ok ok ok failed ok ok", "start the broker"},
+    {"all_well", kAllWell, "ok ok ok ok ok ok ok", nullptr},
 };
 
 struct JsonRelease {
@@ -154,13 +154,12 @@ TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   Json document(json_loads(run.output.c_str(), 0, nullptr));
   ASSERT_NE(document, nullptr) << run.output;
   json_t* checks = json_object_get(document.get(), "checks");
-  ASSERT_EQ(json_array_size(checks), kCheckIds.size()) << run.output;
-  std::string firstFailure;
-  for (size_t i = 0; i < kCheckIds.size(); ++i) {
+  std::string ids, statuses, firstFailure;
+  for (size_t i = 0; i < json_array_size(checks); ++i) {
     json_t* check = json_array_get(checks, i);
     const std::string status = json_string_value(json_object_get(check, "status"));
-    EXPECT_EQ(json_string_value(json_object_get(check, "id")), kCheckIds[i]);
-    EXPECT_EQ(status, test.statuses[i]) << kCheckIds[i] << " in\n" << run.output;
+    ids += (i == 0 ? "" : " ") + std::string(json_string_value(json_object_get(check, "id")));
+    statuses += (i == 0 ? "" : " ") + status;
     // Every warning and failure says what to do.
     EXPECT_EQ(json_object_get(check, "action") != nullptr, status == "failed" || status == "warning") << run.output;
     if (status == "failed" && firstFailure.empty()) {
@@ -168,6 +167,8 @@ TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
                      json_string_value(json_object_get(check, "action"));
     }
   }
+  EXPECT_EQ(ids, kCheckIds);
+  EXPECT_EQ(statuses, test.statuses) << run.output;
   const bool failed = test.namesProblem != nullptr;
   EXPECT_EQ(run.exitStatus, failed ? 1 : 0);
   EXPECT_EQ(json_is_true(json_object_get(document.get(), "ok")), !failed);
@@ -189,7 +190,7 @@ TEST_F(DoctorTest, SendsOneTestAlertWhenAsked) {
   const DoctorRun run = runDoctor("--send-test-alert");
   EXPECT_EQ(run.exitStatus, 0) << run.output;
   EXPECT_NE(run.output.find("ok       test alert: "), std::string::npos) << run.output;
-  EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), static_cast<long>(kCheckIds.size()) + 1);
+  EXPECT_EQ(std::count(run.output.begin(), run.output.end(), '\n'), 7 + 1);  // a line per check, and the alert
   const auto messages = subscriber.waitForCount(1, std::chrono::seconds(5));
   ASSERT_EQ(messages.size(), 1u);
   EXPECT_NE(messages[0].find("\"messageKey\":\"KSCDP_DOCTOR_TEST_ALERT\""), std::string::npos) << messages[0];
