@@ -85,12 +85,9 @@ std::string testOutbox() {
 // A broker with a subscriber to the notification topic, and the master
 // configuration pointing the stand-in at it, with `outbox` as the outbox key.
 struct BrokerWithSubscriber {
-  explicit BrokerWithSubscriber(bool keepSessions, const std::string& outbox = testOutbox())
-      : BrokerWithSubscriber(MosquittoBroker::Options{keepSessions, "", "", ""}, outbox, "") {}
-  BrokerWithSubscriber(const MosquittoBroker::Options& options, const std::string& outbox, const std::string& config)
+  explicit BrokerWithSubscriber(const MosquittoBroker::Options& options, const std::string& outbox = testOutbox())
       : broker(options), subscriber(broker.plainPort(), kTopic) {
-    integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\noutbox = " + outbox + "\n" +
-                             config);
+    integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\noutbox = " + outbox + "\n");
   }
 
   // Waits until the subscriber has every payload of `expected` at least once.
@@ -147,7 +144,7 @@ TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
       {"", ""},
       {"a\"b\x80", "a\\\"b\xEF\xBF\xBD"},
   };
-  BrokerWithSubscriber rig(false);
+  BrokerWithSubscriber rig({});
   NotificationSupplier supplier;
   Messages expected;
   for (const auto& key : keys) {
@@ -165,7 +162,7 @@ TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
 }
 
 TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
-  BrokerWithSubscriber rig(true);
+  BrokerWithSubscriber rig({true, "", "", ""});
   rig.broker.stop();
   NotificationSupplier supplier;
   Messages sent;
@@ -211,7 +208,7 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
 }
 
 TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPublisherAheadOfItsOwn) {
-  BrokerWithSubscriber rig(true);
+  BrokerWithSubscriber rig({true, "", "", ""});
   rig.broker.stop();
   const Raiser raiser = startRaiser("1 100 --then-wait", integration::scratchPath("killed.log"));
   kill(raiser.pid, SIGKILL);
@@ -249,7 +246,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
       {damaged, false, true, "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged +
                                  ".damaged-"},
   };
-  BrokerWithSubscriber rig(false, "none");
+  BrokerWithSubscriber rig({}, "none");
   Messages sent;
   int number = 0;
   for (const auto& c : cases) {
@@ -270,7 +267,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
 }
 
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
-  BrokerWithSubscriber rig(false);
+  BrokerWithSubscriber rig({});
   const std::string log = integration::scratchPath("full-disk.log");
   const Raiser raiser = startRaiser("1 300 --file-size-limit 65536", log);
   const int status = pclose(raiser.output);
@@ -308,7 +305,7 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
   options.certFile = dir + "/broker.pem";
   options.keyFile = dir + "/broker.key";
   options.passwordFile = dir + "/users";
-  BrokerWithSubscriber rig(options, "none", "");
+  BrokerWithSubscriber rig(options, "none");
   const std::string port = std::to_string(rig.broker.port());
   const struct {
     std::string host;
@@ -341,7 +338,7 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
 }
 
 TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
-  BrokerWithSubscriber rig(false, "none");
+  BrokerWithSubscriber rig({}, "none");
   g_connectThrows = true;
   NotificationSupplier supplier;
   const bool failed = logShows(" 16 NotificationSupplier: the notification publisher's thread failed: connect failed");
