@@ -177,7 +177,6 @@ TEST_F(KsqdClient, FailureIsTheDaemonsStatusElseTheHttpStatus) {
       {"not json", {0, 0, true}, 0, "<"},
       {"refused by daemon", {503, 42, false}, 42, "<null>"},
       {"negative daemon status", {500, -3, false}, -3, "<null>"},
-      {"refused", {500, 0, false}, 500, "<null>"},
       {"unknown", {404, 0, false}, 404, "<null>"},
   };
   for (const auto& c : cases) {

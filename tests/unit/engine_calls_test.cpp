@@ -203,7 +203,6 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
       {504, "eventlog.omra.ksu.cdp.fullsync.suspended INFO LOW", true},
       {505, "eventlog.omra.ksu.cdp.partialimage.generated INFO LOW", true},
       {506, " INFO LOW", false},
-      {0, " INFO LOW", false},
   };
   const char uuid32[] = "0123456789abcdef0123456789abcdef";
   const Attributes vmAttributes{{"server", "cdp-host.example"}, {"uuid", "01234567-89ab-cdef-0123-456789abcdef"}};
