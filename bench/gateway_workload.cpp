@@ -33,9 +33,9 @@ bool GatewayWorkload::evictOnce() {
 }
 
 bool GatewayWorkload::alertOnce() {
-  const size_t sent = fake::sentNotifications().size();
+  const size_t sent = fake::notifications.sent.size();
   raise_backup_alert(vm_.vm_id, 500, "4711");
-  return fake::sentNotifications().size() == sent + 1;
+  return fake::notifications.sent.size() == sent + 1;
 }
 
 void GatewayWorkload::forgetRecords() { fake::resetPlatform(); }

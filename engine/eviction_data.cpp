@@ -103,7 +103,7 @@ int remove_vm_from_evlist(evict_vm_list* list) {
   if (list->count <= 0) return KSCDP_LIST_EMPTY;
   list->vms[0] = list->vms[list->count - 1];
   list->count--;
-  if (list->count > 0) siftDown(list->vms, list->count, 0);
+  siftDown(list->vms, list->count, 0);  // with no VM left, writes slot 0 back as it is
   return KSCDP_OK;
 }
 
@@ -133,7 +133,6 @@ evict_vm_info* get_from_vm_list(vm_node_list** head) {
   if (head == nullptr || *head == nullptr) return nullptr;
   vm_node_list* node = *head;
   *head = node->next;
-  node->next = nullptr;
   evict_vm_info* vm = node->vm;
   // Nothing refers to the unlinked node any more.
   release("get_from_vm_list", &node, __LINE__);

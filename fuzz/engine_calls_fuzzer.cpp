@@ -38,10 +38,10 @@ class Engine {
   ~Engine() {
     deleteEvictList();
     deleteRequested();
-    fake::notificationScript().shutdownThrows = false;
+    fake::notifications.shutdownThrows = false;
     FUZZ_CHECK(stop_alert_thread() == 0);
-    FUZZ_CHECK(fake::liveAllocations() == 0);
-    FUZZ_CHECK(fake::liveCurlClients() == 0);
+    FUZZ_CHECK(fake::allocator.live == 0);
+    FUZZ_CHECK(fake::curl.live == 0);
   }
 
   void step() {
@@ -114,7 +114,7 @@ class Engine {
   void initialize() {
     deleteEvictList();
     const int capacity = input_.ConsumeIntegralInRange(-2, kPoolSize + 2);
-    const size_t allocations = fake::allocationCalls().size();
+    const size_t allocations = fake::allocator.callers.size();
     const int result = initialize_evlist(&evictList_, capacity);
     if (result != 0) {
       FUZZ_CHECK(result == -1 && evictList_ == nullptr);
@@ -164,7 +164,7 @@ class Engine {
   void insertIntoRequested(const fuzz::ListContents& before) {
     evict_vm_info* vm = freeVm(before);
     const bool nullHead = input_.ConsumeIntegralInRange(0, 15) == 0;
-    const size_t allocations = fake::allocationCalls().size();
+    const size_t allocations = fake::allocator.callers.size();
     const int result = insert_into_vm_list(nullHead ? nullptr : &requested_, vm);
     if (nullHead || vm == nullptr) {
       FUZZ_CHECK(result == -1);
@@ -186,7 +186,7 @@ class Engine {
   void evict(const fuzz::ListContents& before) {
     const int passes = input_.ConsumeIntegralInRange(-1, static_cast<int>(before.evict.size()) + 1);
     const bool nullRequested = input_.ConsumeIntegralInRange(0, 15) == 0;
-    const size_t allocations = fake::allocationCalls().size();
+    const size_t allocations = fake::allocator.callers.size();
     call_evict_data(passes, evictList_, nullRequested ? nullptr : &requested_);
 
     const fuzz::ListContents after = checkedContents();

@@ -12,7 +12,7 @@
 namespace fuzz {
 namespace {
 
-// The index (into fake::allocationCalls()) of the call armed to fail.
+// The index (into fake::allocator.callers) of the call armed to fail.
 size_t g_failingAllocation = std::numeric_limits<size_t>::max();
 
 std::string text(FuzzedDataProvider& input, size_t maxLength = 48) {
@@ -70,8 +70,8 @@ std::string jobsBody(FuzzedDataProvider& input) {
 }
 
 void scriptConfig(FuzzedDataProvider& input) {
-  fake::ConfigScript& script = fake::configScript();
-  script = fake::ConfigScript{};
+  fake::Config& script = fake::config;
+  script = fake::Config{};
   if (input.ConsumeBool()) return;
   script.readResult = input.ConsumeBool() ? 0 : result(input, 22);
   script.successfulReadsFirst = input.ConsumeIntegralInRange(0, 4);
@@ -83,8 +83,8 @@ void scriptConfig(FuzzedDataProvider& input) {
 }
 
 void scriptDaemon(FuzzedDataProvider& input) {
-  fake::KsqdScript& script = fake::ksqdScript();
-  script = fake::KsqdScript{};
+  fake::Ksqd& script = fake::ksqd;  // the script only: the calls stay on record
+  script.answers.clear();
   script.result = input.ConsumeBool() ? 0 : result(input, 25);
   script.hasAnswer = input.ConsumeIntegralInRange(0, 7) != 0;
   script.answer = daemonAnswer(input);
@@ -92,8 +92,8 @@ void scriptDaemon(FuzzedDataProvider& input) {
 }
 
 void scriptHttp(FuzzedDataProvider& input) {
-  fake::CurlScript& script = fake::curlScript();
-  script = fake::CurlScript{};
+  fake::Curl& script = fake::curl;  // the script only: the clients stay on record
+  script.answers.clear();
   for (int n = input.ConsumeIntegralInRange(0, 6); n > 0; --n) {
     fake::CurlAnswer answer;
     answer.code = input.ConsumeBool() ? 200 : input.PickValueInArray({404L, 500L, 0L, -1L, 1L << 40});
@@ -107,8 +107,7 @@ void scriptHttp(FuzzedDataProvider& input) {
 }
 
 void scriptNotification(FuzzedDataProvider& input) {
-  fake::NotificationScript& script = fake::notificationScript();
-  script = fake::NotificationScript{};
+  fake::Notifications& script = fake::notifications;  // every field of the script
   script.sendResult = input.ConsumeBool() ? 0 : result(input, 1);
   script.constructorThrows = input.ConsumeIntegralInRange(0, 5) == 0;
   script.sendThrows = input.ConsumeIntegralInRange(0, 5) == 0;
@@ -127,12 +126,12 @@ void scriptPlatform(FuzzedDataProvider& input) {
 
 void scriptAllocationFailure(FuzzedDataProvider& input) {
   const int n = input.ConsumeBool() ? 0 : input.ConsumeIntegralInRange(1, 8);
-  fake::failAllocationNumber(n);
-  g_failingAllocation = n == 0 ? std::numeric_limits<size_t>::max() : fake::allocationCalls().size() + n - 1;
+  fake::allocator.failAt = n;
+  g_failingAllocation = n == 0 ? std::numeric_limits<size_t>::max() : fake::allocator.callers.size() + n - 1;
 }
 
 bool allocationFailedSince(size_t allocationCalls) {
-  return g_failingAllocation >= allocationCalls && g_failingAllocation < fake::allocationCalls().size();
+  return g_failingAllocation >= allocationCalls && g_failingAllocation < fake::allocator.callers.size();
 }
 
 }  // namespace fuzz

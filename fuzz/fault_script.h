@@ -19,7 +19,7 @@ void scriptPlatform(FuzzedDataProvider& input);
 void scriptAllocationFailure(FuzzedDataProvider& input);
 
 // True when the allocation failure armed last happened after the first
-// `allocationCalls` cct_malloc calls (counted as fake::allocationCalls does).
+// `allocationCalls` cct_malloc calls (counted as fake::allocator.callers does).
 bool allocationFailedSince(size_t allocationCalls);
 
 }  // namespace fuzz

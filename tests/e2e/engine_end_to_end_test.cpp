@@ -1,15 +1,19 @@
 // The engine's four calls through the real libkscdp.so, loaded with dlopen as
 // the engine loads it, against the master simulator and a mosquitto broker on
-// loopback.
+// loopback: from one thread, and from eight at once.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <deque>
+#include <map>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "alert_payload.h"
 #include "engine_library.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
@@ -18,8 +22,96 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 const char kTopic[] = "keepstone/notifications";
-const std::chrono::seconds kDeliveryTimeout(20);
+const std::chrono::seconds kDeliveryTimeout(60);
+
+// The wire form of an alert as a subscriber sees it; `attributes` is the
+// inside of the attributes object.
+std::string alertPayload(const std::string& key, const char* priority, const char* severity,
+                         const std::string& attributes) {
+  return std::string(R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP",)") +
+         R"("notificationType":"CDP Backup Engine","priority":")" + priority + R"(","severity":")" + severity +
+         R"(","messageKey":")" + key + R"(","attributes":{)" + attributes + "}}";
+}
+
+// Eight engine threads: each evicts lists of its own, polls them until every
+// VM is done and raises alerts for them; one of them stops the alert thread
+// now and then.
+const int kThreads = 8;
+const int kVmsPerRound = 4;
+const std::chrono::seconds kBusyFor(3);
+const std::chrono::seconds kRoundTimeout(20);
+// Each round raises codes 501 to 504 for its four VMs.
+const int kFirstAlertCode = 501;
+const char* const kKeys[] = {"fullsync.started", "fullsync.resumed", "fullsync.done", "fullsync.suspended"};
+
+// "01234567-89ab-..." from the 32 characters of a VM id.
+std::string uuidOf(const std::string& id) {
+  return id.substr(0, 8) + "-" + id.substr(8, 4) + "-" + id.substr(12, 4) + "-" + id.substr(16, 4) + "-" +
+         id.substr(20);
+}
+
+struct Outcome {
+  std::mutex mutex;
+  std::set<std::string> alerts;  // every payload the engine's calls should have published
+  std::vector<uint64_t> jobIds;  // of every VM reported done
+  std::vector<std::string> failures;
+
+  void fail(const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    failures.push_back(what);
+  }
+};
+
+// One engine thread: rounds of evict, poll until done, raise an alert per VM.
+void engineThread(const EngineLibrary& library, int thread, Clock::time_point until, Outcome& outcome) {
+  for (int round = 0; Clock::now() < until; ++round) {
+    std::vector<evict_vm_info> vms(kVmsPerRound);
+    evict_vm_list* evictList = nullptr;
+    vm_node_list* requested = nullptr;
+    if (library.initialize_evlist(&evictList, kVmsPerRound) != 0) return outcome.fail("initialize_evlist");
+    for (int i = 0; i < kVmsPerRound; ++i) {
+      evict_vm_info& vm = vms[i];
+      std::memset(&vm, 0, sizeof vm);
+      std::snprintf(vm.vm_id, sizeof vm.vm_id, "%08x%08x%016x", thread, round, i);
+      std::snprintf(vm.policy_name, sizeof vm.policy_name, "policy-%d", thread);
+      vm.vm_size = static_cast<uint64_t>(i + 1);
+      library.insert_vm_into_evlist(evictList, &vm);
+    }
+    if (library.call_evict_data(kVmsPerRound, evictList, &requested) != 0) outcome.fail("call_evict_data");
+
+    const Clock::time_point giveUp = Clock::now() + kRoundTimeout;
+    bool allDone = false;
+    while (!allDone && Clock::now() < giveUp) {
+      if (library.call_check_eviction_progress(kVmsPerRound, &requested) != 0) outcome.fail("progress call");
+      allDone = true;
+      for (const evict_vm_info& vm : vms) allDone = allDone && vm.evict_state == 2;
+      if (!allDone) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    if (!allDone) outcome.fail("thread " + std::to_string(thread) + ": VMs not done in time");
+
+    std::vector<std::string> alerts;
+    for (int i = 0; i < kVmsPerRound; ++i) {
+      const evict_vm_info& vm = vms[i];
+      library.raise_backup_alert(vm.vm_id, kFirstAlertCode + i, "");
+      const std::string uuid = R"("uuid":")" + uuidOf(vm.vm_id) + "\"";
+      alerts.push_back(alertPayload(std::string("eventlog.omra.ksu.cdp.") + kKeys[i], "LOW", "INFO",
+                                    R"("server":"cdp-e2e",)" + uuid));
+      alerts.push_back(alertPayload("eventlog.omra.ksu.cdp.eviction.start", "LOW", "INFO",
+                                    R"("jobid":")" + std::to_string(vm.job_id) + R"(","server":"cdp-e2e",)" +
+                                        uuid));
+    }
+    if (thread == 0 && round % 2 == 0) library.stop_alert_thread();
+
+    library.delete_from_vm_list(&requested);
+    library.delete_evlist(evictList);
+    std::lock_guard<std::mutex> lock(outcome.mutex);
+    outcome.alerts.insert(alerts.begin(), alerts.end());
+    for (const evict_vm_info& vm : vms) outcome.jobIds.push_back(vm.job_id);
+  }
+}
 
 class EngineEndToEndTest : public ::testing::Test {
  protected:
@@ -69,13 +161,18 @@ class EngineEndToEndTest : public ::testing::Test {
 TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   const char* small = "00000000000000000000000000000001";
   const char* large = "00000000000000000000000000000002";
-  evictList({{small, 10}, {large, 20}});
+  const char* refused = "0123456789abcdef0123456789abcdef";
+  master_sim::PolicyFaults refusal;
+  refusal.httpStatus = 503;
+  master_.setPolicyFaults("policy-5", refusal);
+  evictList({{small, 10}, {large, 20}, {refused, 5}});
 
-  ASSERT_EQ(library_.call_evict_data(2, evictList_, &requested_), 0);
+  ASSERT_EQ(library_.call_evict_data(3, evictList_, &requested_), 0);
   EXPECT_EQ(vms_[1].job_id, 1000u);  // largest first
   EXPECT_EQ(vms_[0].job_id, 1001u);
   EXPECT_EQ(vms_[0].evict_state, 1);
-  EXPECT_EQ(evictList_->count, 0);
+  EXPECT_EQ(vms_[2].evict_state, 0);  // refused: stays on the evict list
+  EXPECT_EQ(evictList_->count, 1);
 
   ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
   EXPECT_EQ(vms_[0].evict_state, 1);  // the jobs are still running
@@ -84,11 +181,22 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   EXPECT_EQ(vms_[0].evict_state, 2);
   EXPECT_EQ(vms_[1].evict_state, 2);
 
+  // Polls send only the Accept media type besides what HTTP needs, all on
+  // one connection.
   std::vector<std::string> paths;
-  for (const master_sim::RecordedRequest& request : master_.requests()) paths.push_back(request.method + " " + request.path);
-  EXPECT_EQ(paths, (std::vector<std::string>{"POST /ksqd/1", "POST /ksqd/1", "GET /keepstone/admin/jobs/1001",
-                                             "GET /keepstone/admin/jobs/1000", "GET /keepstone/admin/jobs/1001",
-                                             "GET /keepstone/admin/jobs/1000"}));
+  const std::map<std::string, std::string> pollHeaders{{"Accept", master_sim::kJobsMediaType},
+                                                       {"Host", "127.0.0.1:" + std::to_string(master_.port())}};
+  const std::vector<master_sim::RecordedRequest> seen = master_.requests();
+  for (const master_sim::RecordedRequest& request : seen) {
+    paths.push_back(request.method + " " + request.path);
+    if (request.method != "GET") continue;
+    EXPECT_EQ(request.headers, pollHeaders);
+    EXPECT_EQ(request.body, "");
+    EXPECT_EQ(request.remotePort, seen.back().remotePort);
+  }
+  EXPECT_EQ(paths, (std::vector<std::string>{"POST /ksqd/1", "POST /ksqd/1", "POST /ksqd/1",
+                                             "GET /keepstone/admin/jobs/1001", "GET /keepstone/admin/jobs/1000",
+                                             "GET /keepstone/admin/jobs/1001", "GET /keepstone/admin/jobs/1000"}));
 
   EXPECT_EQ(library_.raise_backup_alert(large, 45, ""), 0);
   EXPECT_EQ(library_.stop_alert_thread(), 0);
@@ -98,45 +206,48 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
                    R"("jobid":"1000","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000002")"),
       alertPayload(start, "LOW", "INFO",
                    R"("jobid":"1001","server":"cdp-e2e","uuid":"00000000-0000-0000-0000-000000000001")"),
+      alertPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
+                   R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"),
       alertPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
   };
   EXPECT_EQ(testbed::withoutRepeats(subscriber_.waitForCount(expected.size(), kDeliveryTimeout)), expected);
 
   const std::string log = newLog();
-  EXPECT_NE(log.find(" 16 KeepstoneServiceGateway::requestEviction: VM: " + std::string(large) +
-                     "\\nPolicy: policy-20\\nVM Size: 20\\nEviction Type: 0\\nMaster server: 127.0.0.1\n"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find(" 4 JobServiceImpl::handleRequest: Invoking jobs URI: keepstone/admin/jobs/1000\n"),
-            std::string::npos);
-  EXPECT_NE(log.find(" 4 stop_alert_thread: Stopping Alert Service thread which publishes the events to master "
-                     "server's MQBroker\n"),
-            std::string::npos);
+  for (const std::string& line :
+       {" 16 KeepstoneServiceGateway::requestEviction: VM: " + std::string(large) +
+            "\\nPolicy: policy-20\\nVM Size: 20\\nEviction Type: 0\\nMaster server: 127.0.0.1\n",
+        std::string("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
+        std::string(" 4 JobServiceImpl::handleRequest: Invoking jobs URI: keepstone/admin/jobs/1000\n"),
+        std::string(" 4 stop_alert_thread: Stopping Alert Service thread which publishes the events to master "
+                    "server's MQBroker\n")}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line << " in\n" << log;
+  }
 }
 
-TEST_F(EngineEndToEndTest, RefusedRequestKeepsTheVmAndAlertsTheFailure) {
-  master_sim::PolicyFaults refused;
-  refused.httpStatus = 503;
-  master_.setPolicyFaults("policy-20", refused);
-  const char* vm = "0123456789abcdef0123456789abcdef";
-  evictList({{vm, 20}});
-
-  ASSERT_EQ(library_.call_evict_data(1, evictList_, &requested_), 0);
-  EXPECT_EQ(evictList_->count, 1);
-  EXPECT_EQ(requested_, nullptr);
-  EXPECT_EQ(vms_[0].evict_state, 0);
-  EXPECT_EQ(library_.call_check_eviction_progress(1, nullptr), 20);
+// Every alert arrives, and every VM ends done with a job of its own.
+TEST_F(EngineEndToEndTest, EightThreadsAtOnce) {
+  Outcome outcome;
+  const Clock::time_point until = Clock::now() + kBusyFor;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back(engineThread, std::cref(library_), t, until, std::ref(outcome));
+  }
+  for (std::thread& thread : threads) thread.join();
   library_.stop_alert_thread();
 
-  EXPECT_EQ(subscriber_.waitForCount(1, kDeliveryTimeout).front(),
-            alertPayload("eventlog.omra.ksu.cdp.eviction.failed", "HIGH", "ERROR",
-                         R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"));
-  const std::string log = newLog();
-  EXPECT_NE(log.find("Master server: 127.0.0.1Exception occured: Failed to invoke Ksqd CCT request. Return code:503\n"),
-            std::string::npos)
-      << log;
-  EXPECT_NE(log.find(" 16 call_check_eviction_progress: Exception occured: Eviction list to check status is null\n"),
-            std::string::npos);
+  EXPECT_EQ(outcome.failures, std::vector<std::string>{});
+  EXPECT_EQ(std::set<uint64_t>(outcome.jobIds.begin(), outcome.jobIds.end()).size(), outcome.jobIds.size());
+  size_t daemonRequests = 0;
+  for (const master_sim::RecordedRequest& request : master_.requests()) daemonRequests += request.method == "POST";
+  EXPECT_EQ(daemonRequests, outcome.jobIds.size());
+  EXPECT_GE(outcome.jobIds.size(), static_cast<size_t>(kThreads * kVmsPerRound));
+
+  const testbed::MqttSubscriber::Messages received = subscriber_.waitUntil(
+      [&](const testbed::MqttSubscriber::Messages& messages) {
+        return std::set<std::string>(messages.begin(), messages.end()).size() >= outcome.alerts.size();
+      },
+      kDeliveryTimeout);
+  EXPECT_EQ(std::set<std::string>(received.begin(), received.end()), outcome.alerts);
 }
 
 }  // namespace

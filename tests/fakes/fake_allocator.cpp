@@ -4,37 +4,19 @@
 
 #include "platform/ksqd_client.h"
 
-namespace fake {
-namespace {
-int g_failAt = 0;  // countdown; the call that brings it to 0 fails
-std::vector<AllocationCall> g_calls;
-int g_live = 0;
-}  // namespace
-
-void failAllocationNumber(int n) { g_failAt = n; }
-const std::vector<AllocationCall>& allocationCalls() { return g_calls; }
-int liveAllocations() { return g_live; }
-
-void resetAllocator() {
-  g_failAt = 0;
-  g_calls.clear();
-  g_live = 0;
-}
-
-}  // namespace fake
-
-extern "C" void* cct_malloc(const char* caller, size_t size, int line) {
-  using namespace fake;
-  g_calls.push_back({caller != nullptr ? caller : "", size, line});
-  if (g_failAt > 0 && --g_failAt == 0) return nullptr;
+extern "C" void* cct_malloc(const char* caller, size_t size, int /*line*/) {
+  fake::Allocator& a = fake::allocator;
+  a.callers.push_back(caller != nullptr ? caller : "");
+  if (a.failAt > 0 && --a.failAt == 0) return nullptr;
   void* block = std::malloc(size == 0 ? 1 : size);
-  if (block != nullptr) ++g_live;
+  if (block != nullptr) ++a.live;
   return block;
 }
 
-extern "C" void cct_free(const char* /*caller*/, void** pointer, int /*line*/) {
+extern "C" void cct_free(const char* caller, void** pointer, int /*line*/) {
   if (pointer == nullptr || *pointer == nullptr) return;
+  fake::allocator.releases.push_back(caller != nullptr ? caller : "");
   std::free(*pointer);
   *pointer = nullptr;
-  --fake::g_live;
+  --fake::allocator.live;
 }

@@ -2,25 +2,21 @@
 #ifndef KSCDP_TESTS_FAKES_FAKE_ALLOCATOR_H_
 #define KSCDP_TESTS_FAKES_FAKE_ALLOCATOR_H_
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace fake {
 
-struct AllocationCall {
-  std::string caller;
-  size_t size;
-  int line;
+struct Allocator {
+  // Counts cct_malloc calls down: the call that brings it to 0 returns null
+  // (1 = the next one); 0 lets every call succeed.
+  int failAt = 0;
+  std::vector<std::string> callers;   // named by every cct_malloc call
+  std::vector<std::string> releases;  // named by every cct_free call that released a block
+  int live = 0;                       // blocks handed out and not yet given back
 };
 
-// Makes the nth cct_malloc call from now on (1 = the next one) return null.
-// 0 lets every call succeed.
-void failAllocationNumber(int n);
-const std::vector<AllocationCall>& allocationCalls();
-// Blocks handed out by cct_malloc and not yet given back to cct_free.
-int liveAllocations();
-void resetAllocator();
+inline Allocator allocator;
 
 }  // namespace fake
 

@@ -9,7 +9,7 @@ namespace fake {
 
 // What the next KS_read_master_config() calls load. A failing read (non-zero
 // result) leaves the record empty, as the real library does.
-struct ConfigScript {
+struct Config {
   int readResult = 0;
   // Reads that succeed before readResult takes effect.
   int successfulReadsFirst = 0;
@@ -19,7 +19,9 @@ struct ConfigScript {
   std::string hostName = "cdp-host.example";
 };
 
-ConfigScript& configScript();
+inline Config config;
+
+// Back to the default script, with no read made yet.
 void resetConfig();
 
 }  // namespace fake

@@ -4,37 +4,18 @@
 
 #include <sstream>
 
-namespace fake {
-namespace {
-CurlScript g_script;
-std::vector<CurlClientRecord> g_clients;
-int g_live = 0;
-}  // namespace
-
-CurlScript& curlScript() { return g_script; }
-const std::vector<CurlClientRecord>& curlClients() { return g_clients; }
-int liveCurlClients() { return g_live; }
-
-void resetCurlClient() {
-  g_script = CurlScript{};
-  g_clients.clear();
-  g_live = 0;
-}
-
-}  // namespace fake
-
 struct KSClientCURL::State {
-  size_t index;                            // into fake::curlClients()
+  size_t index;                            // into fake::curl.clients
   std::optional<fake::CurlAnswer> answer;  // the last one taken, if any
 
   int take(KSClientCURL& client, const std::string& request) {
-    using namespace fake;
-    g_clients[index].requests.push_back(request);
-    if (g_script.requestThrows) std::rethrow_exception(g_script.requestThrows);
+    fake::Curl& curl = fake::curl;
+    curl.clients[index].requests.push_back(request);
+    if (curl.requestThrows) std::rethrow_exception(curl.requestThrows);
     answer.reset();
-    if (!g_script.answers.empty()) {
-      answer = g_script.answers.front();
-      g_script.answers.pop_front();
+    if (!curl.answers.empty()) {
+      answer = curl.answers.front();
+      curl.answers.pop_front();
     }
     client.m_responseCode = answer ? answer->code : 0;
     client.m_responseBody = answer ? answer->body : "";
@@ -50,25 +31,24 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType
                            const std::string& proxyUrl, const std::string& userAgent, bool verbose,
                            const bool& cancelFlag, const std::string& interfaceName, int retryCount)
     : m_responseCode(0), m_state(nullptr) {
-  using namespace fake;
-  if (g_script.constructorThrows) std::rethrow_exception(g_script.constructorThrows);
+  if (fake::curl.constructorThrows) std::rethrow_exception(fake::curl.constructorThrows);
   std::ostringstream arguments;
   arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr)
             << '|' << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
             << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|' << verbose
             << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
-  g_clients.push_back({arguments.str(), {}, {}});
-  m_state = new State{g_clients.size() - 1, std::nullopt};
-  ++g_live;
+  fake::curl.clients.push_back({arguments.str(), {}, {}});
+  m_state = new State{fake::curl.clients.size() - 1, std::nullopt};
+  ++fake::curl.live;
 }
 
 KSClientCURL::~KSClientCURL() {
   delete m_state;
-  --fake::g_live;
+  --fake::curl.live;
 }
 
 void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
-  fake::g_clients[m_state->index].acceptMediaTypes.push_back(mediaType);
+  fake::curl.clients[m_state->index].acceptMediaTypes.push_back(mediaType);
 }
 
 int KSClientCURL::get(const std::string& path) { return m_state->take(*this, "get " + path); }

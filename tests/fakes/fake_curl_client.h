@@ -24,14 +24,6 @@ struct CurlAnswer {
   std::optional<int> headerLookupResult;
 };
 
-// What the next clients do. With no answer queued a request gets code 0 and
-// an empty body, as when nothing answers.
-struct CurlScript {
-  std::deque<CurlAnswer> answers;
-  std::exception_ptr constructorThrows;  // thrown by every constructor while set
-  std::exception_ptr requestThrows;      // thrown by every get/post while set
-};
-
 // One client, and what was done with it.
 struct CurlClientRecord {
   // The nineteen constructor arguments in order, joined by "|": bools as 1
@@ -41,11 +33,18 @@ struct CurlClientRecord {
   std::vector<std::string> requests;          // "get <path>" or "post <path> <body>"
 };
 
-CurlScript& curlScript();
-// Every client constructed since the reset, in order.
-const std::vector<CurlClientRecord>& curlClients();
-int liveCurlClients();  // constructed and not yet destroyed
-void resetCurlClient();
+struct Curl {
+  // What the next clients do. With no answer queued a request gets code 0
+  // and an empty body, as when nothing answers.
+  std::deque<CurlAnswer> answers;
+  std::exception_ptr constructorThrows;  // thrown by every constructor while set
+  std::exception_ptr requestThrows;      // thrown by every get/post while set
+
+  std::vector<CurlClientRecord> clients;  // every client constructed, in order
+  int live = 0;                           // constructed and not yet destroyed
+};
+
+inline Curl curl;
 
 }  // namespace fake
 

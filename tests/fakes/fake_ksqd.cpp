@@ -4,31 +4,15 @@
 
 #include "platform/ksqd_client.h"
 
-namespace fake {
-namespace {
-KsqdScript g_script;
-std::vector<std::string> g_calls;
-}  // namespace
-
-KsqdScript& ksqdScript() { return g_script; }
-const std::vector<std::string>& ksqdCalls() { return g_calls; }
-
-void resetKsqd() {
-  g_calls.clear();
-  g_script = KsqdScript{};
-}
-
-}  // namespace fake
-
 extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request,
                                        char** answer) {
-  using namespace fake;
-  g_calls.push_back(std::string(master_server) + " " + std::to_string(kind) + " " + request);
-  if (g_script.result != 0 || !g_script.hasAnswer) return g_script.result;
-  std::string text = g_script.answer;
-  if (!g_script.answers.empty()) {
-    text = g_script.answers.front();
-    g_script.answers.pop_front();
+  fake::Ksqd& k = fake::ksqd;
+  k.calls.push_back(std::string(master_server) + " " + std::to_string(kind) + " " + request);
+  if (k.result != 0 || !k.hasAnswer) return k.result;
+  std::string text = k.answer;
+  if (!k.answers.empty()) {
+    text = k.answers.front();
+    k.answers.pop_front();
   }
   *answer = strdup(text.c_str());
   return 0;

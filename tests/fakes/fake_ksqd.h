@@ -10,20 +10,19 @@
 
 namespace fake {
 
-// What the next invoke_ksqd_cct_request calls do. As the real client, the
-// fake sets the answer only with a 0 result, and not at all without hasAnswer.
-struct KsqdScript {
+struct Ksqd {
+  // What the next calls do. As the real client, the fake sets the answer
+  // only with a 0 result, and not at all without hasAnswer.
   int result = 0;
   bool hasAnswer = true;
   std::string answer = "{\"jobid\": 1}";
   // When not empty, each call with a 0 result takes the next of these instead.
   std::deque<std::string> answers;
+
+  std::vector<std::string> calls;  // "<master server> <kind> <request>" of every call
 };
 
-KsqdScript& ksqdScript();
-// "<master server> <kind> <request>" of every call since the reset.
-const std::vector<std::string>& ksqdCalls();
-void resetKsqd();
+inline Ksqd ksqd;
 
 }  // namespace fake
 

@@ -16,11 +16,11 @@ struct LogLine {
   }
 };
 
-// Every line logged since the last reset, in order.
-const std::vector<LogLine>& logLines();
+// Every line logged, in order. Read it when the threads that log have ended.
+inline std::vector<LogLine> logLines;
+
 // The lines logged under `function`.
 std::vector<LogLine> logLinesOf(const std::string& function);
-void resetLog();
 
 }  // namespace fake
 

@@ -2,28 +2,29 @@
 #ifndef KSCDP_TESTS_FAKES_FAKE_NOTIFICATION_H_
 #define KSCDP_TESTS_FAKES_FAKE_NOTIFICATION_H_
 
+#include <functional>
 #include <vector>
 
 #include "platform/notification.h"
 
 namespace fake {
 
-// How the next NotificationSupplier calls behave. A throwing call throws
-// std::runtime_error and records nothing.
-struct NotificationScript {
+struct Notifications {
+  // How the next NotificationSupplier calls behave. A throwing call throws
+  // std::runtime_error and records nothing.
   int sendResult = 0;
   bool constructorThrows = false;
   bool sendThrows = false;
   bool shutdownThrows = false;
+  std::function<void()> whileSending;  // run inside every send_notification call
+
+  std::vector<NotificationEvent> sent;  // every event handed to send_notification
+  int constructed = 0;
+  int shutDown = 0;
+  int destroyed = 0;
 };
 
-NotificationScript& notificationScript();
-// Every event handed to send_notification since the reset, in order.
-const std::vector<NotificationEvent>& sentNotifications();
-int suppliersConstructed();
-int suppliersShutDown();
-int suppliersDestroyed();
-void resetNotification();
+inline Notifications notifications;
 
 }  // namespace fake
 

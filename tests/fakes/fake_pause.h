@@ -10,8 +10,7 @@
 
 namespace fake {
 
-const std::vector<timespec>& pauses();
-void resetPauses();
+inline std::vector<timespec> pauses;  // every pause asked for
 
 }  // namespace fake
 

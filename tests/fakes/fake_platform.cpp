@@ -1,15 +1,11 @@
 #include "fake_platform.h"
 
-namespace fake {
-
-void resetPlatform() {
-  resetLog();
+void fake::resetPlatform() {
+  logLines.clear();
   resetConfig();
-  resetAllocator();
-  resetPauses();
-  resetCurlClient();
-  resetKsqd();
-  resetNotification();
+  allocator = Allocator{};
+  pauses.clear();
+  curl = Curl{};
+  ksqd = Ksqd{};
+  notifications = Notifications{};
 }
-
-}  // namespace fake

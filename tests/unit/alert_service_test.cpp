@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,8 +25,8 @@ class AlertPublishing : public ::testing::Test {
 };
 
 TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
-  fake::configScript().hostName = "cdp-07.example";
-  fake::notificationScript().sendResult = 7;
+  fake::config.hostName = "cdp-07.example";
+  fake::notifications.sendResult = 7;
   AlertServiceData record;
   record.severity = 3;
   record.priority = 2;
@@ -39,16 +40,34 @@ TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
 
   const Attributes completed{{"jobid", "12345"}, {"server", "cdp-07.example"}, {"uuid", kUuid}};
   EXPECT_EQ(record.attributes, completed);
-  ASSERT_EQ(fake::sentNotifications().size(), 1u);
-  const NotificationEvent& e = fake::sentNotifications()[0];
+  ASSERT_EQ(fake::notifications.sent.size(), 1u);
+  const NotificationEvent& e = fake::notifications.sent[0];
   EXPECT_EQ(std::to_string(e.version) + "|" + e.producerType + "|" + e.producerSubType + "|" + e.notificationType +
                 "|" + e.priority + "|" + e.severity + "|" + e.messageKey,
             "1|Keepstone|CDP|CDP Backup Engine|HIGH|ERROR|eventlog.omra.ksu.cdp.eviction.start");
   EXPECT_EQ(e.attributes, completed);
-  EXPECT_EQ(fake::logLines(),
+  EXPECT_EQ(fake::logLines,
             (std::vector<fake::LogLine>{
                 {2, "AlertHelper::convertCCTIDToUUID", std::string("Converting CCTID: ") + kCctid + ", UUID: " + kUuid},
                 {4, kAlertLog, std::string("Called Alert (send_notification) for VM: ") + kUuid + "\nRetval: 7"}}));
+}
+
+// The numbering is the engine's: DEBUG is 1 and NOTICE 5. The fallbacks
+// differ: no text for an unknown priority, "UNKNOWN" for an unknown severity.
+TEST(AlertVocabulary, PriorityAndSeverityTextsByNumber) {
+  const struct {
+    int32_t value;
+    const char* priority;
+    const char* severity;
+  } cases[] = {
+      {0, "LOW", "INFO"},   {1, "MEDIUM", "DEBUG"}, {2, "HIGH", "WARNING"}, {3, "", "ERROR"},
+      {4, "", "CRITICAL"},  {5, "", "NOTICE"},      {6, "", "UNKNOWN"},     {-1, "", "UNKNOWN"},
+      {INT32_MIN, "", "UNKNOWN"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(c.value)), c.priority) << c.value;
+    EXPECT_EQ(AlertHelper::getSeverity(static_cast<AlertSeverity>(c.value)), c.severity) << c.value;
+  }
 }
 
 TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
@@ -68,15 +87,15 @@ TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     fake::resetPlatform();
-    fake::configScript().hasHostName = c.hasHostName;
+    fake::config.hasHostName = c.hasHostName;
     AlertServiceData record;
     record.attributes = c.given;
     HostServiceImpl host;
     AlertServiceImpl alert;
     host.setNext(&alert);
     host.handleRequest(&record);
-    ASSERT_EQ(fake::sentNotifications().size(), 1u);
-    EXPECT_EQ(fake::sentNotifications()[0].attributes, c.completed);
+    ASSERT_EQ(fake::notifications.sent.size(), 1u);
+    EXPECT_EQ(fake::notifications.sent[0].attributes, c.completed);
     const std::string called = "Called Alert (send_notification) for VM: ";
     const std::string logged = c.loggedVm == nullptr ? "" : called + c.loggedVm + "\nRetval: 0";
     EXPECT_EQ(fake::logLinesOf(kAlertLog), (std::vector<fake::LogLine>{{4, kAlertLog, logged}}));

@@ -28,23 +28,19 @@ TEST_F(BackupServiceTest, PayloadIsThePolicyNameEscapedByJansson) {
     std::string policy;
     std::string payload;
   } cases[] = {
-      {"gold", R"({"policy": "gold"})"},
       {"a\"b", R"({"policy": "a\"b"})"},
-      {"a/b", R"({"policy": "a/b"})"},
-      {"tab\there\n", R"({"policy": "tab\there\n"})"},
-      {"Gr\xc3\xbcn \xe6\x97\xa5\xe6\x9c\xac", "{\"policy\": \"Gr\xc3\xbcn \xe6\x97\xa5\xe6\x9c\xac\"}"},
-      {"bad\xff\xfe", "{}"},
+      {"bad\xff\xfe", "{}"},  // Jansson takes no ill-formed UTF-8: the member is left out
   };
   for (const auto& c : cases) EXPECT_EQ(handler_.createRequestPayload(c.policy), c.payload) << c.policy;
 }
 
 TEST_F(BackupServiceTest, LogsEachStepOfASubmittedBackup) {
-  fake::ksqdScript().answer = R"({"jobid": 4711})";
+  fake::ksqd.answer = R"({"jobid": 4711})";
   EvictionServiceData record;
   record.policyName = "gold";
   EXPECT_EQ(handler_.handleRequest(&record), 0);
   EXPECT_EQ(record.jobId, 4711u);
-  EXPECT_EQ(fake::logLines(), (std::vector<fake::LogLine>{
+  EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{
                                   {4, kHandle, "PolicyName: gold"},
                                   {4, kHandle, R"(Backup request payload: {"policy": "gold"})"},
                                   {2, kHandle, R"(invoked  ksqd cct request: json_output={"jobid": 4711} ret Val:0)"},
@@ -66,8 +62,8 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
   } cases[] = {
       {0, R"({"jobid": 12345, "state": 1})", "", 12345},
       {0, R"({"jobid": -1})", "", UINT64_MAX},
+      {0, R"({"jobid": 1, "jobid": 12})", "", 12},  // a repeated key is no error: the last one counts
       {0, R"({"jobid": "12345"})", notInteger, 99},
-      {0, R"({"jobid": 12345.0})", notInteger, 99},
       {0, R"({"JobID": 1})", noJobId, 99},
       {0, R"({"jobid": 1)", notJson, 99},
       {0, nullptr, notJson, 99},
@@ -77,16 +73,16 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
   for (const auto& c : cases) {
     SCOPED_TRACE(c.answer != nullptr ? c.answer : "no answer");
     fake::resetPlatform();
-    fake::ksqdScript().result = c.result;
-    fake::ksqdScript().hasAnswer = c.answer != nullptr;
-    fake::ksqdScript().answer = c.answer != nullptr ? c.answer : "";
+    fake::ksqd.result = c.result;
+    fake::ksqd.hasAnswer = c.answer != nullptr;
+    fake::ksqd.answer = c.answer != nullptr ? c.answer : "";
     EvictionServiceData record;
     record.policyName = "gold";
     record.jobId = 99;
     EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), c.error);
     EXPECT_EQ(record.jobId, c.jobId);
     if (c.result != 0) {
-      EXPECT_EQ(fake::logLines().back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
+      EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
     }
   }
 }
@@ -94,10 +90,10 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
 TEST_F(BackupServiceTest, EmptyPolicyEndsTheRequestBeforeTheDaemonCall) {
   EvictionServiceData record;
   EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), "20 Empty policy name");
-  EXPECT_EQ(fake::logLines(), (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
+  EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
                                                           {16, "BackupServiceImpl::createRequestPayload",
                                                            "Empty policy name."}}));
-  EXPECT_TRUE(fake::ksqdCalls().empty());
+  EXPECT_TRUE(fake::ksqd.calls.empty());
 }
 
 }  // namespace

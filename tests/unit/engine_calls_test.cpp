@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine/backup_engine.h"
@@ -27,7 +30,7 @@ class EngineCallsTest : public ::testing::Test {
     evictList_ = nullptr;
     vms_.clear();
     stop_alert_thread();
-    EXPECT_EQ(fake::liveCurlClients(), 0);
+    EXPECT_EQ(fake::curl.live, 0);
   }
 
   // Builds the evict list from VMs of these sizes, named vm<size>, with the
@@ -63,17 +66,17 @@ class EngineCallsTest : public ::testing::Test {
   // since the last check is "Exception occured: <message>".
   void expectContained(const std::string& message) {
     std::vector<std::string> contained;
-    for (const fake::LogLine& line : fake::logLines()) {
+    for (const fake::LogLine& line : fake::logLines) {
       if (line.message.rfind("Exception occured: ", 0) == 0) contained.push_back(line.message);
     }
     EXPECT_EQ(contained, std::vector<std::string>{"Exception occured: " + message});
-    fake::resetLog();
+    fake::logLines.clear();
   }
 
   // Answers the polls with these job states.
   void pollWithStates(const std::vector<std::string>& states, int nodes) {
     for (const std::string& state : states) {
-      fake::curlScript().answers.push_back(
+      fake::curl.answers.push_back(
           {200, R"({"data":{"attributes":{"state":")" + state + R"(","status":0}}})", {}, {}});
     }
     EXPECT_EQ(call_check_eviction_progress(nodes, &requested_), 0);
@@ -86,7 +89,9 @@ class EngineCallsTest : public ::testing::Test {
 
 TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
   evictList({10, 30, 20});
-  fake::ksqdScript().answers = {R"({"jobid": 7})", R"({"jobid": 8})", R"({"jobid": 9})"};
+  fake::ksqd.answers = {R"({"jobid": 7})", R"({"jobid": 8})", R"({"jobid": 9})"};
+  EXPECT_EQ(call_evict_data(0, evictList_, &requested_), 0);
+  EXPECT_TRUE(fake::ksqd.calls.empty() && fake::logLines.empty() && fake::notifications.sent.empty());
 
   EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
 
@@ -95,27 +100,27 @@ TEST_F(EngineCallsTest, EvictsLargestFirstAndAlertsEachStart) {
   std::vector<evict_vm_info*> requested;
   for (const vm_node_list* node = requested_; node != nullptr; node = node->next) requested.push_back(node->vm);
   EXPECT_EQ(requested, (std::vector<evict_vm_info*>{&vm(10), &vm(20), &vm(30)}));
-  EXPECT_EQ(fake::ksqdCalls().at(0), R"(master.example 1 {"policy": "policy30"})");
+  EXPECT_EQ(fake::ksqd.calls.at(0), R"(master.example 1 {"policy": "policy30"})");
 
-  ASSERT_EQ(fake::sentNotifications().size(), 3u);
-  EXPECT_EQ(fake::sentNotifications()[0].attributes,
+  ASSERT_EQ(fake::notifications.sent.size(), 3u);
+  EXPECT_EQ(fake::notifications.sent[0].attributes,
             (Attributes{{"jobid", "7"}, {"server", "cdp-host.example"}, {"uuid", "vm30"}}));
-  EXPECT_EQ(fake::suppliersConstructed(), 1);  // one publisher for every alert
+  EXPECT_EQ(fake::notifications.constructed, 1);  // one publisher for every alert
 }
 
 TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
   evictList({10, 30, 20});
-  fake::ksqdScript().result = 5;
+  fake::ksqd.result = 5;
 
   EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
 
-  EXPECT_EQ(fake::ksqdCalls(), std::vector<std::string>(3, R"(master.example 1 {"policy": "policy30"})"));
+  EXPECT_EQ(fake::ksqd.calls, std::vector<std::string>(3, R"(master.example 1 {"policy": "policy30"})"));
   EXPECT_EQ(vmStates(), "10:0:0 30:0:0 20:0:0");
   EXPECT_EQ(evictList_->count, 3);
   EXPECT_EQ(get_element_from_evlist(evictList_), &vm(30));
   EXPECT_EQ(requested_, nullptr);
-  ASSERT_EQ(fake::sentNotifications().size(), 3u);
-  for (const NotificationEvent& sent : fake::sentNotifications()) {
+  ASSERT_EQ(fake::notifications.sent.size(), 3u);
+  for (const NotificationEvent& sent : fake::notifications.sent) {
     EXPECT_EQ(sent.messageKey + " " + sent.attributes.at("uuid"),
               "eventlog.omra.ksu.cdp.eviction.failed vm30");
   }
@@ -125,19 +130,19 @@ TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
 
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
   evictList({10, 20});
-  fake::configScript().readResult = 2;
-  fake::configScript().successfulReadsFirst = 1;  // the backup handler's own read
+  fake::config.readResult = 2;
+  fake::config.successfulReadsFirst = 1;  // the backup handler's own read
 
   EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 0);
 
-  EXPECT_TRUE(fake::ksqdCalls().empty());
+  EXPECT_TRUE(fake::ksqd.calls.empty());
   const std::vector<fake::LogLine> passes = fake::logLinesOf(kEvictionLog);
   ASSERT_EQ(passes.size(), 2u);
   EXPECT_EQ(passes[0].message,
             "VM: vm20\nPolicy: policy20\nVM Size: 20\nEviction Type: 3"
             "Exception occured: Failed to read master server hostname from Keepstone configuration file");
-  ASSERT_EQ(fake::sentNotifications().size(), 2u);
-  EXPECT_EQ(fake::sentNotifications()[0].attributes, (Attributes{{"server", ""}, {"uuid", ""}}));
+  ASSERT_EQ(fake::notifications.sent.size(), 2u);
+  EXPECT_EQ(fake::notifications.sent[0].attributes, (Attributes{{"server", ""}, {"uuid", ""}}));
 }
 
 TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
@@ -151,27 +156,19 @@ TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   EXPECT_EQ(call_evict_data(1, evictList_, nullptr), 20);  // nowhere to put a requested VM
   expectContained("Requested VM list is null");
 
-  fake::curlScript().requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
+  fake::curl.requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
   expectContained("socket gone");
-  fake::curlScript() = fake::CurlScript{};
-  fake::curlScript().answers.push_back({500, "oops", {}, {}});
+  fake::curl.requestThrows = nullptr;
+  fake::curl.answers.push_back({500, "oops", {}, {}});
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), 130);
   expectContained("Could not parse Jobs API response message.");
-  fake::configScript().hasServerList = false;
+  fake::config.hasServerList = false;
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
   expectContained("Failed to read master server from Keepstone configuration file");
-  fake::configScript().readResult = 13;
+  fake::config.readResult = 13;
   EXPECT_EQ(call_evict_data(1, evictList_, &requested_), 13);
   expectContained("Failed to read Keepstone configuration file");
-}
-
-TEST_F(EngineCallsTest, PassCountZeroRequestsNothing) {
-  evictList({5});
-  EXPECT_EQ(call_evict_data(0, evictList_, &requested_), 0);
-  EXPECT_TRUE(fake::ksqdCalls().empty());
-  EXPECT_TRUE(fake::logLines().empty());
-  EXPECT_TRUE(fake::sentNotifications().empty());
 }
 
 TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
@@ -180,14 +177,14 @@ TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone
   for (evict_vm_info& record : vms_) record.evict_state = 7;
   pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);
   EXPECT_EQ(vmStates(), "1:2:1 2:1:1 3:1:1 4:1:1 5:1:1 6:7:1");
-  EXPECT_EQ(fake::curlClients().at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
+  EXPECT_EQ(fake::curl.clients.at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
   pollWithStates(std::vector<std::string>(6, "DONE"), 9);
   EXPECT_EQ(vm(6).evict_state, 2);
 
   EXPECT_EQ(call_check_eviction_progress(0, &requested_), 0);
   vm_node_list* empty = nullptr;
   EXPECT_EQ(call_check_eviction_progress(3, &empty), 0);
-  EXPECT_EQ(fake::curlClients().size(), 11u);
+  EXPECT_EQ(fake::curl.clients.size(), 11u);
 }
 
 TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
@@ -206,7 +203,6 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
       {504, "eventlog.omra.ksu.cdp.fullsync.suspended INFO LOW", true},
       {505, "eventlog.omra.ksu.cdp.partialimage.generated INFO LOW", true},
       {506, " INFO LOW", false},
-      {0, " INFO LOW", false},
   };
   const char uuid32[] = "0123456789abcdef0123456789abcdef";
   const Attributes vmAttributes{{"server", "cdp-host.example"}, {"uuid", "01234567-89ab-cdef-0123-456789abcdef"}};
@@ -214,8 +210,8 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
     SCOPED_TRACE(c.code);
     fake::resetPlatform();
     EXPECT_EQ(raise_backup_alert(uuid32, c.code, "12345"), 0);
-    ASSERT_EQ(fake::sentNotifications().size(), 1u);
-    const NotificationEvent& event = fake::sentNotifications()[0];
+    ASSERT_EQ(fake::notifications.sent.size(), 1u);
+    const NotificationEvent& event = fake::notifications.sent[0];
     EXPECT_EQ(event.messageKey + " " + event.severity + " " + event.priority, c.event);
     EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : Attributes{});
     const char raiseAlert[] = "KeepstoneServiceGateway::raiseAlert";
@@ -226,23 +222,25 @@ TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
 }
 
 TEST_F(EngineCallsTest, AlertFailuresNeverReachTheEngine) {
-  fake::notificationScript().constructorThrows = true;
+  fake::notifications.constructorThrows = true;
   EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
   EXPECT_EQ(raise_backup_alert(nullptr, 18, ""), 0);
+  EXPECT_EQ(raise_backup_alert("vm", 18, nullptr), 0);
   const std::vector<fake::LogLine> contained = fake::logLinesOf("raise_backup_alert");
-  ASSERT_EQ(contained.size(), 2u);
+  ASSERT_EQ(contained.size(), 3u);
   EXPECT_EQ(contained[0].level, 16);
   EXPECT_EQ(contained[1].message, "Exception occured: VM identifier is null");
+  EXPECT_EQ(contained[2], (fake::LogLine{16, "raise_backup_alert", "Exception occured: Job id is null"}));
 
-  fake::notificationScript() = fake::NotificationScript{};
+  fake::notifications.constructorThrows = false;
   EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
-  fake::notificationScript().shutdownThrows = true;
+  fake::notifications.shutdownThrows = true;
   EXPECT_EQ(stop_alert_thread(), 0);
   EXPECT_EQ(fake::logLinesOf("stop_alert_thread").back().level, 16);
   // A publisher whose shutdown failed is still there; the next stop ends it.
-  fake::notificationScript().shutdownThrows = false;
+  fake::notifications.shutdownThrows = false;
   EXPECT_EQ(stop_alert_thread(), 0);
-  EXPECT_EQ(fake::suppliersDestroyed(), 1);
+  EXPECT_EQ(fake::notifications.destroyed, 1);
 }
 
 TEST_F(EngineCallsTest, StopAlertThreadLogsEveryTimeAndAlertsMakeANewPublisher) {
@@ -251,11 +249,29 @@ TEST_F(EngineCallsTest, StopAlertThreadLogsEveryTimeAndAlertsMakeANewPublisher) 
   EXPECT_EQ(stop_alert_thread(), 0);
   EXPECT_EQ(stop_alert_thread(), 0);
   EXPECT_EQ(raise_backup_alert("vm", 501, ""), 0);
-  EXPECT_EQ(fake::suppliersConstructed(), 2);
-  EXPECT_EQ(fake::suppliersShutDown(), 1);
+  EXPECT_EQ(fake::notifications.constructed, 2);
+  EXPECT_EQ(fake::notifications.shutDown, 1);
   const fake::LogLine stopping{4, "stop_alert_thread",
                                "Stopping Alert Service thread which publishes the events to master server's MQBroker"};
   EXPECT_EQ(fake::logLinesOf("stop_alert_thread"), std::vector<fake::LogLine>(3, stopping));
+}
+
+TEST_F(EngineCallsTest, StopAlertThreadWaitsForASendInProgress) {
+  std::promise<void> sending;
+  std::promise<void> release;
+  fake::notifications.whileSending = [&, waiting = release.get_future().share()] {
+    sending.set_value();
+    waiting.wait();
+  };
+  std::thread alert([] { raise_backup_alert("vm", 501, ""); });
+  sending.get_future().wait();
+  std::future<int> stopped = std::async(std::launch::async, stop_alert_thread);
+  EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  EXPECT_EQ(fake::notifications.shutDown, 0);
+  release.set_value();
+  alert.join();
+  EXPECT_EQ(stopped.get(), 0);
+  EXPECT_EQ(fake::notifications.shutDown, 1);
 }
 
 }  // namespace

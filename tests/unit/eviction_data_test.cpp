@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <deque>
 #include <vector>
 
@@ -16,7 +18,7 @@ class EvictionListTest : public ::testing::Test {
   void TearDown() override {
     delete_evlist(list_);
     delete_from_vm_list(&requested_);
-    EXPECT_EQ(fake::liveAllocations(), 0);
+    EXPECT_EQ(fake::allocator.live, 0);
   }
 
   evict_vm_info* vm(uint64_t size) {
@@ -50,12 +52,49 @@ TEST_F(EvictionListTest, EqualSizesLeaveTheEarlierInsertOnTop) {
   EXPECT_EQ(order, (std::vector<evict_vm_info*>{&vms_[1], &vms_[2], &vms_[0], &vms_[3]}));
 }
 
-TEST_F(EvictionListTest, DrainsInDescendingUnsignedOrder) {
-  std::vector<uint64_t> drained;
-  for (evict_vm_info* record : fillAndDrain({1, (1ULL << 63) + 1, 7, 0, UINT64_MAX, 7, 3, 1ULL << 63, 42})) {
-    drained.push_back(record->vm_size);
+// The list is a heap in array form: after every change no VM is larger than
+// the one in its parent slot, and a drain gives every VM once, largest first.
+TEST_F(EvictionListTest, EveryChangeKeepsNoVmLargerThanItsParent) {
+  const int kVms = 40;
+  ASSERT_EQ(initialize_evlist(&list_, kVms), 0);
+  const auto heapHolds = [this] {
+    for (int i = 1; i < list_->count; ++i) {
+      if (list_->vms[i]->vm_size > list_->vms[(i - 1) / 2]->vm_size) return false;
+    }
+    return true;
+  };
+  uint64_t random = 7;  // sizes from a fixed sequence, with repeats and with the top bit set
+  for (int i = 0; i < kVms; ++i) {
+    random = random * 6364136223846793005ULL + 1442695040888963407ULL;
+    ASSERT_EQ(insert_vm_into_evlist(list_, vm(random >> 58 << 58)), 0);
+    ASSERT_TRUE(heapHolds()) << "insert " << i;
   }
-  EXPECT_EQ(drained, (std::vector<uint64_t>{UINT64_MAX, (1ULL << 63) + 1, 1ULL << 63, 42, 7, 7, 3, 1, 0}));
+  for (const int index : {0, 5, 17, 39, 40}) {  // a VM that shrank moves down; 40 is past the end
+    if (index < list_->count) list_->vms[index]->vm_size /= 4;
+    EXPECT_EQ(realign_element_in_vm_list(list_, index), 0);
+    ASSERT_TRUE(heapHolds()) << "realign " << index;
+  }
+  std::vector<evict_vm_info*> drained;
+  for (uint64_t previous = UINT64_MAX; list_->count > 0; previous = drained.back()->vm_size) {
+    drained.push_back(get_element_from_evlist(list_));
+    EXPECT_LE(drained.back()->vm_size, previous);
+    EXPECT_EQ(remove_vm_from_evlist(list_), 0);
+    ASSERT_TRUE(heapHolds()) << "remove " << drained.size();
+  }
+  std::sort(drained.begin(), drained.end());
+  EXPECT_EQ(std::unique(drained.begin(), drained.end()) - drained.begin(), kVms);
+}
+
+// After a removal the slot past the last VM still holds the VM that moved
+// to the top; here it is as large as the VM it stayed above.
+TEST_F(EvictionListTest, RealignTakesNothingFromPastTheLastSlot) {
+  ASSERT_EQ(initialize_evlist(&list_, 7), 0);
+  for (uint64_t size : {20, 1, 9, 0, 0, 5, 9}) ASSERT_EQ(insert_vm_into_evlist(list_, vm(size)), 0);
+  ASSERT_EQ(remove_vm_from_evlist(list_), 0);
+  list_->vms[2]->vm_size = 0;
+  EXPECT_EQ(realign_element_in_vm_list(list_, 2), 0);
+  EXPECT_EQ(list_->vms[2]->vm_size, 5u);
+  EXPECT_EQ(list_->vms[5]->vm_size, 0u);
 }
 
 TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
@@ -75,16 +114,36 @@ TEST_F(EvictionListTest, NullAndEmptyArgumentsGetTheirCodes) {
   EXPECT_EQ(get_from_vm_list(&requested_), nullptr);
   EXPECT_EQ(get_from_vm_list(nullptr), nullptr);
   EXPECT_EQ(delete_from_vm_list(nullptr), 0);
-  EXPECT_EQ(fake::allocationCalls().size(), 2u);  // the list's own two blocks
+  EXPECT_EQ(fake::allocator.callers.size(), 2u);  // the list's own two blocks
+  delete_evlist(list_);
+  ASSERT_EQ(initialize_evlist(&list_, 0), 0);  // a list without slots
+  EXPECT_EQ(insert_vm_into_evlist(list_, vm(1)), 1);
+  EXPECT_EQ(remove_vm_from_evlist(list_), 2);
+}
+
+// The allocator's bookkeeping learns which list function took and gave back
+// each block.
+TEST_F(EvictionListTest, EveryBlockNamesTheListFunctionThatTookOrReleasedIt) {
+  ASSERT_EQ(initialize_evlist(&list_, 1), 0);
+  ASSERT_EQ(insert_into_vm_list(&requested_, vm(1)), 0);
+  ASSERT_EQ(insert_into_vm_list(&requested_, vm(2)), 0);
+  get_from_vm_list(&requested_);
+  delete_from_vm_list(&requested_);
+  delete_evlist(list_);
+  list_ = nullptr;
+  EXPECT_EQ(fake::allocator.callers, (std::vector<std::string>{"initialize_evlist", "initialize_evlist", "insert_into_vm_list",
+                                               "insert_into_vm_list"}));
+  EXPECT_EQ(fake::allocator.releases,
+            (std::vector<std::string>{"get_from_vm_list", "delete_from_vm_list", "delete_evlist", "delete_evlist"}));
 }
 
 TEST_F(EvictionListTest, FailedInitializeLeavesNothingAllocated) {
   for (int failingCall : {1, 2}) {  // the list record, then the slot array
     SCOPED_TRACE(failingCall);
-    fake::failAllocationNumber(failingCall);
+    fake::allocator.failAt = failingCall;
     EXPECT_EQ(initialize_evlist(&list_, 8), -1);
     EXPECT_EQ(list_, nullptr);
-    EXPECT_EQ(fake::liveAllocations(), 0);
+    EXPECT_EQ(fake::allocator.live, 0);
   }
   EXPECT_EQ(initialize_evlist(&list_, -1), -1);
   EXPECT_EQ(list_, nullptr);
@@ -95,10 +154,10 @@ TEST_F(EvictionListTest, NodeListIsLastInFirstOutAndKeepsItselfWhenANodeCannotBe
   evict_vm_info* second = vm(2);
   ASSERT_EQ(insert_into_vm_list(&requested_, first), 0);
   ASSERT_EQ(insert_into_vm_list(&requested_, second), 0);
-  fake::failAllocationNumber(1);
+  fake::allocator.failAt = 1;
   EXPECT_EQ(insert_into_vm_list(&requested_, vm(3)), 3);
   EXPECT_EQ(get_from_vm_list(&requested_), second);
-  EXPECT_EQ(fake::liveAllocations(), 1);  // the unlinked node went back
+  EXPECT_EQ(fake::allocator.live, 1);  // the unlinked node went back
   ASSERT_NE(requested_, nullptr);
   EXPECT_EQ(requested_->vm, first);
   EXPECT_EQ(requested_->next, nullptr);

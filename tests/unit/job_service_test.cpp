@@ -26,7 +26,7 @@ class JobServiceTest : public ::testing::Test {
     job_.jobState = "before";
     job_.jobStatus = 9;
   }
-  void TearDown() override { EXPECT_EQ(fake::liveCurlClients(), 0); }
+  void TearDown() override { EXPECT_EQ(fake::curl.live, 0); }
 
   std::string poll() {
     return unit::serviceError([this] { JobServiceImpl().handleRequest(&job_); });
@@ -55,21 +55,21 @@ TEST_F(JobServiceTest, PollsOnlyWhileTheServerDoesNotKnowTheJob) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SetUp();
-    fake::curlScript().answers.assign(c.answers.begin(), c.answers.end());
+    fake::curl.answers.assign(c.answers.begin(), c.answers.end());
     EXPECT_EQ(poll(), c.error);
-    ASSERT_EQ(fake::curlClients().size(), c.requests);
-    for (const fake::CurlClientRecord& client : fake::curlClients()) {
+    ASSERT_EQ(fake::curl.clients.size(), c.requests);
+    for (const fake::CurlClientRecord& client : fake::curl.clients) {
       EXPECT_EQ(client.requests, std::vector<std::string>{"get " + path});  // a client each
     }
     EXPECT_EQ(fake::logLinesOf(kLogName), (std::vector<fake::LogLine>{{4, kLogName, "Invoking jobs URI: " + path}}));
-    ASSERT_EQ(fake::pauses().size(), c.pauses);
-    for (const timespec& pause : fake::pauses()) EXPECT_EQ(pause.tv_sec * 1000000000 + pause.tv_nsec, 3000000000);
+    ASSERT_EQ(fake::pauses.size(), c.pauses);
+    for (const timespec& pause : fake::pauses) EXPECT_EQ(pause.tv_sec * 1000000000 + pause.tv_nsec, 3000000000);
     EXPECT_EQ(job_.jobState + " " + std::to_string(job_.jobStatus), c.error.empty() ? "ACTIVE 0" : "before 9");
   }
 }
 
 TEST_F(JobServiceTest, RestClientFailureBecomesAServiceFailureWithItsCode) {
-  fake::curlScript().requestThrows = std::make_exception_ptr(KSCurlWrapperException(7, "connection reset"));
+  fake::curl.requestThrows = std::make_exception_ptr(KSCurlWrapperException(7, "connection reset"));
   EXPECT_EQ(poll(), "7 connection reset");
   EXPECT_EQ(job_.jobState, "before");
   EXPECT_EQ(fake::logLinesOf(kLogName).back(),
@@ -86,7 +86,7 @@ TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {
       {R"({"data":{"attributes":{"state":"ACTIVE"}}})", "ACTIVE -7"},  // status left as it was
       {R"({"data":{"attributes":{"state":"DONE","status":4294967297}}})", "DONE 1"},
       {R"({"data":{"attributes":{"state":"DONE","status":"3"}}})", "DONE 0"},
-      {"", kUnparsable},
+      {R"({"data":{"attributes":{"state":"ACTIVE"}},"data":{"attributes":{"state":"DONE","status":2}}})", "DONE 2"},
       {R"({"data":{"attributes":{"state":"DONE"}})", kUnparsable},
       {R"({"errorCode":404,"errorMessage":"No job"})", kMissing + "data"},
       {R"([{"data":{"attributes":{"state":"DONE"}}}])", kMissing + "data"},

@@ -14,7 +14,7 @@ class RestClientTest : public ::testing::Test {
  protected:
   void SetUp() override { fake::resetPlatform(); }
   // Every client is gone again, whichever way makeRequest left.
-  void TearDown() override { EXPECT_EQ(fake::liveCurlClients(), 0); }
+  void TearDown() override { EXPECT_EQ(fake::curl.live, 0); }
 
   // makeRequest into a response that holds earlier values.
   int request(int32_t type, const std::string& payload = "") {
@@ -34,10 +34,10 @@ class RestClientTest : public ::testing::Test {
 };
 
 TEST_F(RestClientTest, ClientGetsTheFirstServerAndTheFixedArguments) {
-  fake::configScript().servers = {"master.example", "second.example"};
+  fake::config.servers = {"master.example", "second.example"};
   EXPECT_EQ(request(1, R"({"policy":"gold"})"), 0);
-  ASSERT_EQ(fake::curlClients().size(), 1u);
-  const fake::CurlClientRecord& client = fake::curlClients()[0];
+  ASSERT_EQ(fake::curl.clients.size(), 1u);
+  const fake::CurlClientRecord& client = fake::curl.clients[0];
   EXPECT_EQ(client.arguments, "master.example|1556|1|1|0||1|0|0|||||||0|0||0");
   EXPECT_EQ(client.acceptMediaTypes, std::vector<std::string>{"application/vnd.keepstone+json;version=6.0"});
   EXPECT_EQ(client.requests, std::vector<std::string>{R"(post keepstone/admin/jobs/7 {"policy":"gold"})"});
@@ -55,7 +55,7 @@ TEST_F(RestClientTest, AnswerFillsTheResponseAndIsLogged) {
   };
   for (const auto& c : cases) {
     fake::resetPlatform();
-    fake::curlScript().answers = {c.answer};
+    fake::curl.answers = {c.answer};
     EXPECT_EQ(request(0), c.result);
     EXPECT_EQ(response(), c.response);
     const std::string logged = "Curl request status: " + std::to_string(c.answer.code) + ", message: " + c.answer.body;
@@ -66,12 +66,12 @@ TEST_F(RestClientTest, AnswerFillsTheResponseAndIsLogged) {
 TEST_F(RestClientTest, UnsupportedRequestTypeLeavesTheResponseAlone) {
   for (const int32_t type : {2, -1}) {
     fake::resetPlatform();
-    fake::curlScript().answers = {{200, "never read", {}, {}}};
+    fake::curl.answers = {{200, "never read", {}, {}}};
     EXPECT_EQ(request(type), 20);
     EXPECT_EQ(response(), "77|earlier body|earlier warning");
     const fake::LogLine unsupported{16, kLogName, "Unsupported request type specified."};
     EXPECT_EQ(fake::logLinesOf(kLogName), std::vector<fake::LogLine>{unsupported});
-    EXPECT_TRUE(fake::curlClients().at(0).requests.empty());
+    EXPECT_TRUE(fake::curl.clients.at(0).requests.empty());
   }
 }
 

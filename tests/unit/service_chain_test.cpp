@@ -3,12 +3,14 @@
 
 #include <map>
 #include <string>
+#include <thread>
 
 #include "fake_platform.h"
 #include "service_error.h"
 #include "services/AlertServiceImpl.h"
 #include "services/BackupServiceImpl.h"
 #include "services/JobServiceImpl.h"
+#include "services/KSServiceFactory.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -43,6 +45,20 @@ TEST(ServiceRecords, InsertAttributeKeepsTheFirstValue) {
   EXPECT_EQ(alert.attributes, (std::map<std::string, std::string>{{"", ""}, {"uuid", "a"}}));
 }
 
+TEST(ServiceFactory, OneInstancePerThreadUntilDestroyed) {
+  KSServiceFactory* const first = KSServiceFactory::getInstance();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(KSServiceFactory::getInstance(), first);
+  KSServiceFactory* otherThreads = nullptr;
+  std::thread([&otherThreads] {
+    otherThreads = KSServiceFactory::getInstance();
+    KSServiceFactory::destroyInstance();
+  }).join();
+  EXPECT_NE(otherThreads, nullptr);
+  EXPECT_NE(otherThreads, first);
+  KSServiceFactory::destroyInstance();
+}
+
 TEST(ServiceChain, ForwardsTheSameRecordAndReturnsTheLastResult) {
   RecordingHandler first("a", 1), second("b", 2), third("c", 7);
   first.setNext(&second)->setNext(&third);  // setNext returns its argument
@@ -74,7 +90,7 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   for (KSUServiceImpl* handler : std::initializer_list<KSUServiceImpl*>{&backup, &job, &host, &alert}) {
     handler->setNext(&successor);
   }
-  fake::resetLog();
+  fake::logLines.clear();
   AlertServiceData alertRecord;
   EvictionServiceData evictionRecord;
   const std::string notForWorker = "20 Invalid shared common object is passed to worker service";
@@ -95,10 +111,10 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
   };
   for (const auto& c : cases) EXPECT_EQ(unit::serviceError([&] { c.handler->handleRequest(c.record); }), c.error);
   EXPECT_EQ(successor.visits_, 0);
-  EXPECT_TRUE(fake::logLines().empty());
-  EXPECT_TRUE(fake::ksqdCalls().empty());
-  EXPECT_TRUE(fake::curlClients().empty());
-  EXPECT_EQ(fake::suppliersConstructed(), 0);
+  EXPECT_TRUE(fake::logLines.empty());
+  EXPECT_TRUE(fake::ksqd.calls.empty());
+  EXPECT_TRUE(fake::curl.clients.empty());
+  EXPECT_EQ(fake::notifications.constructed, 0);
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 //   kscdp_alert_raiser FIRST LAST [--file-size-limit BYTES] [--then-wait]
 //
 // Event n has the message key "eventlog.omra.ksu.cdp.fullsync.done" and the
-// one attribute "seq" = n. Prints "accepted <count>" once every event was
+// one attribute "seq" = n. Prints "accepted <count> pid <pid>" once every event was
 // handed over; then waits to be killed (--then-wait) or shuts the supplier
 // down and exits 0 when every event was accepted. With a file-size limit,
 // writes beyond it fail with EFBIG, as on a full disk.
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
                               "eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(n)}}};
       if (supplier.send_notification(event) == 0) ++accepted;
     }
-    std::printf("accepted %ld\n", accepted);
+    std::printf("accepted %ld pid %d\n", accepted, static_cast<int>(getpid()));
     std::fflush(stdout);
     while (wait) pause();
     supplier.shutdown();

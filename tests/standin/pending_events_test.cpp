@@ -1,0 +1,70 @@
+// The notification publisher's queue, driven the way its connection drives
+// it: hand over, acknowledge, lose the connection, hand over again.
+#include "platform/standin/pending_events.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+// A connection that takes payloads while it has room, numbering them from
+// `nextId`, and notes what it was given.
+struct Connection {
+  size_t room;
+  int nextId;
+  std::vector<std::string> given;
+
+  standin::PendingEvents::Publish publish() {
+    return [this](const std::string& payload, int* messageId) {
+      if (given.size() >= room) return false;
+      given.push_back(payload);
+      *messageId = nextId++;
+      return true;
+    };
+  }
+};
+
+TEST(PendingEvents, HandsOverOldestFirstWithinTheWindowAndKeepsTheUnacknowledgedInPlace) {
+  standin::PendingEvents events(4);
+  events.push("a", 11);
+  events.push("b", 0);
+  events.push("c", 13);
+  EXPECT_FALSE(events.full());
+  events.push("d", 0);
+  EXPECT_TRUE(events.full());
+
+  Connection first{10, 1, {}};
+  events.handOver(3, first.publish());
+  EXPECT_EQ(first.given, (std::vector<std::string>{"a", "b", "c"}));
+  events.handOver(3, first.publish());  // the window is full
+  EXPECT_EQ(first.given.size(), 3u);
+
+  EXPECT_EQ(events.acknowledge(2), 0);   // "b", in memory only
+  EXPECT_EQ(events.acknowledge(2), 0);   // already done
+  EXPECT_EQ(events.acknowledge(4), 0);   // "d" was never handed over
+  EXPECT_EQ(events.acknowledge(1), 11);  // "a"
+  EXPECT_EQ(events.size(), 2u);
+  EXPECT_FALSE(events.full());
+
+  events.handOver(3, first.publish());
+  EXPECT_EQ(first.given, (std::vector<std::string>{"a", "b", "c", "d"}));
+
+  // The connection goes before "c" and "d" are acknowledged: the next one
+  // gets them again, in order, until it refuses one.
+  events.takeBack();
+  EXPECT_EQ(events.acknowledge(3), 0);
+  Connection second{1, 1, {}};
+  events.handOver(3, second.publish());
+  EXPECT_EQ(second.given, std::vector<std::string>{"c"});
+  events.push("e", 15);
+  EXPECT_EQ(events.acknowledge(1), 13);
+
+  const standin::PendingEvents::Dropped dropped = events.clear();
+  EXPECT_EQ(dropped.inOutbox, 1u);      // "e"
+  EXPECT_EQ(dropped.inMemoryOnly, 1u);  // "d"
+  EXPECT_EQ(events.size(), 0u);
+}
+
+}  // namespace
