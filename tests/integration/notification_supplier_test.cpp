@@ -174,7 +174,9 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
   sendNumbered(&supplier, 5001, 5050, sent);
   rig.broker.start();
   sendNumbered(&supplier, 5051, 10000, sent);
-  supplier.shutdown();  // before the publisher is back: shutdown delivers what waits
+  ASSERT_EQ(rig.receivedOnce(sent), sent);
+  sendNumbered(&supplier, 10001, 10020, sent);
+  supplier.shutdown();  // shutdown delivers what waits
 
   EXPECT_EQ(rig.receivedOnce(sent), sent);
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()));
