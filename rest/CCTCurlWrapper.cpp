@@ -1,7 +1,7 @@
 #include "rest/CCTCurlWrapper.h"
 
 #include <boost/scoped_ptr.hpp>
-#include <sstream>
+#include <string>
 
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
@@ -76,8 +76,7 @@ int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse
   int result = client->getHttpHeaderField(WARNING_HEADER, response.warning);
   if (result == HEADER_ABSENT) result = 0;
 
-  std::ostringstream message;
-  message << "Curl request status: " << response.statusCode << ", message: " << response.message;
-  ksu_logmsg_str(PROGRESS_LEVEL, MAKE_REQUEST_LOG_NAME, message.str());
+  ksu_logmsg_str(PROGRESS_LEVEL, MAKE_REQUEST_LOG_NAME,
+                 "Curl request status: " + std::to_string(response.statusCode) + ", message: " + response.message);
   return result;
 }

@@ -25,7 +25,8 @@ struct KSClientCURL::State {
   std::string baseUrl;     // no trailing slash added or removed
   std::string urlProblem;  // why `rest_url` cannot be used; empty when it can
   standin::CurlSettings settings;
-  std::string accept;  // empty: no Accept header at all
+  // "Accept:" without a value stops libcurl from sending its own "*/*".
+  std::string acceptHeader = "Accept:";
   // The last exchange; kept for the headers of its answer.
   std::unique_ptr<standin::CurlExchange> last;
 
@@ -45,9 +46,8 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
     return CURLE_UNSUPPORTED_PROTOCOL;
   }
   last.reset(new standin::CurlExchange);
-  // "Accept:" without a value stops libcurl from sending its own "*/*";
-  // "Expect:" stops it from holding a large POST back for a 100-continue.
-  bool headersReady = last->addHeader("Accept:" + (accept.empty() ? "" : " " + accept));
+  // "Expect:" stops libcurl from holding a large POST back for a 100-continue.
+  bool headersReady = last->addHeader(acceptHeader);
   if (payload != nullptr) {
     headersReady = headersReady && last->addHeader("Content-Type: application/json") && last->addHeader("Expect:");
   }
@@ -78,7 +78,9 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlS
 
 KSClientCURL::~KSClientCURL() { delete m_state; }
 
-void KSClientCURL::setupAcceptCurlOption(std::string mediaType) { m_state->accept = std::move(mediaType); }
+void KSClientCURL::setupAcceptCurlOption(std::string mediaType) {
+  m_state->acceptHeader = mediaType.empty() ? "Accept:" : "Accept: " + mediaType;
+}
 
 int KSClientCURL::get(const std::string& path) {
   return m_state->exchange(path, nullptr, m_responseCode, m_responseBody);

@@ -3,9 +3,11 @@
 // appended to the file named by KSU_LOG_FILE, else stderr. The file is
 // reopened when it was moved or removed (logrotate's move-and-create), which
 // is noticed by comparing the open file with the path at most once a second.
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -78,6 +80,25 @@ FILE* sink() REQUIRES(g_mutex) {
   return g_sink.file;
 }
 
+// This process's id, asked of the kernel once and again in a forked child.
+std::atomic<pid_t> g_pid{0};
+
+void forgetPid() { g_pid.store(0, std::memory_order_relaxed); }
+
+// Registered when the library loads; a forked child then asks for its own id.
+struct ForgetPidInForkedChild {
+  ForgetPidInForkedChild() { pthread_atfork(nullptr, nullptr, &forgetPid); }
+} g_forgetPidInForkedChild;
+
+pid_t processId() {
+  pid_t pid = g_pid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = getpid();
+    g_pid.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
 // Backslash and control bytes are escaped so that a record stays one line;
 // the runs of bytes between them are copied whole.
 void appendEscaped(std::string& out, const std::string& message) {
@@ -132,7 +153,7 @@ int ksu_logmsg_str(int level, const std::string& function, const std::string& me
   line.reserve(64 + function.size() + message.size());
   appendTimestamp(line);
   line += ' ';
-  line += std::to_string(getpid());
+  line += std::to_string(processId());
   line += ' ';
   line += std::to_string(level);
   line += ' ';

@@ -1,4 +1,5 @@
 // The stand-in master configuration and log, through their real files.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -59,6 +60,18 @@ TEST(StandinLog, WritesOneEscapedRecordALine) {
   const std::regex expected(stamp + " 16 Some::function: a\\\\\\\\b\\\\nc\\\\rd\\\\te\\\\x01\\\\x1f" +
                             "f\x7f\xc3\xa9 \"q\"\n" + stamp + " 2 other: \n");
   EXPECT_TRUE(std::regex_match(added, expected)) << added;
+}
+
+TEST(StandinLog, AForkedChildWritesItsOwnProcessId) {
+  ksu_logmsg_str(2, "parent", "");
+  const pid_t child = fork();
+  if (child == 0) {
+    ksu_logmsg_str(2, "child", "");
+    _exit(0);
+  }
+  ASSERT_GT(child, 0);
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  EXPECT_NE(integration::logText().find(" " + std::to_string(child) + " 2 child: \n"), std::string::npos);
 }
 
 }  // namespace
