@@ -158,17 +158,14 @@ int countInstructions(const std::string& contender) {
   return measured ? 0 : 1;
 }
 
-// Several repetitions (run.sh interleaves them): the summary compares medians.
-BENCHMARK(LibraryPolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
-BENCHMARK(CurlKeepAliveParsePolls)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->Repetitions(5)
+// Nine repetitions each, interleaved by run.sh: the summary compares medians,
+// which a passing burst of load on the machine moves less than a mean.
+const int kRepetitions = 9;
+BENCHMARK(LibraryPolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
     ->ReportAggregatesOnly(true);
-BENCHMARK(CurlKeepAliveOnlyPolls)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->Repetitions(5)
+BENCHMARK(CurlKeepAliveParsePolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(CurlKeepAliveOnlyPolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
     ->ReportAggregatesOnly(true);
 
 }  // namespace
