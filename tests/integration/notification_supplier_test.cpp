@@ -116,11 +116,6 @@ Raiser startRaiser(const std::string& arguments, const std::string& logFile) {
   return raiser;
 }
 
-std::string fileText(const std::string& path) {
-  std::ifstream file(path);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
 class NotificationSupplierTest : public integration::StandinTest {
  protected:
   // Waits up to 10 s for `text` to appear in the log of this test.
@@ -254,7 +249,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath("")))
     if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
   ASSERT_EQ(setAside.size(), 1u);
-  EXPECT_EQ(fileText(setAside[0]), garbage);
+  EXPECT_EQ(integration::fileText(setAside[0]), garbage);
 }
 
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
@@ -267,7 +262,7 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   Messages sent;
   sendNumbered(nullptr, 1, 300, sent);
   EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const std::string logged = fileText(log);
+  const std::string logged = integration::fileText(log);
   const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
   EXPECT_THAT(logged, HasSubstr(failure));
   // A checkpoint may make room for a while: one line per run of failures.
