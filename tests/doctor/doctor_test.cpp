@@ -61,11 +61,6 @@ const std::vector<DoctorCase> kCases = {
     {"all_well", kAllWell, "ok ok ok ok ok ok ok", nullptr},
 };
 
-struct JsonRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, JsonRelease>;
-
 struct DoctorRun {
   int exitStatus = -1;
   std::string output;
@@ -137,7 +132,7 @@ TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   const DoctorRun run = runDoctor("--json");
   EXPECT_LT(run.seconds, 10.0);
 
-  Json document(json_loads(run.output.c_str(), 0, nullptr));
+  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
   ASSERT_NE(document, nullptr) << run.output;
   json_t* checks = json_object_get(document.get(), "checks");
   std::string ids, statuses, firstFailure;
