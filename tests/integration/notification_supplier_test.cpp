@@ -62,16 +62,12 @@ std::string payloadWithKey(const std::string& key, const std::string& attributes
          key + R"(","attributes":{)" + attributes + "}}";
 }
 
-// Event `number` of a numbered series, as kscdp_alert_raiser raises it too.
-NotificationEvent numberedEvent(int number) {
-  return eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
-}
-
-// Adds the payloads of events first..last to `sent`, after sending each
-// through `supplier` (when there is one), which must accept it.
+// Adds the payloads of events first..last of a numbered series, as
+// kscdp_alert_raiser raises it too, to `sent`, after sending each through
+// `supplier` (when there is one), which must accept it.
 void sendNumbered(NotificationSupplier* supplier, int first, int last, Messages& sent) {
   for (int number = first; number <= last; ++number) {
-    NotificationEvent event = numberedEvent(number);
+    NotificationEvent event = eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
     EXPECT_TRUE(supplier == nullptr || supplier->send_notification(event) == 0) << number;
     sent.push_back(standin::notificationPayload(event));
   }
