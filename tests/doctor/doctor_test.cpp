@@ -4,15 +4,11 @@
 // doctor must name the broken link, end in time, and start no backup.
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <stdlib.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -21,6 +17,7 @@
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
+#include "standin_environment.h"
 
 namespace {
 
@@ -64,28 +61,18 @@ const std::vector<DoctorCase> kCases = {
     {"all_well", kAllWell, "ok ok ok ok ok ok ok", nullptr},
 };
 
-struct JsonRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, JsonRelease>;
-
 struct DoctorRun {
   int exitStatus = -1;
   std::string output;
   double seconds = 0;
 };
 
-// What every case of the suite shares: a directory for the configuration,
-// log and outbox, a master simulator, one of another release (another jobs
-// media type), a broker, and a loopback port where nothing listens.
+// What every case of the suite shares besides the configuration and log
+// files (standin_environment.h), which the doctor finds through the
+// environment it inherits: a master simulator, one of another release
+// (another jobs media type), a broker, and a loopback port where nothing
+// listens.
 struct Surroundings {
-  Surroundings() {
-    char pattern[] = "/tmp/kscdp-doctor-test-XXXXXX";
-    directory = mkdtemp(pattern) != nullptr ? pattern : "";
-  }
-  ~Surroundings() { std::filesystem::remove_all(directory); }
-
-  std::string directory;
   master_sim::MasterSimulator master;
   master_sim::MasterSimulator otherReleaseMaster{[] {
     master_sim::MasterSimulatorOptions otherRelease;
@@ -100,13 +87,10 @@ class DoctorTest : public ::testing::TestWithParam<DoctorCase> {
  protected:
   static void SetUpTestSuite() {
     at_ = new Surroundings;
-    ASSERT_FALSE(at_->directory.empty());
     ASSERT_TRUE(at_->master.start());
     ASSERT_TRUE(at_->otherReleaseMaster.start());
   }
   static void TearDownTestSuite() { delete at_; }
-
-  static std::string configPath() { return at_->directory + "/keepstone.conf"; }
 
   static void writeConfig(std::string text) {
     const std::string down = "127.0.0.1:" + std::to_string(at_->downPort);
@@ -117,16 +101,13 @@ class DoctorTest : public ::testing::TestWithParam<DoctorCase> {
     for (const auto& [name, value] : placeholders) {
       for (size_t at = text.find(name); at != std::string::npos; at = text.find(name)) text.replace(at, name.size(), value);
     }
-    text += "outbox = " + at_->directory + "/outbox.db\n";
-    std::ofstream(configPath(), std::ios::trunc) << text;
+    integration::writeConfig(text + "outbox = " + integration::scratchPath("outbox.db") + "\n");
   }
 
   static DoctorRun runDoctor(const std::string& arguments) {
-    const std::string command = "KEEPSTONE_CONF=" + configPath() + " KSU_LOG_FILE=" + at_->directory + "/ksu.log " +
-                                KSCDP_DOCTOR_PATH + " " + arguments;
     DoctorRun run;
     const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = popen((KSCDP_DOCTOR_PATH " " + arguments).c_str(), "r");
     if (pipe == nullptr) return run;
     char buffer[4096];
     for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, got);
@@ -146,12 +127,12 @@ TEST_P(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   if (test.config != nullptr) {
     writeConfig(test.config);
   } else {
-    std::remove(configPath().c_str());
+    integration::removeConfig();
   }
   const DoctorRun run = runDoctor("--json");
   EXPECT_LT(run.seconds, 10.0);
 
-  Json document(json_loads(run.output.c_str(), 0, nullptr));
+  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
   ASSERT_NE(document, nullptr) << run.output;
   json_t* checks = json_object_get(document.get(), "checks");
   std::string ids, statuses, firstFailure;

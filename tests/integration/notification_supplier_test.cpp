@@ -62,16 +62,12 @@ std::string payloadWithKey(const std::string& key, const std::string& attributes
          key + R"(","attributes":{)" + attributes + "}}";
 }
 
-// Event `number` of a numbered series, as kscdp_alert_raiser raises it too.
-NotificationEvent numberedEvent(int number) {
-  return eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
-}
-
-// Adds the payloads of events first..last to `sent`, after sending each
-// through `supplier` (when there is one), which must accept it.
+// Adds the payloads of events first..last of a numbered series, as
+// kscdp_alert_raiser raises it too, to `sent`, after sending each through
+// `supplier` (when there is one), which must accept it.
 void sendNumbered(NotificationSupplier* supplier, int first, int last, Messages& sent) {
   for (int number = first; number <= last; ++number) {
-    NotificationEvent event = numberedEvent(number);
+    NotificationEvent event = eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
     EXPECT_TRUE(supplier == nullptr || supplier->send_notification(event) == 0) << number;
     sent.push_back(standin::notificationPayload(event));
   }
@@ -116,11 +112,6 @@ Raiser startRaiser(const std::string& arguments, const std::string& logFile) {
   return raiser;
 }
 
-std::string fileText(const std::string& path) {
-  std::ifstream file(path);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
 class NotificationSupplierTest : public integration::StandinTest {
  protected:
   // Waits up to 10 s for `text` to appear in the log of this test.
@@ -134,28 +125,17 @@ class NotificationSupplierTest : public integration::StandinTest {
   }
 };
 
+// Keys and attribute names go through the JSON string writer; attributes
+// come out in name order.
 TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
-  // Keys and attribute names go through the JSON string writer.
-  const struct {
-    std::string text;
-    std::string json;
-  } keys[] = {
-      {"eventlog.omra.ksu.cdp.eviction.start", "eventlog.omra.ksu.cdp.eviction.start"},
-      {"", ""},
-      {"a\"b\x80", "a\\\"b\xEF\xBF\xBD"},
-  };
   BrokerWithSubscriber rig({});
   NotificationSupplier supplier;
-  Messages expected;
-  for (const auto& key : keys) {
-    NotificationEvent event = eventWithKey(key.text);
-    EXPECT_EQ(supplier.send_notification(event), 0);
-    expected.push_back(payloadWithKey(key.json));
-  }
-  NotificationEvent attributed = eventWithKey("k", {{"uuid", "u"}, {"\xFF", "x"}, {"jobid", "7"}});
-  EXPECT_EQ(supplier.send_notification(attributed), 0);
-  expected.push_back(payloadWithKey("k", "\"jobid\":\"7\",\"uuid\":\"u\",\"\xEF\xBF\xBD\":\"x\""));
-
+  NotificationEvent plain = eventWithKey("eventlog.omra.ksu.cdp.eviction.start");
+  NotificationEvent escaped = eventWithKey("a\"b\x80", {{"uuid", "u"}, {"\xFF", "x"}, {"jobid", "7"}});
+  EXPECT_EQ(supplier.send_notification(plain), 0);
+  EXPECT_EQ(supplier.send_notification(escaped), 0);
+  const Messages expected = {payloadWithKey("eventlog.omra.ksu.cdp.eviction.start"),
+                             payloadWithKey("a\\\"b\xEF\xBF\xBD", "\"jobid\":\"7\",\"uuid\":\"u\",\"\xEF\xBF\xBD\":\"x\"")};
   EXPECT_EQ(rig.subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
   supplier.shutdown();
   EXPECT_THAT(newLog(), Not(HasSubstr(" 16 NotificationSupplier")));
@@ -265,7 +245,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath("")))
     if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
   ASSERT_EQ(setAside.size(), 1u);
-  EXPECT_EQ(fileText(setAside[0]), garbage);
+  EXPECT_EQ(integration::fileText(setAside[0]), garbage);
 }
 
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
@@ -278,7 +258,7 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   Messages sent;
   sendNumbered(nullptr, 1, 300, sent);
   EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const std::string logged = fileText(log);
+  const std::string logged = integration::fileText(log);
   const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
   EXPECT_THAT(logged, HasSubstr(failure));
   // A checkpoint may make room for a while: one line per run of failures.
@@ -357,51 +337,34 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
-TEST(BrokerSettings, TlsSettingsComeFromTheConfigurationFile) {
+// The address comes from "broker", else the first master server; TLS moves
+// the default port.
+TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
   const struct {
     const char* config;
-    int port;           // 0: refused
-    const char* error;  // what the refusal names
+    const char* address;  // null: refused
+    const char* error;    // what the refusal names
   } cases[] = {
-      {"server = m\nbroker_tls = on\n", 8883, ""},
-      {"server = m\nbroker = m:1884\nbroker_tls = on\n", 1884, ""},
-      {"server = m\nbroker_tls = yes\n", 0, "broker_tls"},
-      {"server = m\nbroker_tls = on\nbroker_cert_file = c.pem\n", 0, "broker_key_file"},
-      {"server = m\nbroker_ca_file = ca.pem\n", 0, "broker_tls = on"},
+      {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9:18830", ""},
+      {"server = master.example\nserver = media.example\nbroker =\n", "master.example:1883", ""},
+      {"server = fe80::1%eth0\n", "fe80::1%eth0:1883", ""},
+      {"server = m\nbroker_tls = on\n", "m:8883", ""},
+      {"server = m\nbroker = m:1884\nbroker_tls = on\n", "m:1884", ""},
+      {"server = m\nbroker = m:65536\n", nullptr, "keepstone.conf"},
+      {"host_name = h\n", nullptr, "keepstone.conf"},
+      {"server = m\nbroker_tls = yes\n", nullptr, "broker_tls"},
+      {"server = m\nbroker_tls = on\nbroker_cert_file = c.pem\n", nullptr, "broker_key_file"},
+      {"server = m\nbroker_ca_file = ca.pem\n", nullptr, "broker_tls = on"},
   };
   for (const auto& c : cases) {
     integration::writeConfig(c.config);
     standin::BrokerSettings settings;
     std::string error;
-    ASSERT_EQ(standin::readBrokerSettings(settings, error), c.port != 0) << c.config;
-    if (c.port != 0) {
-      EXPECT_EQ(settings.address.port, c.port) << c.config;
+    ASSERT_EQ(standin::readBrokerSettings(settings, error), c.address != nullptr) << c.config;
+    if (c.address != nullptr) {
+      EXPECT_EQ(settings.address.host + ":" + std::to_string(settings.address.port), c.address);
     }
     EXPECT_THAT(error, HasSubstr(c.error)) << c.config;
-  }
-}
-
-TEST(BrokerAddress, ComesFromTheConfigurationFileElseTheMasterServer) {
-  const struct {
-    const char* config;
-    const char* address;  // null: none, and an error naming the file
-  } cases[] = {
-      {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9:18830"},
-      {"server = master.example\nserver = media.example\nbroker =\n", "master.example:1883"},
-      {"server = fe80::1%eth0\n", "fe80::1%eth0:1883"},
-      {"server = m\nbroker = m:65536\n", nullptr},
-      {"host_name = h\n", nullptr},
-  };
-  for (const auto& c : cases) {
-    integration::writeConfig(c.config);
-    standin::BrokerAddress address;
-    std::string error;
-    ASSERT_EQ(standin::readBrokerAddress(address, error), c.address != nullptr) << c.config;
-    if (c.address == nullptr) {
-      EXPECT_THAT(error, HasSubstr("keepstone.conf")) << c.config;
-    } else {
-      EXPECT_EQ(address.host + ":" + std::to_string(address.port), c.address);
-    }
   }
 }
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace integration {
 namespace {
@@ -50,12 +50,12 @@ void removeConfig() { std::remove(configPath().c_str()); }
 
 std::string scratchPath(const std::string& name) { return g_directory + "/" + name; }
 
-std::string logText() {
-  std::ifstream file(logPath());
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
+std::string fileText(const std::string& path) {
+  std::ifstream file(path);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
+
+std::string logText() { return fileText(logPath()); }
 
 void MasterOnLoopback::SetUp() {
   ASSERT_TRUE(master_.start());

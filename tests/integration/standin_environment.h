@@ -20,6 +20,9 @@ void removeConfig();
 // A path in the program's temporary directory, for files such as an outbox.
 std::string scratchPath(const std::string& name);
 
+// The text of the file at `path`; "" when there is none.
+std::string fileText(const std::string& path);
+
 // Everything logged so far. The log file only grows, so a test notes its size
 // before acting and reads what came after.
 std::string logText();

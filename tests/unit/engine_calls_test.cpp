@@ -125,7 +125,12 @@ TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
               "eventlog.omra.ksu.cdp.eviction.failed vm30");
   }
   // Each pass logs the VM, then the same text with the failure appended.
-  EXPECT_EQ(fake::logLinesOf(kEvictionLog).size(), 6u);
+  const std::vector<fake::LogLine> passes = fake::logLinesOf(kEvictionLog);
+  const std::string vm30 = "VM: vm30\nPolicy: policy30\nVM Size: 30\nEviction Type: 3\nMaster server: master.example";
+  ASSERT_EQ(passes.size(), 6u);
+  EXPECT_EQ(passes[4], (fake::LogLine{16, kEvictionLog, vm30}));
+  EXPECT_EQ(passes[5], (fake::LogLine{16, kEvictionLog,
+                                      vm30 + "Exception occured: Failed to invoke Ksqd CCT request. Return code:5"}));
 }
 
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {

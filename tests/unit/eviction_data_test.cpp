@@ -28,27 +28,21 @@ class EvictionListTest : public ::testing::Test {
     return &vms_.back();
   }
 
-  // Fills a new list of `sizes.size()` slots, then takes every VM off its top.
-  std::vector<evict_vm_info*> fillAndDrain(const std::vector<uint64_t>& sizes) {
-    EXPECT_EQ(initialize_evlist(&list_, static_cast<int>(sizes.size())), 0);
-    for (uint64_t size : sizes) EXPECT_EQ(insert_vm_into_evlist(list_, vm(size)), 0);
-    EXPECT_EQ(insert_vm_into_evlist(list_, vm(UINT64_MAX)), 1);  // full: refused
-    std::vector<evict_vm_info*> order;
-    while (evict_vm_info* top = get_element_from_evlist(list_)) {
-      order.push_back(top);
-      EXPECT_EQ(remove_vm_from_evlist(list_), 0);
-    }
-    EXPECT_EQ(remove_vm_from_evlist(list_), 2);  // empty
-    return order;
-  }
-
   std::deque<evict_vm_info> vms_;  // stable addresses
   evict_vm_list* list_ = nullptr;
   vm_node_list* requested_ = nullptr;
 };
 
+// A full list refuses a VM, an empty one a removal.
 TEST_F(EvictionListTest, EqualSizesLeaveTheEarlierInsertOnTop) {
-  const std::vector<evict_vm_info*> order = fillAndDrain({5, 9, 9, 1});
+  ASSERT_EQ(initialize_evlist(&list_, 4), 0);
+  for (uint64_t size : {5, 9, 9, 1}) EXPECT_EQ(insert_vm_into_evlist(list_, vm(size)), 0);
+  EXPECT_EQ(insert_vm_into_evlist(list_, vm(UINT64_MAX)), 1);
+  std::vector<evict_vm_info*> order;
+  for (evict_vm_info* top; (top = get_element_from_evlist(list_)) != nullptr; order.push_back(top)) {
+    EXPECT_EQ(remove_vm_from_evlist(list_), 0);
+  }
+  EXPECT_EQ(remove_vm_from_evlist(list_), 2);
   EXPECT_EQ(order, (std::vector<evict_vm_info*>{&vms_[1], &vms_[2], &vms_[0], &vms_[3]}));
 }
 
