@@ -1,6 +1,7 @@
 /* An engine built against an installed libkscdp: the headers as
- * <kscdp/...>, the result-code macros, and a call that runs through
- * libkscdp.so into the platform library it needs at run time. */
+ * <kscdp/...> in C99, the records' layout, the result-code macros, and a
+ * call that runs through libkscdp.so into the platform library it needs at
+ * run time. */
 #include <stdio.h>
 #include <string.h>
 
@@ -12,6 +13,7 @@ int main(void) {
   evict_vm_list* list = NULL;
   int failures = 0;
 
+  failures += sizeof(evict_vm_info) != 320 || sizeof(evict_vm_list) != 16 || sizeof(vm_node_list) != 16;
   memset(&vm, 0, sizeof vm);
   failures += initialize_evlist(&list, 1) != KSCDP_OK;
   failures += insert_vm_into_evlist(list, &vm) != KSCDP_OK;
