@@ -60,7 +60,6 @@ MosquittoBroker::MosquittoBroker(Options options) : options_(options) {
   std::string failure;
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
     port_ = freeLoopbackPort();
-    plainPort_ = secured() ? freeLoopbackPort() : port_;
     if (tryStart(failure)) return;
   }
   std::filesystem::remove_all(directory_);
@@ -97,12 +96,8 @@ bool MosquittoBroker::tryStart(std::string& failure) {
   const passwd* user = getpwuid(getuid());
   const std::string userName = user != nullptr ? user->pw_name : "root";
   std::ofstream file(config, std::ios::trunc);
-  file << "per_listener_settings true\nlog_dest file " << log << "\nuser " << userName << "\n";
-  file << "listener " << port_ << " 127.0.0.1\n";
-  if (!options_.certFile.empty()) file << "certfile " << options_.certFile << "\nkeyfile " << options_.keyFile << "\n";
-  file << (options_.passwordFile.empty() ? "allow_anonymous true\n"
-                                         : "allow_anonymous false\npassword_file " + options_.passwordFile + "\n");
-  if (plainPort_ != port_) file << "listener " << plainPort_ << " 127.0.0.1\nallow_anonymous true\n";
+  file << "log_dest file " << log << "\nuser " << userName << "\n";
+  file << "listener " << port_ << " 127.0.0.1\nallow_anonymous true\n";
   file << (options_.keepSessions ? "persistence true\npersistence_location " + directory_ + "/\nmax_queued_messages 0\n"
                                  : "persistence false\n");
   file.close();
@@ -120,7 +115,7 @@ bool MosquittoBroker::tryStart(std::string& failure) {
   const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   while (!exited && std::chrono::steady_clock::now() < deadline) {
     exited = waitpid(pid_, nullptr, WNOHANG) == pid_;
-    if (!exited && accepts(port_) && accepts(plainPort_)) return true;
+    if (!exited && accepts(port_)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   if (!exited) {

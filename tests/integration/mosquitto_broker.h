@@ -10,8 +10,8 @@
 namespace testbed {
 
 // Runs /usr/sbin/mosquitto on 127.0.0.1 and a port picked at run time, for
-// anonymous clients unless told otherwise, with its configuration, log and
-// any saved state in a temporary directory of its own. stop() and start() play an outage: the
+// anonymous clients, with its configuration, log and any saved state in a
+// temporary directory of its own. stop() and start() play an outage: the
 // broker comes back on the same port. The broker dies with the test process.
 class MosquittoBroker {
  public:
@@ -20,12 +20,6 @@ class MosquittoBroker {
     // that a subscriber with clean_session false keeps its subscription and
     // the messages published for it while it was away.
     bool keepSessions = false;
-    // With a certificate and key, port() speaks TLS only, and plainPort() is
-    // a second, plain listener for anonymous subscribers.
-    std::string certFile;
-    std::string keyFile;
-    // With a mosquitto_passwd file, port() admits only the users it names.
-    std::string passwordFile;
   };
 
   // Starts the broker and returns once it accepts connections. Throws
@@ -37,8 +31,6 @@ class MosquittoBroker {
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
   int port() const { return port_; }
-  // The plain listener for anonymous clients: port() unless port() is secured.
-  int plainPort() const { return plainPort_; }
   // "127.0.0.1:<port>", as the "broker" configuration key takes it.
   std::string address() const;
 
@@ -52,12 +44,10 @@ class MosquittoBroker {
   // Writes the configuration, runs the broker and waits until it accepts
   // connections; false, with its log in `failure`, when it does not.
   bool tryStart(std::string& failure);
-  bool secured() const { return !options_.certFile.empty() || !options_.passwordFile.empty(); }
 
   Options options_;
   std::string directory_;
   int port_ = 0;
-  int plainPort_ = 0;
   pid_t pid_ = -1;  // -1 while stopped
 };
 

@@ -1,21 +1,14 @@
 // The stand-in NotificationSupplier against a real mosquitto broker and a
 // real subscriber.
-#include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <mosquitto.h>
 #include <signal.h>
-#include <sys/wait.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "mosquitto_broker.h"
@@ -36,38 +29,17 @@ using Messages = MqttSubscriber::Messages;
 
 const std::chrono::seconds kDeliveryTimeout(20);
 
-// Armed, the network thread's connection attempt throws, as a failure
-// nobody foresaw would; unarmed, libmosquitto's own function runs.
-std::atomic<bool> g_connectThrows{false};
-
-}  // namespace
-
-extern "C" int mosquitto_connect_async(struct mosquitto* client, const char* host, int port, int keepAlive) {
-  if (g_connectThrows) throw std::runtime_error("connect failed in a test");
-  using Connect = int (*)(struct mosquitto*, const char*, int, int);
-  static const auto real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "mosquitto_connect_async"));
-  return real(client, host, port, keepAlive);
+// Event n of a numbered series, as kscdp_alert_raiser raises it too.
+NotificationEvent numbered(int n) {
+  return {1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", "eventlog.omra.ksu.cdp.fullsync.done",
+          {{"seq", std::to_string(n)}}};
 }
 
-namespace {
-
-NotificationEvent eventWithKey(const std::string& key, const std::map<std::string, std::string>& attributes = {}) {
-  return NotificationEvent{1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", key, attributes};
-}
-
-// The wire form of such an event, with `key` and `attributes` as JSON text.
-std::string payloadWithKey(const std::string& key, const std::string& attributes = "") {
-  return R"({"version":1,"producerType":"Keepstone","producerSubType":"CDP","notificationType":"CDP Backup Engine",)"
-         R"("priority":"LOW","severity":"INFO","messageKey":")" +
-         key + R"(","attributes":{)" + attributes + "}}";
-}
-
-// Adds the payloads of events first..last of a numbered series, as
-// kscdp_alert_raiser raises it too, to `sent`, after sending each through
-// `supplier` (when there is one), which must accept it.
+// Adds the payloads of events first..last to `sent`, after sending each
+// through `supplier` (when there is one), which must accept it.
 void sendNumbered(NotificationSupplier* supplier, int first, int last, Messages& sent) {
   for (int number = first; number <= last; ++number) {
-    NotificationEvent event = eventWithKey("eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(number)}});
+    NotificationEvent event = numbered(number);
     EXPECT_TRUE(supplier == nullptr || supplier->send_notification(event) == 0) << number;
     sent.push_back(standin::notificationPayload(event));
   }
@@ -82,7 +54,7 @@ std::string testOutbox() {
 // configuration pointing the stand-in at it, with `outbox` as the outbox key.
 struct BrokerWithSubscriber {
   explicit BrokerWithSubscriber(const MosquittoBroker::Options& options, const std::string& outbox = testOutbox())
-      : broker(options), subscriber(broker.plainPort(), kTopic) {
+      : broker(options), subscriber(broker.port(), kTopic) {
     integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\noutbox = " + outbox + "\n");
   }
 
@@ -97,52 +69,10 @@ struct BrokerWithSubscriber {
   MqttSubscriber subscriber;
 };
 
-// kscdp_alert_raiser, running, once it has handed every event over.
-struct Raiser {
-  FILE* output;  // pclose() waits for it
-  pid_t pid;
-  long accepted;
-};
-
-Raiser startRaiser(const std::string& arguments, const std::string& logFile) {
-  const std::string command = "KSU_LOG_FILE=" + logFile + " exec " KSCDP_ALERT_RAISER_PATH " " + arguments;
-  Raiser raiser{popen(command.c_str(), "r"), -1, -1};
-  if (raiser.output == nullptr || std::fscanf(raiser.output, "accepted %ld pid %d", &raiser.accepted, &raiser.pid) != 2)
-    throw std::runtime_error("cannot run " + command);
-  return raiser;
-}
-
-class NotificationSupplierTest : public integration::StandinTest {
- protected:
-  // Waits up to 10 s for `text` to appear in the log of this test.
-  bool logShows(const std::string& text) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (newLog().find(text) == std::string::npos) {
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-  }
-};
-
-// Keys and attribute names go through the JSON string writer; attributes
-// come out in name order.
-TEST_F(NotificationSupplierTest, PublishesExactPayloadsInOrder) {
-  BrokerWithSubscriber rig({});
-  NotificationSupplier supplier;
-  NotificationEvent plain = eventWithKey("eventlog.omra.ksu.cdp.eviction.start");
-  NotificationEvent escaped = eventWithKey("a\"b\x80", {{"uuid", "u"}, {"\xFF", "x"}, {"jobid", "7"}});
-  EXPECT_EQ(supplier.send_notification(plain), 0);
-  EXPECT_EQ(supplier.send_notification(escaped), 0);
-  const Messages expected = {payloadWithKey("eventlog.omra.ksu.cdp.eviction.start"),
-                             payloadWithKey("a\\\"b\xEF\xBF\xBD", "\"jobid\":\"7\",\"uuid\":\"u\",\"\xEF\xBF\xBD\":\"x\"")};
-  EXPECT_EQ(rig.subscriber.waitForCount(expected.size(), kDeliveryTimeout), expected);
-  supplier.shutdown();
-  EXPECT_THAT(newLog(), Not(HasSubstr(" 16 NotificationSupplier")));
-}
+using NotificationSupplierTest = integration::StandinTest;
 
 TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
-  BrokerWithSubscriber rig({true, "", "", ""});
+  BrokerWithSubscriber rig({true});
   rig.broker.stop();
   NotificationSupplier supplier;
   Messages sent;
@@ -162,7 +92,7 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()));
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()));
   EXPECT_THAT(newLog(), Not(HasSubstr("not delivered")));
-  NotificationEvent late = eventWithKey("late");
+  NotificationEvent late = numbered(0);
   EXPECT_NE(supplier.send_notification(late), 0);
 }
 
@@ -171,7 +101,7 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
   integration::writeConfig("server = master.invalid\nbroker = " + nowhere + "\noutbox = none\n");
   auto supplier = std::make_unique<NotificationSupplier>();
 
-  NotificationEvent event = eventWithKey("k");
+  NotificationEvent event = numbered(0);
   for (int i = 0; i < 10000; ++i) ASSERT_EQ(supplier->send_notification(event), 0) << i;
   EXPECT_NE(supplier->send_notification(event), 0);
   EXPECT_NE(supplier->send_notification(event), 0);
@@ -190,12 +120,18 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
 }
 
 TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPublisherAheadOfItsOwn) {
-  BrokerWithSubscriber rig({true, "", "", ""});
+  BrokerWithSubscriber rig({true});
   rig.broker.stop();
-  const Raiser raiser = startRaiser("1 100 --then-wait", integration::scratchPath("killed.log"));
-  kill(raiser.pid, SIGKILL);
-  pclose(raiser.output);
-  ASSERT_EQ(raiser.accepted, 100);
+  const std::string raise100 =
+      "KSU_LOG_FILE=" + integration::scratchPath("killed.log") + " exec " KSCDP_ALERT_RAISER_PATH " 1 100";
+  FILE* raiser = popen(raise100.c_str(), "r");
+  ASSERT_NE(raiser, nullptr);
+  long accepted = 0;
+  int pid = 0;
+  ASSERT_EQ(std::fscanf(raiser, "accepted %ld pid %d", &accepted, &pid), 2);
+  kill(pid, SIGKILL);
+  pclose(raiser);
+  ASSERT_EQ(accepted, 100);
   Messages sent;
   sendNumbered(nullptr, 1, 100, sent);
   {
@@ -246,95 +182,6 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
     if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
   ASSERT_EQ(setAside.size(), 1u);
   EXPECT_EQ(integration::fileText(setAside[0]), garbage);
-}
-
-TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
-  BrokerWithSubscriber rig({});
-  const std::string log = integration::scratchPath("full-disk.log");
-  const Raiser raiser = startRaiser("1 300 --file-size-limit 65536", log);
-  const int status = pclose(raiser.output);
-  EXPECT_EQ(raiser.accepted, 300);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  Messages sent;
-  sendNumbered(nullptr, 1, 300, sent);
-  EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const std::string logged = integration::fileText(log);
-  const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
-  EXPECT_THAT(logged, HasSubstr(failure));
-  // A checkpoint may make room for a while: one line per run of failures.
-  const auto count = [&](const std::string& text) {
-    size_t found = 0;
-    for (size_t at = logged.find(text); at != std::string::npos; at = logged.find(text, at + 1)) ++found;
-    return found;
-  };
-  EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
-}
-
-TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatItCannotTrust) {
-  const std::string dir = integration::scratchPath("tls");
-  std::filesystem::create_directories(dir);
-  const std::string make =
-      "(cd " + dir + " && " +
-      "openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 -subj /CN=kscdp-test-ca && "
-      "openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -out other-ca.pem -days 2 -subj /CN=other && "
-      "openssl req -newkey rsa:2048 -nodes -keyout broker.key -out broker.csr -subj /CN=broker && "
-      "printf 'subjectAltName=IP:127.0.0.1\\n' >san && "
-      "openssl x509 -req -in broker.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out broker.pem -days 2 -extfile san && "
-      "mosquitto_passwd -c -b users kscdp right-secret && "
-      "echo right-secret >right && echo wrong-secret >wrong && cp right open && chmod 600 right wrong && chmod 644 open) >/dev/null 2>&1";
-  ASSERT_EQ(std::system(make.c_str()), 0) << make;
-  MosquittoBroker::Options options;
-  options.certFile = dir + "/broker.pem";
-  options.keyFile = dir + "/broker.key";
-  options.passwordFile = dir + "/users";
-  BrokerWithSubscriber rig(options, "none");
-  const std::string port = std::to_string(rig.broker.port());
-  const struct {
-    std::string host;
-    std::string caFile;
-    std::string passwordFile;
-    std::string logs;  // level 16; empty: delivered
-  } cases[] = {
-      {"127.0.0.1", "ca.pem", "right", ""},
-      {"127.0.0.1", "other-ca.pem", "right", "certificate verify failed"},
-      {"localhost", "ca.pem", "right", "host name verification failed"},
-      {"127.0.0.1", "ca.pem", "wrong", "refused the connection: Connection Refused: not authorised"},
-      {"127.0.0.1", "ca.pem", "open", "the broker password file " + dir + "/open is open to other users (mode 0644)"},
-  };
-  Messages sent;
-  for (const auto& c : cases) {
-    integration::writeConfig("server = m.invalid\nbroker = " + c.host + ":" + port + "\noutbox = none\n" +
-                             "broker_tls = on\nbroker_ca_file = " + dir + "/" + c.caFile + "\nbroker_user = kscdp\n" +
-                             "broker_password_file = " + dir + "/" + c.passwordFile + "\n");
-    const size_t logStart = newLog().size();
-    NotificationSupplier supplier;
-    if (c.logs.empty()) {
-      sendNumbered(&supplier, 1, 3, sent);
-      EXPECT_EQ(rig.receivedOnce(sent), sent);
-    } else {
-      EXPECT_TRUE(logShows(c.logs)) << c.logs << "\n" << newLog().substr(logStart);
-      EXPECT_THAT(newLog().substr(logStart), HasSubstr(" 16 NotificationSupplier: ")) << c.logs;
-    }
-    supplier.shutdown();
-  }
-}
-
-TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
-  BrokerWithSubscriber rig({}, "none");
-  g_connectThrows = true;
-  NotificationSupplier supplier;
-  const bool failed = logShows(" 16 NotificationSupplier: the notification publisher's thread failed: connect failed");
-  g_connectThrows = false;
-  ASSERT_TRUE(failed);
-  NotificationEvent event = eventWithKey("k");
-  EXPECT_NE(supplier.send_notification(event), 0);
-  EXPECT_NE(supplier.send_notification(event), 0);
-  const auto started = std::chrono::steady_clock::now();
-  supplier.shutdown();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-  const std::string log = newLog();
-  EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: refusing events: the publisher's network thread has ended"));
-  EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
 // The address comes from "broker", else the first master server; TLS moves

@@ -1,9 +1,12 @@
-// The JSON string writer of the notification payloads: escapes and UTF-8.
+// The JSON string writer of the notification payloads: escapes and UTF-8,
+// in every string of a payload.
 #include "platform/standin/json_string.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "platform/standin/notification_payload.h"
 
 namespace {
 
@@ -34,6 +37,16 @@ TEST(JsonString, EscapesControlsAndReplacesEveryIllFormedSequence) {
     standin::appendJsonString(out, c.bytes);
     EXPECT_EQ(out, "prefix\"" + c.json + "\"") << c.json;
   }
+}
+
+// Keys, attribute names and values alike; attributes in name order.
+TEST(JsonString, WritesEveryStringOfAPayload) {
+  const NotificationEvent event{
+      2, "P", "S", "T", "LOW", "INFO", "a\"b\x80", {{"uuid", "u"}, {"\xFF", "x\n"}, {"jobid", "7"}}};
+  EXPECT_EQ(standin::notificationPayload(event),
+            "{\"version\":2,\"producerType\":\"P\",\"producerSubType\":\"S\",\"notificationType\":\"T\","
+            "\"priority\":\"LOW\",\"severity\":\"INFO\",\"messageKey\":\"a\\\"b\xEF\xBF\xBD\","
+            "\"attributes\":{\"jobid\":\"7\",\"uuid\":\"u\",\"\xEF\xBF\xBD\":\"x\\n\"}}");
 }
 
 }  // namespace
