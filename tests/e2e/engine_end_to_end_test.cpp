@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
@@ -113,25 +111,11 @@ class EngineEndToEndTest : public ::testing::Test {
     library_.unload();
   }
 
-  void evictList(const std::vector<std::pair<const char*, uint64_t>>& vms) {
-    ASSERT_EQ(library_.initialize_evlist(&evictList_, static_cast<int>(vms.size())), 0);
-    for (const auto& named : vms) {
-      vms_.emplace_back();
-      evict_vm_info& vm = vms_.back();
-      std::memset(&vm, 0, sizeof vm);
-      std::snprintf(vm.vm_id, sizeof vm.vm_id, "%s", named.first);
-      std::snprintf(vm.policy_name, sizeof vm.policy_name, "policy-%llu",
-                    static_cast<unsigned long long>(named.second));
-      vm.vm_size = named.second;
-      ASSERT_EQ(library_.insert_vm_into_evlist(evictList_, &vm), 0);
-    }
-  }
-
   EngineLibrary library_;
   testbed::MosquittoBroker broker_;
   testbed::MqttSubscriber subscriber_{broker_.port(), kTopic};
   master_sim::MasterSimulator master_;
-  std::deque<evict_vm_info> vms_;
+  evict_vm_info vms_[3] = {};
   evict_vm_list* evictList_ = nullptr;
   vm_node_list* requested_ = nullptr;
 };
@@ -143,14 +127,26 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   master_sim::PolicyFaults refusal;
   refusal.httpStatus = 503;
   master_.setPolicyFaults("policy-5", refusal);
-  evictList({{small, 10}, {large, 20}, {refused, 5}});
+  ASSERT_EQ(library_.initialize_evlist(&evictList_, 3), 0);
+  const std::pair<const char*, uint64_t> named[] = {{small, 10}, {large, 20}, {refused, 5}};
+  for (int i = 0; i < 3; ++i) {
+    std::snprintf(vms_[i].vm_id, sizeof vms_[i].vm_id, "%s", named[i].first);
+    std::snprintf(vms_[i].policy_name, sizeof vms_[i].policy_name, "policy-%d", static_cast<int>(named[i].second));
+    vms_[i].vm_size = named[i].second;
+    ASSERT_EQ(library_.insert_vm_into_evlist(evictList_, &vms_[i]), 0);
+  }
 
+  ASSERT_EQ(library_.call_evict_data(0, evictList_, &requested_), 0);
+  EXPECT_TRUE(master_.requests().empty());
   ASSERT_EQ(library_.call_evict_data(3, evictList_, &requested_), 0);
   EXPECT_EQ(vms_[1].job_id, 1000u);  // largest first
   EXPECT_EQ(vms_[0].job_id, 1001u);
   EXPECT_EQ(vms_[0].evict_state, 1);
   EXPECT_EQ(vms_[2].evict_state, 0);  // refused: stays on the evict list
   EXPECT_EQ(evictList_->count, 1);
+  ASSERT_NE(requested_, nullptr);  // the last one requested first
+  EXPECT_EQ(requested_->vm, &vms_[0]);
+  EXPECT_EQ(requested_->next->vm, &vms_[1]);
 
   ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
   EXPECT_EQ(vms_[0].evict_state, 1);  // the jobs are still running

@@ -23,17 +23,6 @@ class BackupServiceTest : public ::testing::Test {
   BackupServiceImpl handler_;
 };
 
-TEST_F(BackupServiceTest, PayloadIsThePolicyNameEscapedByJansson) {
-  const struct {
-    std::string policy;
-    std::string payload;
-  } cases[] = {
-      {"a\"b", R"({"policy": "a\"b"})"},
-      {"bad\xff\xfe", "{}"},  // Jansson takes no ill-formed UTF-8: the member is left out
-  };
-  for (const auto& c : cases) EXPECT_EQ(handler_.createRequestPayload(c.policy), c.payload) << c.policy;
-}
-
 TEST_F(BackupServiceTest, LogsEachStepOfASubmittedBackup) {
   fake::ksqd.answer = R"({"jobid": 4711})";
   EvictionServiceData record;
