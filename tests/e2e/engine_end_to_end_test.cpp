@@ -121,6 +121,7 @@ class EngineEndToEndTest : public ::testing::Test {
 };
 
 TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
+  EXPECT_EQ(std::string(library_.release).substr(0, 16), "\n@(#) Keepstone_");  // what(1) finds the release
   const char* small = "00000000000000000000000000000001";
   const char* large = "00000000000000000000000000000002";
   const char* refused = "0123456789abcdef0123456789abcdef";
