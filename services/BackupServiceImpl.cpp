@@ -66,11 +66,10 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
     throw KSServiceException(DAEMON_REQUEST_FAILED_CODE, failure);
   }
 
-  // From here the answer is ours; it is released before parsing starts. A
-  // success without an answer reads as an empty answer, which is not JSON.
-  MallocText ownedAnswer(answer);
+  // From here the answer is ours, released on every way out. A success
+  // without an answer reads as an empty answer, which is not JSON.
+  const MallocText ownedAnswer(answer);
   const std::string response = ownedAnswer != nullptr ? ownedAnswer.get() : "";
-  ownedAnswer.reset();
   ksu_logmsg_str(TRACE_LEVEL, HANDLE_REQUEST_FUNCTION,
                  message("invoked  ksqd cct request: json_output=", response, " ret Val:", result));
 
