@@ -215,11 +215,7 @@ TEST_F(EngineEndToEndTest, EightThreadsAtOnce) {
   EXPECT_EQ(daemonRequests, outcome.jobIds.size());
   EXPECT_GE(outcome.jobIds.size(), static_cast<size_t>(kThreads * kVmsPerRound));
 
-  const testbed::MqttSubscriber::Messages received = subscriber_.waitUntil(
-      [&](const testbed::MqttSubscriber::Messages& messages) {
-        return std::set<std::string>(messages.begin(), messages.end()).size() >= outcome.alerts.size();
-      },
-      kDeliveryTimeout);
+  const auto received = subscriber_.waitForDistinct(outcome.alerts.size(), kDeliveryTimeout);
   EXPECT_EQ(std::set<std::string>(received.begin(), received.end()), outcome.alerts);
 }
 

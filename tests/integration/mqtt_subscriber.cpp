@@ -61,6 +61,12 @@ MqttSubscriber::Messages MqttSubscriber::waitForCount(size_t count, std::chrono:
   return waitUntil([count](const Messages& messages) { return messages.size() >= count; }, timeout);
 }
 
+MqttSubscriber::Messages MqttSubscriber::waitForDistinct(size_t count, std::chrono::milliseconds timeout) {
+  // Counted first: the condition runs under the lock that onMessage needs.
+  return waitUntil([count](const Messages& got) { return got.size() >= count && withoutRepeats(got).size() >= count; },
+                   timeout);
+}
+
 void MqttSubscriber::onConnect(struct mosquitto* client, void* self, int code) {
   // Subscribing again after a reconnect is harmless and covers a broker
   // that lost the session.

@@ -34,6 +34,8 @@ class MqttSubscriber {
   Messages waitUntil(const std::function<bool(const Messages&)>& done, std::chrono::milliseconds timeout);
   // Waits for at least `count` payloads.
   Messages waitForCount(size_t count, std::chrono::milliseconds timeout);
+  // Waits for at least `count` distinct payloads.
+  Messages waitForDistinct(size_t count, std::chrono::milliseconds timeout);
 
  private:
   static void onConnect(struct mosquitto* client, void* self, int code);
