@@ -119,26 +119,14 @@ void BareMosquittoDelivery(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kAlertCount);
 }
 
-// Nine repetitions each, interleaved by run.sh: the summary compares medians.
-const int kRepetitions = 9;
-BENCHMARK(OutboxAlertDelivery)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime()
-    ->Iterations(1)
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(MemoryAlertDelivery)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime()
-    ->Iterations(1)
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(BareMosquittoDelivery)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime()
-    ->Iterations(1)
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
+// Nine repetitions each of one delivery, interleaved by run.sh: the summary
+// compares medians.
+void NineRepetitions(benchmark::internal::Benchmark* contender) {
+  contender->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1)->Repetitions(9)->ReportAggregatesOnly(true);
+}
+BENCHMARK(OutboxAlertDelivery)->Apply(NineRepetitions);
+BENCHMARK(MemoryAlertDelivery)->Apply(NineRepetitions);
+BENCHMARK(BareMosquittoDelivery)->Apply(NineRepetitions);
 
 }  // namespace
 

@@ -160,13 +160,12 @@ int countInstructions(const std::string& contender) {
 
 // Nine repetitions each, interleaved by run.sh: the summary compares medians,
 // which a passing burst of load on the machine moves less than a mean.
-const int kRepetitions = 9;
-BENCHMARK(LibraryPolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(CurlKeepAliveParsePolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(CurlKeepAliveOnlyPolls)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
+void NineRepetitions(benchmark::internal::Benchmark* contender) {
+  contender->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(9)->ReportAggregatesOnly(true);
+}
+BENCHMARK(LibraryPolls)->Apply(NineRepetitions);
+BENCHMARK(CurlKeepAliveParsePolls)->Apply(NineRepetitions);
+BENCHMARK(CurlKeepAliveOnlyPolls)->Apply(NineRepetitions);
 
 }  // namespace
 
