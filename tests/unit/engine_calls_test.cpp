@@ -58,13 +58,13 @@ class EngineCallsTest : public ::testing::Test {
   }
 
   // The one line an entry function logged for the failure it contained
-  // since the last check is "Exception occured: <message>".
-  void expectContained(const std::string& message) {
+  // since the last check is "<function>: Exception occured: <message>".
+  void expectContained(const std::string& function, const std::string& message) {
     std::vector<std::string> contained;
     for (const fake::LogLine& line : fake::logLines) {
-      if (line.message.rfind("Exception occured: ", 0) == 0) contained.push_back(line.message);
+      if (line.message.rfind("Exception occured: ", 0) == 0) contained.push_back(line.function + ": " + line.message);
     }
-    EXPECT_EQ(contained, std::vector<std::string>{"Exception occured: " + message});
+    EXPECT_EQ(contained, std::vector<std::string>{function + ": Exception occured: " + message});
     fake::logLines.clear();
   }
 
@@ -127,28 +127,28 @@ TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
 
 TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   EXPECT_EQ(call_check_eviction_progress(1, nullptr), 20);
-  expectContained("Eviction list to check status is null");
+  expectContained("call_check_eviction_progress", "Eviction list to check status is null");
   evictList({1});
   EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 20);  // the one VM is requested, then none is left
-  expectContained("Eviction list holds no VM for pass 2 of 2");
+  expectContained("call_evict_data", "Eviction list holds no VM for pass 2 of 2");
   EXPECT_EQ(call_evict_data(1, nullptr, &requested_), 20);
-  expectContained("Eviction list holds no VM for pass 1 of 1");
+  expectContained("call_evict_data", "Eviction list holds no VM for pass 1 of 1");
   EXPECT_EQ(call_evict_data(1, evictList_, nullptr), 20);  // nowhere to put a requested VM
-  expectContained("Requested VM list is null");
+  expectContained("call_evict_data", "Requested VM list is null");
 
   fake::curl.requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
-  expectContained("socket gone");
+  expectContained("call_check_eviction_progress", "socket gone");
   fake::curl.requestThrows = nullptr;
   fake::curl.answers.push_back({500, "oops", {}, {}});
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), 130);
-  expectContained("Could not parse Jobs API response message.");
+  expectContained("call_check_eviction_progress", "Could not parse Jobs API response message.");
   fake::config.hasServerList = false;
   EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
-  expectContained("Failed to read master server from Keepstone configuration file");
+  expectContained("call_check_eviction_progress", "Failed to read master server from Keepstone configuration file");
   fake::config.readResult = 13;
   EXPECT_EQ(call_evict_data(1, evictList_, &requested_), 13);
-  expectContained("Failed to read Keepstone configuration file");
+  expectContained("call_evict_data", "Failed to read Keepstone configuration file");
 }
 
 TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
