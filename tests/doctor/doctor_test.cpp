@@ -78,7 +78,6 @@ class DoctorTest : public ::testing::Test {
   const int downPort_ = testbed::freeLoopbackPort();
 };
 
-// One case per broken link, and one where all is well.
 TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   const struct {
     const char* config;        // null: no file at all

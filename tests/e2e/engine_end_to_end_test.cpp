@@ -122,14 +122,13 @@ class EngineEndToEndTest : public ::testing::Test {
 
 TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   EXPECT_EQ(std::string(library_.release).substr(0, 16), "\n@(#) Keepstone_");  // what(1) finds the release
-  const char* small = "00000000000000000000000000000001";
-  const char* large = "00000000000000000000000000000002";
-  const char* refused = "0123456789abcdef0123456789abcdef";
   master_sim::PolicyFaults refusal;
   refusal.httpStatus = 503;
   master_.setPolicyFaults("policy-5", refusal);
   ASSERT_EQ(library_.initialize_evlist(&evictList_, 3), 0);
-  const std::pair<const char*, uint64_t> named[] = {{small, 10}, {large, 20}, {refused, 5}};
+  const std::pair<const char*, uint64_t> named[] = {
+      {"00000000000000000000000000000001", 10}, {"00000000000000000000000000000002", 20},
+      {"0123456789abcdef0123456789abcdef", 5}};  // the last one refused
   for (int i = 0; i < 3; ++i) {
     std::snprintf(vms_[i].vm_id, sizeof vms_[i].vm_id, "%s", named[i].first);
     std::snprintf(vms_[i].policy_name, sizeof vms_[i].policy_name, "policy-%d", static_cast<int>(named[i].second));
@@ -183,7 +182,7 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
                           "GET /keepstone/admin/jobs/1000 ", "GET /keepstone/admin/jobs/1001 ",
                           "GET /keepstone/admin/jobs/1000 "}));
 
-  EXPECT_EQ(library_.raise_backup_alert(large, 45, ""), 0);
+  EXPECT_EQ(library_.raise_backup_alert(vms_[1].vm_id, 45, ""), 0);
   EXPECT_EQ(library_.stop_alert_thread(), 0);
   const std::string start = "eventlog.omra.ksu.cdp.eviction.start";
   const testbed::MqttSubscriber::Messages expected = {

@@ -13,16 +13,13 @@ namespace {
 const int kKeepAliveSeconds = 30;
 const std::chrono::seconds kSubscribeTimeout(10);
 
-std::string uniqueClientId() {
-  static std::atomic<int> counter{0};
-  return "kscdp-test-" + std::to_string(getpid()) + "-" + std::to_string(++counter);
-}
-
 }  // namespace
 
 MqttSubscriber::MqttSubscriber(int port, const std::string& topic) : topic_(topic) {
   mosquitto_lib_init();
-  client_ = mosquitto_new(uniqueClientId().c_str(), false, this);
+  static std::atomic<int> subscribers{0};  // each with a client id of its own
+  const std::string id = "kscdp-test-" + std::to_string(getpid()) + "-" + std::to_string(++subscribers);
+  client_ = mosquitto_new(id.c_str(), false, this);
   if (client_ == nullptr) throw std::runtime_error("mosquitto_new failed");
   mosquitto_connect_callback_set(client_, &MqttSubscriber::onConnect);
   mosquitto_subscribe_callback_set(client_, &MqttSubscriber::onSubscribe);

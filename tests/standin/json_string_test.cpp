@@ -1,5 +1,4 @@
-// The JSON string writer of the notification payloads: escapes and UTF-8,
-// in every string of a payload.
+// The JSON string writer of every string of a payload: escapes and UTF-8.
 #include "platform/standin/json_string.h"
 
 #include <gtest/gtest.h>
