@@ -220,7 +220,7 @@ TEST_F(EngineCallsTest, AlertFailuresNeverReachTheEngine) {
   // A publisher whose shutdown failed is still there; the next stop ends it.
   fake::notifications.shutdownThrows = false;
   EXPECT_EQ(stop_alert_thread(), 0);
-  EXPECT_EQ(fake::notifications.destroyed, 1);
+  EXPECT_EQ(std::make_pair(fake::notifications.shutDown, fake::notifications.destroyed), std::make_pair(1, 1));
 }
 
 TEST_F(EngineCallsTest, StopAlertThreadLogsEveryTimeAndAlertsMakeANewPublisher) {
