@@ -45,11 +45,11 @@ void raiseAlert() {
 class UnknownJobPollers {
  public:
   explicit UnknownJobPollers(int count) {
-    for (int i = 0; i < count; ++i) threads_.emplace_back([this] { poll(); });
+    for (int i = 0; i < count; ++i) m_threads.emplace_back([this] { poll(); });
   }
   ~UnknownJobPollers() {
-    stop_ = true;
-    for (std::thread& thread : threads_) thread.join();
+    m_stop = true;
+    for (std::thread& thread : m_threads) thread.join();
   }
 
  private:
@@ -58,12 +58,12 @@ class UnknownJobPollers {
     vm.job_id = kUnknownJob;
     vm_node_list* requested = nullptr;
     insert_into_vm_list(&requested, &vm);
-    while (!stop_) call_check_eviction_progress(1, &requested);
+    while (!m_stop) call_check_eviction_progress(1, &requested);
     delete_from_vm_list(&requested);
   }
 
-  std::atomic<bool> stop_{false};
-  std::vector<std::thread> threads_;
+  std::atomic<bool> m_stop{false};
+  std::vector<std::thread> m_threads;
 };
 
 double percentile(std::vector<double>& sorted, double fraction) {
@@ -132,8 +132,7 @@ int main(int argc, char** argv) {
     master_sim::MasterSimulator master;
     if (!master.start()) throw std::runtime_error("the master simulator cannot start");
     files.writeConfig("server = 127.0.0.1\nhost_name = bench-host\nrest_url = " + master.url() +
-                      "\nbroker = " + broker.address() +
-                      "\noutbox = " + files.scratchPath("outbox.db") + "\n");
+                      "\nbroker = " + broker.address() + "\noutbox = " + files.scratchPath("outbox.db") + "\n");
     // The first alert starts the publisher and its connection, outside the measurement.
     raiseAlert();
     benchmark::RunSpecifiedBenchmarks();

@@ -30,9 +30,9 @@ class GatewayWorkload {
   using Operation = bool (GatewayWorkload::*)();
 
  private:
-  evict_vm_info vm_{};
-  evict_vm_list* evictList_ = nullptr;
-  vm_node_list* requested_ = nullptr;
+  evict_vm_info m_vm{};
+  evict_vm_list* m_evictList = nullptr;
+  vm_node_list* m_requested = nullptr;
 };
 
 }  // namespace bench

@@ -78,24 +78,24 @@ bool libraryPollsOnce() {
 class CurlPoller {
  public:
   CurlPoller()
-      : easy_(curl_easy_init(), &curl_easy_cleanup),
-        headers_(curl_slist_append(nullptr, (std::string("Accept: ") + master_sim::kJobsMediaType).c_str()),
-                 &curl_slist_free_all) {
-    curl_easy_setopt(easy_.get(), CURLOPT_HTTPHEADER, headers_.get());
-    curl_easy_setopt(easy_.get(), CURLOPT_WRITEFUNCTION, &keepBody);
-    curl_easy_setopt(easy_.get(), CURLOPT_WRITEDATA, &body_);
-    curl_easy_setopt(easy_.get(), CURLOPT_NOSIGNAL, 1L);
+      : m_easy(curl_easy_init(), &curl_easy_cleanup),
+        m_headers(curl_slist_append(nullptr, (std::string("Accept: ") + master_sim::kJobsMediaType).c_str()),
+                  &curl_slist_free_all) {
+    curl_easy_setopt(m_easy.get(), CURLOPT_HTTPHEADER, m_headers.get());
+    curl_easy_setopt(m_easy.get(), CURLOPT_WRITEFUNCTION, &keepBody);
+    curl_easy_setopt(m_easy.get(), CURLOPT_WRITEDATA, &m_body);
+    curl_easy_setopt(m_easy.get(), CURLOPT_NOSIGNAL, 1L);
   }
 
   // Every job once; with `parse`, each answer down to "data" -> "attributes"
   // -> "state", which must be "DONE". False on any failure.
   bool pollOnce(bool parse) {
     for (const std::string& url : g_jobs->urls) {
-      body_.clear();
-      curl_easy_setopt(easy_.get(), CURLOPT_URL, url.c_str());
+      m_body.clear();
+      curl_easy_setopt(m_easy.get(), CURLOPT_URL, url.c_str());
       long code = 0;
-      if (curl_easy_perform(easy_.get()) == CURLE_OK) curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &code);
-      if (code != 200 || (parse && !isDone(body_))) return false;
+      if (curl_easy_perform(m_easy.get()) == CURLE_OK) curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &code);
+      if (code != 200 || (parse && !isDone(m_body))) return false;
     }
     return true;
   }
@@ -110,9 +110,9 @@ class CurlPoller {
     return done;
   }
 
-  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> easy_;
-  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers_;
-  std::string body_;
+  std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> m_easy;
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> m_headers;
+  std::string m_body;
 };
 
 void LibraryPolls(benchmark::State& state) {

@@ -22,13 +22,13 @@ class StandinFiles {
   // it cannot be written.
   void writeConfig(const std::string& text) const;
   // A path in the directory, for further files such as an outbox.
-  std::string scratchPath(const std::string& name) const { return directory_ + "/" + name; }
+  std::string scratchPath(const std::string& name) const { return m_directory + "/" + name; }
 
  private:
-  std::string configPath() const { return directory_ + "/keepstone.conf"; }
-  std::string logPath() const { return directory_ + "/ksu.log"; }
+  std::string configPath() const { return m_directory + "/keepstone.conf"; }
+  std::string logPath() const { return m_directory + "/ksu.log"; }
 
-  std::string directory_;
+  std::string m_directory;
 };
 
 }  // namespace bench

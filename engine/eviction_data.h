@@ -42,12 +42,12 @@ extern "C" {
 #define KSCDP_POLICY_NAME_SIZE 259
 
 typedef struct evict_vm_info {
-  uint64_t job_id;     /* backup job requested for the VM */
-  int32_t evict_state; /* 1 requested, 2 job done; else the engine's value */
-  uint64_t vm_size;    /* heap key */
-  char vm_id[KSCDP_VM_ID_SIZE];                 /* NUL-terminated */
-  char policy_name[KSCDP_POLICY_NAME_SIZE];     /* NUL-terminated */
-  int32_t evict_type;  /* the engine's eviction type, passed through */
+  uint64_t job_id;                          /* backup job requested for the VM */
+  int32_t evict_state;                      /* 1 requested, 2 job done; else the engine's value */
+  uint64_t vm_size;                         /* heap key */
+  char vm_id[KSCDP_VM_ID_SIZE];             /* NUL-terminated */
+  char policy_name[KSCDP_POLICY_NAME_SIZE]; /* NUL-terminated */
+  int32_t evict_type;                       /* the engine's eviction type, passed through */
 } evict_vm_info;
 
 typedef struct evict_vm_list {

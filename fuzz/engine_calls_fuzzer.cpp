@@ -28,10 +28,10 @@ constexpr int kMaxSteps = 48;
 // The engine's records, which only the engine allocates, and its two lists.
 class Engine {
  public:
-  explicit Engine(FuzzedDataProvider& input) : input_(input) {
-    for (evict_vm_info& vm : records_) {
+  explicit Engine(FuzzedDataProvider& input) : m_input(input) {
+    for (evict_vm_info& vm : m_records) {
       makeVm(vm);
-      pool_.push_back(&vm);
+      m_pool.push_back(&vm);
     }
   }
 
@@ -46,7 +46,7 @@ class Engine {
 
   void step() {
     const fuzz::ListContents before = checkedContents();
-    switch (input_.ConsumeIntegralInRange(0, 13)) {
+    switch (m_input.ConsumeIntegralInRange(0, 13)) {
       case 0: initialize(); break;
       case 1: insertIntoEvictList(before); break;
       case 2: peekTop(before); break;
@@ -60,48 +60,50 @@ class Engine {
       case 10: checkProgress(before); break;
       case 11: raiseAlert(); break;
       case 12: FUZZ_CHECK(stop_alert_thread() == 0); break;
-      case 13: fuzz::scriptPlatform(input_); break;
+      case 13: fuzz::scriptPlatform(m_input); break;
     }
     checkedContents();
   }
 
  private:
-  fuzz::ListContents checkedContents() const { return fuzz::checkedContents(evictList_, requested_, pool_); }
+  fuzz::ListContents checkedContents() const { return fuzz::checkedContents(m_evictList, m_requested, m_pool); }
 
   // Sizes from a small range collide, which exercises the heap's ties.
   void makeVm(evict_vm_info& vm) {
     std::memset(&vm, 0, sizeof vm);
-    vm.job_id = input_.ConsumeIntegral<uint64_t>();
-    vm.evict_state = input_.ConsumeIntegralInRange(-1, 3);
-    vm.vm_size = input_.ConsumeBool() ? input_.ConsumeIntegralInRange<uint64_t>(0, 4) : input_.ConsumeIntegral<uint64_t>();
+    vm.job_id = m_input.ConsumeIntegral<uint64_t>();
+    vm.evict_state = m_input.ConsumeIntegralInRange(-1, 3);
+    vm.vm_size =
+        m_input.ConsumeBool() ? m_input.ConsumeIntegralInRange<uint64_t>(0, 4) : m_input.ConsumeIntegral<uint64_t>();
     fill(vm.vm_id, sizeof vm.vm_id);
     fill(vm.policy_name, sizeof vm.policy_name);
-    vm.evict_type = input_.ConsumeIntegral<int32_t>();
+    vm.evict_type = m_input.ConsumeIntegral<int32_t>();
   }
 
   // Usually NUL-terminated text; sometimes the whole field is filled, as a
   // careless engine might leave it.
   void fill(char* field, size_t size) {
-    const std::string text = input_.ConsumeRandomLengthString(size);
+    const std::string text = m_input.ConsumeRandomLengthString(size);
     std::memcpy(field, text.data(), std::min(text.size(), size));
   }
 
   void peekTop(const fuzz::ListContents& before) {
-    FUZZ_CHECK(get_element_from_evlist(evictList_) == (before.evict.empty() ? nullptr : before.evict[0]));
+    FUZZ_CHECK(get_element_from_evlist(m_evictList) == (before.evict.empty() ? nullptr : before.evict[0]));
   }
 
   void deleteEvictList() {
-    delete_evlist(evictList_);
-    evictList_ = nullptr;
+    delete_evlist(m_evictList);
+    m_evictList = nullptr;
   }
 
   void deleteRequested() {
-    FUZZ_CHECK(delete_from_vm_list(&requested_) == 0);
-    FUZZ_CHECK(requested_ == nullptr);
+    FUZZ_CHECK(delete_from_vm_list(&m_requested) == 0);
+    FUZZ_CHECK(m_requested == nullptr);
   }
 
   evict_vm_info* anyVm() {
-    return input_.ConsumeIntegralInRange(0, 15) == 0 ? nullptr : pool_[input_.ConsumeIntegralInRange(0, kPoolSize - 1)];
+    return m_input.ConsumeIntegralInRange(0, 15) == 0 ? nullptr
+                                                      : m_pool[m_input.ConsumeIntegralInRange(0, kPoolSize - 1)];
   }
 
   // A VM that is in neither list (or null): the engine holds each VM in one
@@ -113,32 +115,32 @@ class Engine {
 
   void initialize() {
     deleteEvictList();
-    const int capacity = input_.ConsumeIntegralInRange(-2, kPoolSize + 2);
+    const int capacity = m_input.ConsumeIntegralInRange(-2, kPoolSize + 2);
     const size_t allocations = fake::allocator.callers.size();
-    const int result = initialize_evlist(&evictList_, capacity);
+    const int result = initialize_evlist(&m_evictList, capacity);
     if (result != 0) {
-      FUZZ_CHECK(result == -1 && evictList_ == nullptr);
+      FUZZ_CHECK(result == -1 && m_evictList == nullptr);
       FUZZ_CHECK(capacity < 0 || fuzz::allocationFailedSince(allocations));
       return;
     }
-    FUZZ_CHECK(capacity >= 0 && evictList_->capacity == capacity && evictList_->count == 0);
+    FUZZ_CHECK(capacity >= 0 && m_evictList->capacity == capacity && m_evictList->count == 0);
   }
 
   void insertIntoEvictList(const fuzz::ListContents& before) {
     evict_vm_info* vm = freeVm(before);
-    const int result = insert_vm_into_evlist(evictList_, vm);
-    if (evictList_ == nullptr || vm == nullptr) {
+    const int result = insert_vm_into_evlist(m_evictList, vm);
+    if (m_evictList == nullptr || vm == nullptr) {
       FUZZ_CHECK(result == -1);
       return;
     }
-    const bool full = static_cast<int>(before.evict.size()) == evictList_->capacity;
+    const bool full = static_cast<int>(before.evict.size()) == m_evictList->capacity;
     FUZZ_CHECK(result == (full ? 1 : 0));
     FUZZ_CHECK(checkedContents().evict.size() == before.evict.size() + (full ? 0 : 1));
   }
 
   void removeTop(const fuzz::ListContents& before) {
-    const int result = remove_vm_from_evlist(evictList_);
-    if (evictList_ == nullptr) {
+    const int result = remove_vm_from_evlist(m_evictList);
+    if (m_evictList == nullptr) {
       FUZZ_CHECK(result == -1);
       return;
     }
@@ -150,33 +152,33 @@ class Engine {
   // The engine shrinks a VM in place and sifts its slot down; any other
   // index (negative, past the count) must leave the list alone.
   void shrinkAndRealign(const fuzz::ListContents& before) {
-    int index = input_.ConsumeIntegral<int>();
-    if (!before.evict.empty() && input_.ConsumeBool()) {
-      index = input_.ConsumeIntegralInRange(0, static_cast<int>(before.evict.size()) - 1);
+    int index = m_input.ConsumeIntegral<int>();
+    if (!before.evict.empty() && m_input.ConsumeBool()) {
+      index = m_input.ConsumeIntegralInRange(0, static_cast<int>(before.evict.size()) - 1);
       evict_vm_info* vm = before.evict[index];
-      vm->vm_size = input_.ConsumeIntegralInRange<uint64_t>(0, vm->vm_size);
+      vm->vm_size = m_input.ConsumeIntegralInRange<uint64_t>(0, vm->vm_size);
     }
-    FUZZ_CHECK(realign_element_in_vm_list(evictList_, index) == 0);
+    FUZZ_CHECK(realign_element_in_vm_list(m_evictList, index) == 0);
     const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(std::is_permutation(after.evict.begin(), after.evict.end(), before.evict.begin(), before.evict.end()));
   }
 
   void insertIntoRequested(const fuzz::ListContents& before) {
     evict_vm_info* vm = freeVm(before);
-    const bool nullHead = input_.ConsumeIntegralInRange(0, 15) == 0;
+    const bool nullHead = m_input.ConsumeIntegralInRange(0, 15) == 0;
     const size_t allocations = fake::allocator.callers.size();
-    const int result = insert_into_vm_list(nullHead ? nullptr : &requested_, vm);
+    const int result = insert_into_vm_list(nullHead ? nullptr : &m_requested, vm);
     if (nullHead || vm == nullptr) {
       FUZZ_CHECK(result == -1);
       return;
     }
     FUZZ_CHECK(result == (fuzz::allocationFailedSince(allocations) ? 3 : 0));
-    if (result == 0) FUZZ_CHECK(requested_->vm == vm);
+    if (result == 0) FUZZ_CHECK(m_requested->vm == vm);
   }
 
   void takeFromRequested(const fuzz::ListContents& before) {
-    const bool nullHead = input_.ConsumeIntegralInRange(0, 15) == 0;
-    evict_vm_info* vm = get_from_vm_list(nullHead ? nullptr : &requested_);
+    const bool nullHead = m_input.ConsumeIntegralInRange(0, 15) == 0;
+    evict_vm_info* vm = get_from_vm_list(nullHead ? nullptr : &m_requested);
     FUZZ_CHECK(vm == (nullHead || before.requested.empty() ? nullptr : before.requested[0]));
   }
 
@@ -184,10 +186,10 @@ class Engine {
   // front of the requested list, marked requested. A VM leaves both lists
   // only when the node for it could not be allocated.
   void evict(const fuzz::ListContents& before) {
-    const int passes = input_.ConsumeIntegralInRange(-1, static_cast<int>(before.evict.size()) + 1);
-    const bool nullRequested = input_.ConsumeIntegralInRange(0, 15) == 0;
+    const int passes = m_input.ConsumeIntegralInRange(-1, static_cast<int>(before.evict.size()) + 1);
+    const bool nullRequested = m_input.ConsumeIntegralInRange(0, 15) == 0;
     const size_t allocations = fake::allocator.callers.size();
-    call_evict_data(passes, evictList_, nullRequested ? nullptr : &requested_);
+    call_evict_data(passes, m_evictList, nullRequested ? nullptr : &m_requested);
 
     const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(after.requested.size() >= before.requested.size());
@@ -204,38 +206,38 @@ class Engine {
   // Only the states of the first `nodes` requested VMs change, to 1 or 2;
   // neither list changes.
   void checkProgress(const fuzz::ListContents& before) {
-    const int nodes = input_.ConsumeIntegralInRange(-1, kPoolSize + 1);
-    const bool nullRequested = input_.ConsumeIntegralInRange(0, 15) == 0;
+    const int nodes = m_input.ConsumeIntegralInRange(-1, kPoolSize + 1);
+    const bool nullRequested = m_input.ConsumeIntegralInRange(0, 15) == 0;
     std::array<int32_t, kPoolSize> states;
-    for (int i = 0; i < kPoolSize; ++i) states[i] = records_[i].evict_state;
-    call_check_eviction_progress(nodes, nullRequested ? nullptr : &requested_);
+    for (int i = 0; i < kPoolSize; ++i) states[i] = m_records[i].evict_state;
+    call_check_eviction_progress(nodes, nullRequested ? nullptr : &m_requested);
 
     const fuzz::ListContents after = checkedContents();
     FUZZ_CHECK(after.evict == before.evict && after.requested == before.requested);
     for (int i = 0; i < kPoolSize; ++i) {
-      const int32_t state = records_[i].evict_state;
+      const int32_t state = m_records[i].evict_state;
       if (state == states[i]) continue;
       FUZZ_CHECK(state == 1 || state == 2);
-      const auto position = std::find(after.requested.begin(), after.requested.end(), &records_[i]);
+      const auto position = std::find(after.requested.begin(), after.requested.end(), &m_records[i]);
       FUZZ_CHECK(position != after.requested.end() && position - after.requested.begin() < nodes);
     }
   }
 
   void raiseAlert() {
-    const std::string vmId = input_.ConsumeRandomLengthString(40);
-    const std::string jobId = input_.ConsumeRandomLengthString(24);
-    const int code = input_.ConsumeBool() ? input_.PickValueInArray({2, 18, 44, 45, 500, 501, 502, 503, 504, 505})
-                                          : input_.ConsumeIntegral<int>();
-    const bool nullVm = input_.ConsumeIntegralInRange(0, 15) == 0;
-    const bool nullJob = input_.ConsumeIntegralInRange(0, 15) == 0;
+    const std::string vmId = m_input.ConsumeRandomLengthString(40);
+    const std::string jobId = m_input.ConsumeRandomLengthString(24);
+    const int code = m_input.ConsumeBool() ? m_input.PickValueInArray({2, 18, 44, 45, 500, 501, 502, 503, 504, 505})
+                                           : m_input.ConsumeIntegral<int>();
+    const bool nullVm = m_input.ConsumeIntegralInRange(0, 15) == 0;
+    const bool nullJob = m_input.ConsumeIntegralInRange(0, 15) == 0;
     FUZZ_CHECK(raise_backup_alert(nullVm ? nullptr : vmId.c_str(), code, nullJob ? nullptr : jobId.c_str()) == 0);
   }
 
-  FuzzedDataProvider& input_;
-  std::array<evict_vm_info, kPoolSize> records_;
-  std::vector<evict_vm_info*> pool_;
-  evict_vm_list* evictList_ = nullptr;
-  vm_node_list* requested_ = nullptr;
+  FuzzedDataProvider& m_input;
+  std::array<evict_vm_info, kPoolSize> m_records;
+  std::vector<evict_vm_info*> m_pool;
+  evict_vm_list* m_evictList = nullptr;
+  vm_node_list* m_requested = nullptr;
 };
 
 }  // namespace

@@ -72,8 +72,7 @@ void KeepstoneServiceGateway::getMasterServerName(std::string& name) {
   name = config.masterServer;
 }
 
-void KeepstoneServiceGateway::setAlertParameters(int alertCode, const std::string& vmId,
-                                                 const std::string& jobId,
+void KeepstoneServiceGateway::setAlertParameters(int alertCode, const std::string& vmId, const std::string& jobId,
                                                  boost::shared_ptr<AlertServiceData> record) {
   for (const AlertRow& row : ALERT_TABLE) {
     if (row.code != alertCode) continue;
@@ -101,8 +100,7 @@ void KeepstoneServiceGateway::raiseAlert(const std::string& vmId, int alertCode,
   static_cast<ServiceInterface*>(hostHandler)->handleRequest(record.get());
 }
 
-void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictList,
-                                              vm_node_list** requested) {
+void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictList, vm_node_list** requested) {
   static const std::string function = "KeepstoneServiceGateway::requestEviction";
   // Without a list to move them to, requested VMs would leave the evict list
   // and the engine would lose the jobs started for them: request none.

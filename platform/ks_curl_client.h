@@ -25,12 +25,10 @@ class TokenManager_Base {
 // (code 0 and an empty body when nothing answered).
 class KSClientCURL {
  public:
-  KSClientCURL(const std::string& host, int port, cert_type certType,
-               KSCurlSessionType sessionType, TokenManager_Base* tokenManager,
-               const std::string& clientId, bool verifyPeer, bool useProxy, bool useCookies,
-               const std::string& certFile, const std::string& keyFile,
-               const std::string& keyPassword, const std::string& caPath,
-               const std::string& proxyUrl, const std::string& userAgent, bool verbose,
+  KSClientCURL(const std::string& host, int port, cert_type certType, KSCurlSessionType sessionType,
+               TokenManager_Base* tokenManager, const std::string& clientId, bool verifyPeer, bool useProxy,
+               bool useCookies, const std::string& certFile, const std::string& keyFile, const std::string& keyPassword,
+               const std::string& caPath, const std::string& proxyUrl, const std::string& userAgent, bool verbose,
                const bool& cancelFlag, const std::string& interfaceName, int retryCount);
   virtual ~KSClientCURL();
   KSClientCURL(const KSClientCURL&) = delete;

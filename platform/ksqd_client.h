@@ -12,8 +12,7 @@ extern "C" {
 // of `master_server`. Returns 0 on success and sets *answer to a
 // NUL-terminated text from malloc that the caller frees. Any other result is a
 // failure code; *answer is then left as the caller set it.
-int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request,
-                            char** answer);
+int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request, char** answer);
 
 // Allocation with bookkeeping: `caller` and `line` name the place of the call.
 // Returns null when memory cannot be had.

@@ -17,36 +17,36 @@ class CAPABILITY("mutex") Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() ACQUIRE() { mutex_.lock(); }
-  void unlock() RELEASE() { mutex_.unlock(); }
+  void lock() ACQUIRE() { m_mutex.lock(); }
+  void unlock() RELEASE() { m_mutex.unlock(); }
 
  private:
-  std::mutex mutex_;
+  std::mutex m_mutex;
 };
 
 // Holds `mutex` from construction to destruction.
 class SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~MutexLock() RELEASE() { mutex_.unlock(); }
+  explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_mutex(mutex) { m_mutex.lock(); }
+  ~MutexLock() RELEASE() { m_mutex.unlock(); }
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
  private:
-  Mutex& mutex_;
+  Mutex& m_mutex;
 };
 
 // Waits on a Mutex the caller holds; the wait gives it up and takes it back.
 class CondVar {
  public:
-  void notifyAll() { condition_.notify_all(); }
+  void notifyAll() { m_condition.notify_all(); }
   template <typename Predicate>
   void wait(Mutex& mutex, Predicate done) REQUIRES(mutex) {
-    condition_.wait(mutex, done);
+    m_condition.wait(mutex, done);
   }
 
  private:
-  std::condition_variable_any condition_;
+  std::condition_variable_any m_condition;
 };
 
 }  // namespace port

@@ -29,8 +29,7 @@ const int HEADER_ABSENT = 227;
 KSCurlWrapperException::KSCurlWrapperException(int code, const std::string& message)
     : m_code(code), m_message(message) {}
 
-KSCurlWrapperException::KSCurlWrapperException(const std::string& message)
-    : m_code(-1), m_message(message) {}
+KSCurlWrapperException::KSCurlWrapperException(const std::string& message) : m_code(-1), m_message(message) {}
 
 KSCurlWrapperException::~KSCurlWrapperException() {}
 
@@ -54,18 +53,14 @@ int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse
   const bool cancelRequest = false;
   const std::string none;
   // A fresh client per request, gone on every way out of this function.
-  boost::scoped_ptr<KSClientCURL> client(new KSClientCURL(
-      m_masterServerName, MASTER_REST_PORT, CERT_TYPE_PEM, KS_CURL_SESSION_SHARED, nullptr, none,
-      true, false, false, none, none, none, none, none, none, false, cancelRequest, none, 0));
+  boost::scoped_ptr<KSClientCURL> client(
+      new KSClientCURL(m_masterServerName, MASTER_REST_PORT, CERT_TYPE_PEM, KS_CURL_SESSION_SHARED, nullptr, none, true,
+                       false, false, none, none, none, none, none, none, false, cancelRequest, none, 0));
   client->setupAcceptCurlOption(KS_MEDIA_TYPE_VERSION);
 
   switch (params.requestType) {
-    case GET_REQUEST:
-      client->get(params.uri);
-      break;
-    case PAYLOAD_REQUEST:
-      client->post(params.uri, params.payload);
-      break;
+    case GET_REQUEST: client->get(params.uri); break;
+    case PAYLOAD_REQUEST: client->post(params.uri, params.payload); break;
     default:
       ksu_logmsg_str(FAILURE_LEVEL, MAKE_REQUEST_LOG_NAME, "Unsupported request type specified.");
       return UNSUPPORTED_REQUEST_RESULT;

@@ -10,7 +10,7 @@ packages=(
   libcurl4-openssl-dev libmosquitto-dev libsqlite3-dev sqlite3 openssl
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev valgrind python3
+  clang clang-format libclang-rt-14-dev valgrind python3
   dpkg-dev lintian mandoc
 )
 

@@ -56,8 +56,8 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
   ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_FUNCTION, message("Backup request payload: ", payload));
 
   char* answer = nullptr;
-  const int result = invoke_ksqd_cct_request(request->masterServerName.c_str(),
-                                             MANUAL_BACKUP_REQUEST_KIND, payload.c_str(), &answer);
+  const int result =
+      invoke_ksqd_cct_request(request->masterServerName.c_str(), MANUAL_BACKUP_REQUEST_KIND, payload.c_str(), &answer);
   if (result != 0) {
     // The daemon client hands back no answer when it fails, so there is
     // nothing to release here.
@@ -100,7 +100,8 @@ int BackupServiceImpl::parseRequestResponse(const std::string& response, unsigne
   }
   const json_t* id = json_object_get(answer.get(), JOB_ID_KEY);
   if (id == nullptr) {
-    throw KSServiceException(UNPARSABLE_ANSWER_CODE, "Could not parse ksqd eviction request response. Missing attribute: jobid");
+    throw KSServiceException(UNPARSABLE_ANSWER_CODE,
+                             "Could not parse ksqd eviction request response. Missing attribute: jobid");
   }
   if (!json_is_integer(id)) {
     jobId = 0;

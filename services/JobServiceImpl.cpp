@@ -64,8 +64,7 @@ int JobServiceImpl::handleRequest(ServiceData* data) {
     }
   } catch (const KSCurlWrapperException& e) {
     std::ostringstream message;
-    message << "KSCurl Exception occured, error code: " << e.m_code << "\nException message: "
-            << e.m_message;
+    message << "KSCurl Exception occured, error code: " << e.m_code << "\nException message: " << e.m_message;
     ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_LOG_NAME, message.str());
     throw KSServiceException(e.m_code, e.m_message);
   }

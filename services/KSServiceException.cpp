@@ -1,7 +1,6 @@
 #include "services/KSServiceException.h"
 
-KSServiceException::KSServiceException(int code, const std::string& message)
-    : m_code(code), m_message(message) {}
+KSServiceException::KSServiceException(int code, const std::string& message) : m_code(code), m_message(message) {}
 
 KSServiceException::~KSServiceException() {}
 

@@ -7,6 +7,4 @@ ServiceInterface* KSUServiceImpl::setNext(ServiceInterface* next) {
   return next;
 }
 
-int KSUServiceImpl::forward(ServiceData* data) {
-  return m_next != nullptr ? m_next->handleRequest(data) : 0;
-}
+int KSUServiceImpl::forward(ServiceData* data) { return m_next != nullptr ? m_next->handleRequest(data) : 0; }

@@ -14,9 +14,9 @@ const int FAILURE_LEVEL = 16;  // failures, and the details of each VM evicted
 // Codes of KSServiceException, the results the engine sees (named for it in
 // backup_engine.h). The REST client's own codes pass through the job handler
 // unchanged.
-const int INVALID_REQUEST_CODE = KSCDP_ERR_BAD_REQUEST;          // a request that cannot be worked on
-const int DAEMON_REQUEST_FAILED_CODE = KSCDP_ERR_DAEMON;         // the request daemon call failed
-const int UNPARSABLE_ANSWER_CODE = KSCDP_ERR_BAD_ANSWER;         // an answer that cannot be parsed
-const int MASTER_CONFIG_UNREADABLE_CODE = KSCDP_ERR_NO_MASTER;   // no master server from the master configuration
+const int INVALID_REQUEST_CODE = KSCDP_ERR_BAD_REQUEST;         // a request that cannot be worked on
+const int DAEMON_REQUEST_FAILED_CODE = KSCDP_ERR_DAEMON;        // the request daemon call failed
+const int UNPARSABLE_ANSWER_CODE = KSCDP_ERR_BAD_ANSWER;        // an answer that cannot be parsed
+const int MASTER_CONFIG_UNREADABLE_CODE = KSCDP_ERR_NO_MASTER;  // no master server from the master configuration
 
 #endif  // KSCDP_SERVICES_SERVICECODES_H_

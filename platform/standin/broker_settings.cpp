@@ -38,7 +38,8 @@ bool readBrokerSettings(BrokerSettings& settings, std::string& error) {
   read.user = setting(config, "broker_user", "");
   read.passwordFile = setting(config, "broker_password_file", "");
   if (read.certFile.empty() != read.keyFile.empty()) {
-    error = configFilePath() + " names only one of broker_cert_file and broker_key_file: a client certificate needs both";
+    error =
+        configFilePath() + " names only one of broker_cert_file and broker_key_file: a client certificate needs both";
     return false;
   }
   if (!read.tls && !(read.caFile.empty() && read.certFile.empty())) {

@@ -36,7 +36,7 @@ struct KSClientCURL::State {
 };
 
 CURLcode KSClientCURL::State::exchange(const std::string& path, const std::string* payload, long& code,
-                                   std::string& body) {
+                                       std::string& body) {
   const char* function = payload != nullptr ? "KSClientCURL::post" : "KSClientCURL::get";
   code = 0;
   body.clear();
@@ -62,16 +62,15 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
   return result;
 }
 
-KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlSessionType,
-                           TokenManager_Base*, const std::string&, bool, bool, bool,
-                           const std::string&, const std::string&, const std::string&,
-                           const std::string&, const std::string&, const std::string&, bool,
+KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlSessionType, TokenManager_Base*,
+                           const std::string&, bool, bool, bool, const std::string&, const std::string&,
+                           const std::string&, const std::string&, const std::string&, const std::string&, bool,
                            const bool&, const std::string&, int)
     : m_responseCode(0), m_state(nullptr) {
   std::unique_ptr<State> state(new State);
   standin::HttpSettings settings = standin::currentHttpSettings();
-  standin::serviceBaseUrl("rest_url", settings.restUrl, "https://" + standin::hostAndPort(host, port),
-                          state->baseUrl, state->urlProblem);
+  standin::serviceBaseUrl("rest_url", settings.restUrl, "https://" + standin::hostAndPort(host, port), state->baseUrl,
+                          state->urlProblem);
   state->settings = std::move(settings.curl);
   m_state = state.release();
 }

@@ -43,8 +43,8 @@ class CurlExchange {
                    const CurlSettings& settings);
 
   // The last answer's status code and body (0 and empty without an answer).
-  long responseCode() const { return responseCode_; }
-  std::string& body() { return body_; }
+  long responseCode() const { return m_responseCode; }
+  std::string& body() { return m_body; }
 
   // The value of the last answer's header `name` (any case); false when it
   // has none or no answer came.
@@ -55,14 +55,14 @@ class CurlExchange {
     void operator()(CURL* easy) const { giveBackEasyHandle(easy); }
   };
 
-  HeaderList headers_;
-  std::string postBody_;
-  char error_[CURL_ERROR_SIZE];
-  std::string body_;
-  long responseCode_ = 0;
-  bool answered_ = false;
+  HeaderList m_headers;
+  std::string m_postBody;
+  char m_error[CURL_ERROR_SIZE];
+  std::string m_body;
+  long m_responseCode = 0;
+  bool m_answered = false;
   // Last, so that it is given back before the members above that it points at.
-  std::unique_ptr<CURL, HandleRelease> easy_;
+  std::unique_ptr<CURL, HandleRelease> m_easy;
 };
 
 }  // namespace standin

@@ -16,41 +16,41 @@ class Share {
  public:
   Share() {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return;
-    handle_ = curl_share_init();
-    if (handle_ == nullptr) return;
-    curl_share_setopt(handle_, CURLSHOPT_LOCKFUNC, &Share::lock);
-    curl_share_setopt(handle_, CURLSHOPT_UNLOCKFUNC, &Share::unlock);
-    curl_share_setopt(handle_, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-    curl_share_setopt(handle_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    m_handle = curl_share_init();
+    if (m_handle == nullptr) return;
+    curl_share_setopt(m_handle, CURLSHOPT_LOCKFUNC, &Share::lock);
+    curl_share_setopt(m_handle, CURLSHOPT_UNLOCKFUNC, &Share::unlock);
+    curl_share_setopt(m_handle, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(m_handle, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(m_handle, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   }
 
   // At process exit, after every client is gone. libcurl stays initialised:
   // other code of the process may still use it. Kept handles go first: they
   // may still be attached to the share.
   ~Share() {
-    for (CURL* easy : idle_) curl_easy_cleanup(easy);
-    if (handle_ != nullptr) curl_share_cleanup(handle_);
+    for (CURL* easy : m_idle) curl_easy_cleanup(easy);
+    if (m_handle != nullptr) curl_share_cleanup(m_handle);
   }
 
   Share(const Share&) = delete;
   Share& operator=(const Share&) = delete;
 
-  CURLSH* handle() const { return handle_; }
+  CURLSH* handle() const { return m_handle; }
 
   CURL* takeIdle() {
-    port::MutexLock lock(idleMutex_);
-    if (idle_.empty()) return nullptr;
-    CURL* easy = idle_.back();
-    idle_.pop_back();
+    port::MutexLock lock(m_idleMutex);
+    if (m_idle.empty()) return nullptr;
+    CURL* easy = m_idle.back();
+    m_idle.pop_back();
     return easy;
   }
 
   // False when enough handles are kept already.
   bool keepIdle(CURL* easy) {
-    port::MutexLock lock(idleMutex_);
-    if (idle_.size() >= kMaxIdle) return false;
-    idle_.push_back(easy);
+    port::MutexLock lock(m_idleMutex);
+    if (m_idle.size() >= kMaxIdle) return false;
+    m_idle.push_back(easy);
     return true;
   }
 
@@ -59,23 +59,21 @@ class Share {
     static_cast<Share*>(self)->mutexFor(data).lock();
   }
 
-  static void unlock(CURL*, curl_lock_data data, void* self) {
-    static_cast<Share*>(self)->mutexFor(data).unlock();
-  }
+  static void unlock(CURL*, curl_lock_data data, void* self) { static_cast<Share*>(self)->mutexFor(data).unlock(); }
 
   std::mutex& mutexFor(curl_lock_data data) {
     const int index = static_cast<int>(data);
-    return mutexes_[index >= 0 && index < CURL_LOCK_DATA_LAST ? index : 0];
+    return m_mutexes[index >= 0 && index < CURL_LOCK_DATA_LAST ? index : 0];
   }
 
   // One per thread that makes requests at the same time is plenty.
   static const size_t kMaxIdle = 8;
 
-  CURLSH* handle_ = nullptr;
+  CURLSH* m_handle = nullptr;
   // One per kind of shared data, taken and released by libcurl itself.
-  std::mutex mutexes_[CURL_LOCK_DATA_LAST];
-  port::Mutex idleMutex_;
-  std::vector<CURL*> idle_ GUARDED_BY(idleMutex_);  // reset, waiting for reuse
+  std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
+  port::Mutex m_idleMutex;
+  std::vector<CURL*> m_idle GUARDED_BY(m_idleMutex);  // reset, waiting for reuse
 };
 
 Share& share() {

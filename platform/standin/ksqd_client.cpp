@@ -11,6 +11,8 @@
 // A request is sent at most once: on a connection of its own, since libcurl
 // would send it again on a new one when a kept-alive connection turned out
 // dead after taking it, and the daemon would start the same backup twice.
+#include "platform/ksqd_client.h"
+
 #include <curl/curl.h>
 
 #include <cerrno>
@@ -24,7 +26,6 @@
 #include "config_file.h"
 #include "curl_exchange.h"
 #include "ksqd_url.h"
-#include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
 
 namespace {
@@ -86,8 +87,7 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
 
 }  // namespace
 
-extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request,
-                                       char** answer) {
+extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request, char** answer) {
   try {
     if (master_server == nullptr || request == nullptr || answer == nullptr) {
       ksu_logmsg_str(16, kFunction, "Refused: the master server, the request and the answer pointer must not be null");

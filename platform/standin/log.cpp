@@ -22,12 +22,12 @@ const time_t kRotationCheckSeconds = 1;
 
 // The log file as it was opened; every member is guarded by g_mutex.
 struct LogSink {
-  bool opened = false;      // the first record has looked at KSU_LOG_FILE
-  std::string path;         // empty: records go to stderr
-  FILE* file = nullptr;     // owned unless it is stderr; never closed while a record is written
-  dev_t device = 0;         // identity of `file`, to tell whether `path` still names it
+  bool opened = false;   // the first record has looked at KSU_LOG_FILE
+  std::string path;      // empty: records go to stderr
+  FILE* file = nullptr;  // owned unless it is stderr; never closed while a record is written
+  dev_t device = 0;      // identity of `file`, to tell whether `path` still names it
   ino_t inode = 0;
-  time_t nextCheck = 0;     // CLOCK_MONOTONIC_COARSE seconds
+  time_t nextCheck = 0;  // CLOCK_MONOTONIC_COARSE seconds
 };
 
 port::Mutex g_mutex;
@@ -74,8 +74,8 @@ FILE* sink() REQUIRES(g_mutex) {
   if (now < g_sink.nextCheck) return g_sink.file;
   g_sink.nextCheck = now + kRotationCheckSeconds;
   struct stat status {};
-  const bool samePath = stat(g_sink.path.c_str(), &status) == 0 && status.st_dev == g_sink.device &&
-                        status.st_ino == g_sink.inode;
+  const bool samePath =
+      stat(g_sink.path.c_str(), &status) == 0 && status.st_dev == g_sink.device && status.st_ino == g_sink.inode;
   if (!samePath) openLogFile(g_sink);
   return g_sink.file;
 }
@@ -133,8 +133,8 @@ void appendTimestamp(std::string& out) {
   if (now.tv_sec != formattedSecond) {
     tm utc{};
     gmtime_r(&now.tv_sec, &utc);
-    std::snprintf(upToSeconds, sizeof upToSeconds, "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900,
-                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+    std::snprintf(upToSeconds, sizeof upToSeconds, "%04d-%02d-%02dT%02d:%02d:%02d", utc.tm_year + 1900, utc.tm_mon + 1,
+                  utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
     formattedSecond = now.tv_sec;
   }
   const long milliseconds = now.tv_nsec / 1000000;

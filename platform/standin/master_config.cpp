@@ -18,7 +18,7 @@ struct LoadedConfig {
 // Guards the refill of the record. Readers of the record are the caller's
 // to serialise with a refill: the record stays valid until the next read.
 port::Mutex g_mutex;
-LoadedConfig g_loaded GUARDED_BY(g_mutex);          // backs the pointers in g_record
+LoadedConfig g_loaded GUARDED_BY(g_mutex);           // backs the pointers in g_record
 ks_master_config g_record GUARDED_BY(g_mutex) = {};  // empty until a successful read
 
 }  // namespace

@@ -35,9 +35,9 @@ bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& setting
                                        !readable(settings.keyFile, "broker_key_file", error))) {
       return false;
     }
-    int result = mosquitto_tls_set(client, fileOrNull(settings.caFile),
-                                   settings.caFile.empty() ? kSystemCaDirectory : nullptr,
-                                   fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
+    int result =
+        mosquitto_tls_set(client, fileOrNull(settings.caFile), settings.caFile.empty() ? kSystemCaDirectory : nullptr,
+                          fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
     if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, nullptr, nullptr);
     if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client, false);
     if (result != MOSQ_ERR_SUCCESS) {

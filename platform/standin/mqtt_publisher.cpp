@@ -33,7 +33,7 @@ const std::chrono::seconds kShutdownGrace(5);
 const std::chrono::seconds kConnectTimeout(10);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
-const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
+const std::chrono::seconds kLongestPoll(1);         // the client's keep-alive needs a turn this often
 const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
 
 const char kLogFunction[] = "NotificationSupplier";
@@ -66,38 +66,37 @@ std::unique_ptr<Outbox> openOutbox() {
   return outbox;
 }
 
-
 }  // namespace
 
 MqttPublisher::MqttPublisher()
-    : outbox_(openOutbox()),
-      events_(outbox_ ? kOutboxCapacity : kMemoryCapacity),
-      wakeFd_(openWakeFd()),
-      retryDelay_(kFirstRetryDelay) {
+    : m_outbox(openOutbox()),
+      m_events(m_outbox ? kOutboxCapacity : kMemoryCapacity),
+      m_wakeFd(openWakeFd()),
+      m_retryDelay(kFirstRetryDelay) {
   static std::once_flag libraryReady;
   std::call_once(libraryReady, [] { mosquitto_lib_init(); });
-  if (outbox_) {
+  if (m_outbox) {
     // An earlier publisher's events go out first, in the order they were raised.
-    const std::vector<Outbox::Event> waiting = outbox_->waiting();
-    for (const Outbox::Event& event : waiting) events_.push(event.payload, event.id);
+    const std::vector<Outbox::Event> waiting = m_outbox->waiting();
+    for (const Outbox::Event& event : waiting) m_events.push(event.payload, event.id);
     if (!waiting.empty()) {
-      ksu_logmsg_str(kProgressLevel, kLogFunction,
-                     std::to_string(waiting.size()) + " events waiting in the outbox " + outbox_->path() +
-                         " go out first");
+      ksu_logmsg_str(
+          kProgressLevel, kLogFunction,
+          std::to_string(waiting.size()) + " events waiting in the outbox " + m_outbox->path() + " go out first");
     }
   }
   try {
-    network_ = std::thread(&MqttPublisher::run, this);
+    m_network = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {
     logFailure(std::string("cannot start the notification publisher's thread: ") + e.what());
-    close(wakeFd_);
+    close(m_wakeFd);
     throw;
   }
 }
 
 MqttPublisher::~MqttPublisher() {
   stop();
-  close(wakeFd_);
+  close(m_wakeFd);
 }
 
 int MqttPublisher::publish(std::string payload) {
@@ -108,58 +107,59 @@ int MqttPublisher::publish(std::string payload) {
   {
     // Held across the push, so that an event is either refused or seen by
     // the network thread before it stops.
-    port::MutexLock lock(controlMutex_);
-    if (stopRequested_) {
+    port::MutexLock lock(m_controlMutex);
+    if (m_stopRequested) {
       logFailure("refused an event: the publisher has been shut down");
       return kRefusedStopped;
     }
-    if (threadEnded_) {
-      if (!refusalLogged_) {
-        logFailure("refusing events: the publisher's network thread has ended; stop the alert thread and raise the "
-                   "alert again to start a new publisher");
+    if (m_threadEnded) {
+      if (!m_refusalLogged) {
+        logFailure(
+            "refusing events: the publisher's network thread has ended; stop the alert thread and raise the "
+            "alert again to start a new publisher");
       }
-      refusalLogged_ = true;
+      m_refusalLogged = true;
       return kRefusedThreadEnded;
     }
-    if (events_.full()) {
-      if (!refusalLogged_) {
-        logFailure("refusing events: " + std::to_string(outbox_ ? kOutboxCapacity : kMemoryCapacity) +
+    if (m_events.full()) {
+      if (!m_refusalLogged) {
+        logFailure("refusing events: " + std::to_string(m_outbox ? kOutboxCapacity : kMemoryCapacity) +
                    " events are waiting for the broker");
       }
-      refusalLogged_ = true;
+      m_refusalLogged = true;
       return kRefusedQueueFull;
     }
-    const int64_t outboxId = outbox_ ? outbox_->append(payload) : 0;
-    events_.push(std::move(payload), outboxId);
-    refusalLogged_ = false;
+    const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
+    m_events.push(std::move(payload), outboxId);
+    m_refusalLogged = false;
   }
   wake();
   return kQueued;
 }
 
 void MqttPublisher::stop() {
-  port::MutexLock serial(stopMutex_);
-  if (!network_.joinable()) return;
+  port::MutexLock serial(m_stopMutex);
+  if (!m_network.joinable()) return;
   {
-    port::MutexLock lock(controlMutex_);
-    stopRequested_ = true;
-    stopDeadline_ = Clock::now() + kShutdownGrace;
+    port::MutexLock lock(m_controlMutex);
+    m_stopRequested = true;
+    m_stopDeadline = Clock::now() + kShutdownGrace;
   }
   wake();
-  network_.join();
-  const PendingEvents::Dropped undelivered = events_.clear();
-  const std::string broker = broker_.empty() ? "the broker" : "broker " + broker_;
+  m_network.join();
+  const PendingEvents::Dropped undelivered = m_events.clear();
+  const std::string broker = m_broker.empty() ? "the broker" : "broker " + m_broker;
   const std::string within = " within " + std::to_string(kShutdownGrace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
     logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
-               ": they wait in the outbox " + outbox_->path() + " for the next start");
+               ": they wait in the outbox " + m_outbox->path() + " for the next start");
   }
   if (undelivered.inMemoryOnly > 0) {
     logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
                " did not acknowledge them" + within);
   }
-  port::MutexLock lock(controlMutex_);
-  outbox_.reset();
+  port::MutexLock lock(m_controlMutex);
+  m_outbox.reset();
 }
 
 void MqttPublisher::run() {
@@ -168,30 +168,30 @@ void MqttPublisher::run() {
       const Clock::time_point now = Clock::now();
       Clock::time_point deadline;
       const bool stopping = stopRequested(deadline);
-      if (stopping && (events_.size() == 0 || now >= deadline)) break;
-      if (client_ == nullptr) {
-        if (now >= nextAttempt_) connect(now);
-      } else if (!connected_ && now >= connectDeadline_) {
-        connectionFailed("broker " + broker_ + " did not accept the connection within " +
+      if (stopping && (m_events.size() == 0 || now >= deadline)) break;
+      if (m_client == nullptr) {
+        if (now >= m_nextAttempt) connect(now);
+      } else if (!m_connected && now >= m_connectDeadline) {
+        connectionFailed("broker " + m_broker + " did not accept the connection within " +
                          std::to_string(kConnectTimeout.count()) + " s");
       }
-      if (connected_) handOver();
+      if (m_connected) handOver();
       serviceNetwork(pollTimeoutMs(now, stopping, deadline));
       tidyOutbox(Clock::now());
     }
   } catch (const std::exception& e) {
-    port::MutexLock lock(controlMutex_);
-    threadEnded_ = true;
+    port::MutexLock lock(m_controlMutex);
+    m_threadEnded = true;
     logFailure(std::string("the notification publisher's thread failed: ") + e.what() +
-               (outbox_ ? "; the events in the outbox wait for the next start" : ""));
+               (m_outbox ? "; the events in the outbox wait for the next start" : ""));
   }
   finish();
 }
 
 bool MqttPublisher::stopRequested(Clock::time_point& deadline) {
-  port::MutexLock lock(controlMutex_);
-  deadline = stopDeadline_;
-  return stopRequested_;
+  port::MutexLock lock(m_controlMutex);
+  deadline = m_stopDeadline;
+  return m_stopRequested;
 }
 
 void MqttPublisher::connect(Clock::time_point now) {
@@ -202,50 +202,50 @@ void MqttPublisher::connect(Clock::time_point now) {
     return;
   }
   const BrokerAddress& address = settings.address;
-  broker_ = address.host + ":" + std::to_string(address.port);
-  client_ = mosquitto_new(nullptr, true, this);
-  if (client_ == nullptr) {
+  m_broker = address.host + ":" + std::to_string(address.port);
+  m_client = mosquitto_new(nullptr, true, this);
+  if (m_client == nullptr) {
     const int savedErrno = errno;
     connectionFailed(std::string("cannot make an MQTT client: ") + std::strerror(savedErrno));
     return;
   }
-  mosquitto_connect_callback_set(client_, &MqttPublisher::onConnect);
-  mosquitto_publish_callback_set(client_, &MqttPublisher::onPublish);
-  mosquitto_log_callback_set(client_, &MqttPublisher::onLog);
-  mosquitto_max_inflight_messages_set(client_, kInFlight);
-  if (!applyBrokerSettings(client_, settings, error)) {
-    connectionFailed("cannot connect to broker " + broker_ + ": " + error);
+  mosquitto_connect_callback_set(m_client, &MqttPublisher::onConnect);
+  mosquitto_publish_callback_set(m_client, &MqttPublisher::onPublish);
+  mosquitto_log_callback_set(m_client, &MqttPublisher::onLog);
+  mosquitto_max_inflight_messages_set(m_client, kInFlight);
+  if (!applyBrokerSettings(m_client, settings, error)) {
+    connectionFailed("cannot connect to broker " + m_broker + ": " + error);
     return;
   }
-  const int result = mosquitto_connect_async(client_, address.host.c_str(), address.port, kKeepAliveSeconds);
+  const int result = mosquitto_connect_async(m_client, address.host.c_str(), address.port, kKeepAliveSeconds);
   const int savedErrno = errno;
   if (result != MOSQ_ERR_SUCCESS) {
-    connectionFailed("cannot reach broker " + broker_ + ": " + mosquittoErrorText(result, savedErrno));
+    connectionFailed("cannot reach broker " + m_broker + ": " + mosquittoErrorText(result, savedErrno));
     return;
   }
-  connectDeadline_ = now + kConnectTimeout;
+  m_connectDeadline = now + kConnectTimeout;
 }
 
 void MqttPublisher::handOver() {
   int failure = MOSQ_ERR_SUCCESS;
   int failureErrno = 0;
-  events_.handOver(kInFlight, [&](const std::string& payload, int* messageId) {
-    failure = mosquitto_publish(client_, messageId, kTopic, static_cast<int>(payload.size()), payload.data(), kQos,
-                                false);
+  m_events.handOver(kInFlight, [&](const std::string& payload, int* messageId) {
+    failure =
+        mosquitto_publish(m_client, messageId, kTopic, static_cast<int>(payload.size()), payload.data(), kQos, false);
     failureErrno = errno;
     return failure == MOSQ_ERR_SUCCESS;
   });
   if (failure != MOSQ_ERR_SUCCESS) {
-    connectionFailed("lost the connection to broker " + broker_ + ": " + mosquittoErrorText(failure, failureErrno));
+    connectionFailed("lost the connection to broker " + m_broker + ": " + mosquittoErrorText(failure, failureErrno));
   }
 }
 
 void MqttPublisher::serviceNetwork(int timeoutMs) {
-  pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {-1, 0, 0}};
+  pollfd fds[2] = {{m_wakeFd, POLLIN, 0}, {-1, 0, 0}};
   nfds_t count = 1;
-  if (client_ != nullptr && mosquitto_socket(client_) >= 0) {
-    fds[1].fd = mosquitto_socket(client_);
-    fds[1].events = static_cast<short>(POLLIN | (mosquitto_want_write(client_) ? POLLOUT : 0));
+  if (m_client != nullptr && mosquitto_socket(m_client) >= 0) {
+    fds[1].fd = mosquitto_socket(m_client);
+    fds[1].events = static_cast<short>(POLLIN | (mosquitto_want_write(m_client) ? POLLOUT : 0));
     count = 2;
   }
   if (poll(fds, count, timeoutMs) < 0) {
@@ -258,31 +258,31 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
 
   const short ready = fds[1].revents;
   int result = MOSQ_ERR_SUCCESS;
-  if ((ready & (POLLIN | POLLERR | POLLHUP)) != 0) result = mosquitto_loop_read(client_, 1);
-  if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(client_, 1);
-  if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(client_);
+  if ((ready & (POLLIN | POLLERR | POLLHUP)) != 0) result = mosquitto_loop_read(m_client, 1);
+  if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(m_client, 1);
+  if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(m_client);
   const int savedErrno = errno;
-  if (refusedCode_ != 0) {  // libmosquitto also ends the loop call with an error then
-    connectionFailed("broker " + broker_ + " refused the connection: " + mosquitto_connack_string(refusedCode_));
+  if (m_refusedCode != 0) {  // libmosquitto also ends the loop call with an error then
+    connectionFailed("broker " + m_broker + " refused the connection: " + mosquitto_connack_string(m_refusedCode));
   } else if (result != MOSQ_ERR_SUCCESS) {
-    const std::string state = connected_ ? "lost the connection to broker " : "cannot reach broker ";
-    connectionFailed(state + broker_ + ": " + mosquittoErrorText(result, savedErrno));
+    const std::string state = m_connected ? "lost the connection to broker " : "cannot reach broker ";
+    connectionFailed(state + m_broker + ": " + mosquittoErrorText(result, savedErrno));
   }
 }
 
 void MqttPublisher::tidyOutbox(Clock::time_point now) {
-  if (!outbox_) return;
-  outbox_->remove(acknowledged_);
-  acknowledged_.clear();
-  if (now < nextCheckpoint_) return;
-  outbox_->checkpoint();
-  nextCheckpoint_ = now + kCheckpointInterval;
+  if (!m_outbox) return;
+  m_outbox->remove(m_acknowledged);
+  m_acknowledged.clear();
+  if (now < m_nextCheckpoint) return;
+  m_outbox->checkpoint();
+  m_nextCheckpoint = now + kCheckpointInterval;
 }
 
 int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::time_point deadline) const {
   Clock::time_point wakeAt = now + kLongestPoll;
-  if (client_ == nullptr) wakeAt = std::min(wakeAt, nextAttempt_);
-  if (client_ != nullptr && !connected_) wakeAt = std::min(wakeAt, connectDeadline_);
+  if (m_client == nullptr) wakeAt = std::min(wakeAt, m_nextAttempt);
+  if (m_client != nullptr && !m_connected) wakeAt = std::min(wakeAt, m_connectDeadline);
   if (stopping) wakeAt = std::min(wakeAt, deadline);
   const auto wait = std::chrono::ceil<std::chrono::milliseconds>(wakeAt - Clock::now());
   return static_cast<int>(std::max<std::chrono::milliseconds::rep>(wait.count(), 0));
@@ -291,67 +291,68 @@ int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::ti
 void MqttPublisher::connectionFailed(const std::string& what) {
   // One line per outage: the first failure after a working connection, or
   // the first since the publisher started.
-  const std::string tls = tlsFailure_.empty() ? "" : " (" + tlsFailure_ + ")";
-  if (!outageLogged_) logFailure(what + tls + "; events wait until the broker can be reached");
-  outageLogged_ = true;
-  tlsFailure_.clear();
+  const std::string tls = m_tlsFailure.empty() ? "" : " (" + m_tlsFailure + ")";
+  if (!m_outageLogged) logFailure(what + tls + "; events wait until the broker can be reached");
+  m_outageLogged = true;
+  m_tlsFailure.clear();
   closeClient();
-  nextAttempt_ = Clock::now() + retryDelay_;
-  retryDelay_ = std::min<Clock::duration>(retryDelay_ * 2, kLongestRetryDelay);
+  m_nextAttempt = Clock::now() + m_retryDelay;
+  m_retryDelay = std::min<Clock::duration>(m_retryDelay * 2, kLongestRetryDelay);
 }
 
 void MqttPublisher::closeClient() {
-  if (client_ != nullptr) mosquitto_destroy(client_);
-  client_ = nullptr;
-  connected_ = false;
-  refusedCode_ = 0;
-  events_.takeBack();  // the next connection sends them again
+  if (m_client != nullptr) mosquitto_destroy(m_client);
+  m_client = nullptr;
+  m_connected = false;
+  m_refusedCode = 0;
+  m_events.takeBack();  // the next connection sends them again
 }
 
 void MqttPublisher::finish() {
-  if (client_ != nullptr && connected_) mosquitto_disconnect(client_);  // written at once: the client is not threaded
+  if (m_client != nullptr && m_connected)
+    mosquitto_disconnect(m_client);  // written at once: the client is not threaded
   closeClient();
-  if (!outbox_) return;
-  outbox_->remove(acknowledged_);
-  acknowledged_.clear();
+  if (!m_outbox) return;
+  m_outbox->remove(m_acknowledged);
+  m_acknowledged.clear();
 }
 
 void MqttPublisher::wake() {
   const uint64_t one = 1;
   // Otherwise fails only when the counter is saturated: the thread is due to wake then anyway.
-  while (write(wakeFd_, &one, sizeof one) < 0 && errno == EINTR) {
+  while (write(m_wakeFd, &one, sizeof one) < 0 && errno == EINTR) {
   }
 }
 
 void MqttPublisher::drainWakeups() {
   uint64_t count;
-  while (read(wakeFd_, &count, sizeof count) > 0) {
+  while (read(m_wakeFd, &count, sizeof count) > 0) {
   }
 }
 
 void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code) {
   auto* publisher = static_cast<MqttPublisher*>(self);
   if (code != 0) {
-    publisher->refusedCode_ = code;
+    publisher->m_refusedCode = code;
     return;
   }
-  publisher->connected_ = true;
-  publisher->outageLogged_ = false;
-  publisher->retryDelay_ = kFirstRetryDelay;
-  ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->broker_);
+  publisher->m_connected = true;
+  publisher->m_outageLogged = false;
+  publisher->m_retryDelay = kFirstRetryDelay;
+  ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
 }
 
 void MqttPublisher::onPublish(struct mosquitto* /*client*/, void* self, int messageId) {
   auto* publisher = static_cast<MqttPublisher*>(self);
-  const int64_t outboxId = publisher->events_.acknowledge(messageId);
-  if (outboxId != 0) publisher->acknowledged_.push_back(outboxId);
+  const int64_t outboxId = publisher->m_events.acknowledge(messageId);
+  if (outboxId != 0) publisher->m_acknowledged.push_back(outboxId);
 }
 
 void MqttPublisher::onLog(struct mosquitto* /*client*/, void* self, int level, const char* text) {
   // libmosquitto tells why a TLS handshake failed (host name, certificate)
   // only through its log; the first error of an attempt is the reason.
   static const char kPrefix[] = "Error: ";
-  std::string& failure = static_cast<MqttPublisher*>(self)->tlsFailure_;
+  std::string& failure = static_cast<MqttPublisher*>(self)->m_tlsFailure;
   if (level != MOSQ_LOG_ERR || !failure.empty()) return;
   failure = std::strncmp(text, kPrefix, sizeof kPrefix - 1) == 0 ? text + sizeof kPrefix - 1 : text;
   if (!failure.empty() && failure.back() == '.') failure.pop_back();

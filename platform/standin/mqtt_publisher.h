@@ -36,9 +36,9 @@ namespace standin {
 class MqttPublisher {
  public:
   static const int kQueued = 0;
-  static const int kRefusedQueueFull = 1;  // 100,000 payloads waiting (10,000 without an outbox)
-  static const int kRefusedStopped = 2;    // stop() has been called
-  static const int kRefusedTooLarge = 3;   // larger than an MQTT message can carry
+  static const int kRefusedQueueFull = 1;    // 100,000 payloads waiting (10,000 without an outbox)
+  static const int kRefusedStopped = 2;      // stop() has been called
+  static const int kRefusedTooLarge = 3;     // larger than an MQTT message can carry
   static const int kRefusedThreadEnded = 4;  // the network thread ended on a failure
 
   // Starts the network thread; throws std::system_error when it cannot.
@@ -78,32 +78,32 @@ class MqttPublisher {
 
   // Null without an outbox. Set in the constructor; stop() closes it once the
   // network thread is gone and publish() can no longer reach it.
-  std::unique_ptr<Outbox> outbox_;
-  PendingEvents events_;
-  const int wakeFd_;  // eventfd: publish() and stop() wake the network thread through it
+  std::unique_ptr<Outbox> m_outbox;
+  PendingEvents m_events;
+  const int m_wakeFd;  // eventfd: publish() and stop() wake the network thread through it
 
-  port::Mutex controlMutex_;
-  bool stopRequested_ GUARDED_BY(controlMutex_) = false;
-  Clock::time_point stopDeadline_ GUARDED_BY(controlMutex_);
-  bool refusalLogged_ GUARDED_BY(controlMutex_) = false;  // one log line per run of refusals
-  bool threadEnded_ GUARDED_BY(controlMutex_) = false;    // the network thread ended on a failure
+  port::Mutex m_controlMutex;
+  bool m_stopRequested GUARDED_BY(m_controlMutex) = false;
+  Clock::time_point m_stopDeadline GUARDED_BY(m_controlMutex);
+  bool m_refusalLogged GUARDED_BY(m_controlMutex) = false;  // one log line per run of refusals
+  bool m_threadEnded GUARDED_BY(m_controlMutex) = false;    // the network thread ended on a failure
 
-  port::Mutex stopMutex_;  // serialises stop()
-  std::thread network_;
+  port::Mutex m_stopMutex;  // serialises stop()
+  std::thread m_network;
 
   // Owned by the network thread. A client lives for one connection attempt
   // and the connection it makes; the next attempt starts with a fresh one.
-  struct mosquitto* client_ = nullptr;
-  std::string broker_;  // "host:port" of the current or last attempt; read by stop() after the join
-  bool connected_ = false;
-  int refusedCode_ = 0;  // non-zero: the broker answered CONNECT with this refusal
-  bool outageLogged_ = false;
-  std::string tlsFailure_;                // the first error libmosquitto logged in this attempt
-  std::vector<int64_t> acknowledged_;     // outbox ids of acknowledged events, removed in batches
-  Clock::time_point nextCheckpoint_;
-  Clock::time_point connectDeadline_;
-  Clock::time_point nextAttempt_;
-  Clock::duration retryDelay_;
+  struct mosquitto* m_client = nullptr;
+  std::string m_broker;  // "host:port" of the current or last attempt; read by stop() after the join
+  bool m_connected = false;
+  int m_refusedCode = 0;  // non-zero: the broker answered CONNECT with this refusal
+  bool m_outageLogged = false;
+  std::string m_tlsFailure;             // the first error libmosquitto logged in this attempt
+  std::vector<int64_t> m_acknowledged;  // outbox ids of acknowledged events, removed in batches
+  Clock::time_point m_nextCheckpoint;
+  Clock::time_point m_connectDeadline;
+  Clock::time_point m_nextAttempt;
+  Clock::duration m_retryDelay;
 };
 
 }  // namespace standin

@@ -113,35 +113,37 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error
   outbox->closeConnections();
   const std::string aside = setAside(path, error);
   if (aside.empty()) return nullptr;
-  ksu_logmsg_str(kFailureLevel, kLogFunction,
-                 "the outbox " + path + " was damaged (" + error + "): set aside as " + aside + ", a new one is started");
+  ksu_logmsg_str(
+      kFailureLevel, kLogFunction,
+      "the outbox " + path + " was damaged (" + error + "): set aside as " + aside + ", a new one is started");
   if (outbox->openConnections(error, damaged)) return outbox;
   return nullptr;
 }
 
-Outbox::Outbox(std::string path, int lockFd) : path_(std::move(path)), lockFd_(lockFd) {}
+Outbox::Outbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
 
 Outbox::~Outbox() {
   closeConnections();
-  close(lockFd_);  // after the database is closed: the next owner finds it whole
+  close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
 
 bool Outbox::openConnections(std::string& error, bool& damaged) {
   int code = SQLITE_OK;
   damaged = false;
-  if (!openConnection(path_, remover_, code, error)) {
+  if (!openConnection(m_path, m_remover, code, error)) {
     damaged = isDamage(code);
     return false;
   }
-  const std::string verdict = quickCheck(remover_, code);
+  const std::string verdict = quickCheck(m_remover, code);
   if (verdict != "ok") {
     damaged = code == SQLITE_OK || isDamage(code);
     error = verdict;
     return false;
   }
-  if (!openConnection(path_, appender_, code, error)) return false;
-  code = sqlite3_prepare_v2(appender_, "INSERT INTO events (payload) VALUES (?)", -1, &insert_, nullptr);
-  if (code == SQLITE_OK) code = sqlite3_prepare_v2(remover_, "DELETE FROM events WHERE id = ?", -1, &delete_, nullptr);
+  if (!openConnection(m_path, m_appender, code, error)) return false;
+  code = sqlite3_prepare_v2(m_appender, "INSERT INTO events (payload) VALUES (?)", -1, &m_insert, nullptr);
+  if (code == SQLITE_OK)
+    code = sqlite3_prepare_v2(m_remover, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
     error = sqlite3_errstr(code);
     return false;
@@ -150,70 +152,73 @@ bool Outbox::openConnections(std::string& error, bool& damaged) {
 }
 
 void Outbox::closeConnections() {
-  port::MutexLock lock(writeMutex_);
-  sqlite3_finalize(insert_);
-  sqlite3_finalize(delete_);
-  sqlite3_close(appender_);
-  sqlite3_close(remover_);  // the last connection checkpoints and removes the WAL
-  insert_ = delete_ = nullptr;
-  appender_ = remover_ = nullptr;
+  port::MutexLock lock(m_writeMutex);
+  sqlite3_finalize(m_insert);
+  sqlite3_finalize(m_delete);
+  sqlite3_close(m_appender);
+  sqlite3_close(m_remover);  // the last connection checkpoints and removes the WAL
+  m_insert = m_delete = nullptr;
+  m_appender = m_remover = nullptr;
 }
 
 std::vector<Outbox::Event> Outbox::waiting() {
   std::vector<Event> events;
   sqlite3_stmt* select = nullptr;
-  int code = sqlite3_prepare_v2(remover_, "SELECT id, payload FROM events ORDER BY id", -1, &select, nullptr);
+  int code = sqlite3_prepare_v2(m_remover, "SELECT id, payload FROM events ORDER BY id", -1, &select, nullptr);
   while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
-    events.push_back(Event{sqlite3_column_int64(select, 0),
-                           std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1)))});
+    events.push_back(
+        Event{sqlite3_column_int64(select, 0),
+              std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1)))});
     code = SQLITE_OK;
   }
   sqlite3_finalize(select);
   if (code != SQLITE_DONE) {
     bool logged = false;
-    logFailure(logged, remover_, "cannot read the events waiting in the outbox " + path_,
+    logFailure(logged, m_remover, "cannot read the events waiting in the outbox " + m_path,
                "; they stay there, and new events go out meanwhile");
   }
   return events;
 }
 
 int64_t Outbox::append(const std::string& payload) {
-  port::MutexLock lock(writeMutex_);
-  sqlite3_bind_blob(insert_, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
-  const int code = sqlite3_step(insert_);
+  port::MutexLock lock(m_writeMutex);
+  sqlite3_bind_blob(m_insert, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
+  const int code = sqlite3_step(m_insert);
   if (code != SQLITE_DONE) {
-    logFailure(appendFailing_, appender_, "cannot store events in the outbox " + path_,
+    logFailure(m_appendFailing, m_appender, "cannot store events in the outbox " + m_path,
                "; new events wait in memory only until it can be written again");
   }
-  sqlite3_reset(insert_);
-  sqlite3_clear_bindings(insert_);
+  sqlite3_reset(m_insert);
+  sqlite3_clear_bindings(m_insert);
   if (code != SQLITE_DONE) return 0;
-  if (appendFailing_) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + path_ + " stores events again");
-  appendFailing_ = false;
-  return sqlite3_last_insert_rowid(appender_);
+  if (m_appendFailing) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + m_path + " stores events again");
+  m_appendFailing = false;
+  return sqlite3_last_insert_rowid(m_appender);
 }
 
 void Outbox::remove(const std::vector<int64_t>& ids) {
   if (ids.empty()) return;
-  port::MutexLock lock(writeMutex_);
-  int code = sqlite3_exec(remover_, "BEGIN", nullptr, nullptr, nullptr);
+  port::MutexLock lock(m_writeMutex);
+  int code = sqlite3_exec(m_remover, "BEGIN", nullptr, nullptr, nullptr);
   for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
-    sqlite3_bind_int64(delete_, 1, ids[i]);
-    code = sqlite3_step(delete_) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(remover_);
-    sqlite3_reset(delete_);
+    sqlite3_bind_int64(m_delete, 1, ids[i]);
+    code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_remover);
+    sqlite3_reset(m_delete);
   }
-  if (code == SQLITE_OK) code = sqlite3_exec(remover_, "COMMIT", nullptr, nullptr, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_exec(m_remover, "COMMIT", nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) {
-    sqlite3_exec(remover_, "ROLLBACK", nullptr, nullptr, nullptr);
-    logFailure(removeFailing_, remover_, "cannot remove acknowledged events from the outbox " + path_,
+    sqlite3_exec(m_remover, "ROLLBACK", nullptr, nullptr, nullptr);
+    logFailure(m_removeFailing, m_remover, "cannot remove acknowledged events from the outbox " + m_path,
                "; the next start may deliver them again");
     return;
   }
-  removeFailing_ = false;
+  m_removeFailing = false;
 }
 
-void Outbox::checkpoint() { sqlite3_wal_checkpoint_v2(remover_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr); }
+void Outbox::checkpoint() {
+  sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+}
 
 void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence) {
   if (!logged) {

@@ -38,7 +38,7 @@ class Outbox {
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
 
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return m_path; }
 
   // Every event in the outbox, oldest first. Empty, logged, when it cannot be read.
   std::vector<Event> waiting();
@@ -58,21 +58,21 @@ class Outbox {
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
 
-  const std::string path_;
-  const int lockFd_;  // holds the flock that makes this process the outbox's owner
+  const std::string m_path;
+  const int m_lockFd;  // holds the flock that makes this process the outbox's owner
 
   // The engine's threads append through their own connection; the network
   // thread reads, removes and checkpoints through the other, so a passive
-  // checkpoint never holds up an append. writeMutex_ keeps the two
+  // checkpoint never holds up an append. m_writeMutex keeps the two
   // connections' write transactions apart inside the process, so neither
   // ever waits in SQLite's busy handler for the other.
-  port::Mutex writeMutex_;
-  sqlite3* appender_ = nullptr;
-  sqlite3_stmt* insert_ GUARDED_BY(writeMutex_) = nullptr;
-  bool appendFailing_ GUARDED_BY(writeMutex_) = false;
-  sqlite3* remover_ = nullptr;      // the network thread's
-  sqlite3_stmt* delete_ = nullptr;
-  bool removeFailing_ = false;
+  port::Mutex m_writeMutex;
+  sqlite3* m_appender = nullptr;
+  sqlite3_stmt* m_insert GUARDED_BY(m_writeMutex) = nullptr;
+  bool m_appendFailing GUARDED_BY(m_writeMutex) = false;
+  sqlite3* m_remover = nullptr;  // the network thread's
+  sqlite3_stmt* m_delete = nullptr;
+  bool m_removeFailing = false;
 };
 
 }  // namespace standin

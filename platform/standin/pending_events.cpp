@@ -4,25 +4,25 @@
 
 namespace standin {
 
-PendingEvents::PendingEvents(size_t capacity) : capacity_(capacity) {}
+PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) {}
 
 bool PendingEvents::full() const {
-  port::MutexLock lock(mutex_);
-  return events_.size() >= capacity_;
+  port::MutexLock lock(m_mutex);
+  return m_events.size() >= m_capacity;
 }
 
 void PendingEvents::push(std::string payload, int64_t outboxId) {
-  port::MutexLock lock(mutex_);
-  events_.push_back(Event{std::move(payload), outboxId, 0});
+  port::MutexLock lock(m_mutex);
+  m_events.push_back(Event{std::move(payload), outboxId, 0});
 }
 
 void PendingEvents::handOver(size_t window, const Publish& publish) {
   for (;;) {
     const Event* next = nullptr;
     {
-      port::MutexLock lock(mutex_);
-      if (handedOver_ >= window || handedOver_ >= events_.size()) return;
-      next = &events_[handedOver_];
+      port::MutexLock lock(m_mutex);
+      if (m_handedOver >= window || m_handedOver >= m_events.size()) return;
+      next = &m_events[m_handedOver];
     }
     // The connection gets the payload with no lock held: it takes locks of
     // its own, inside which it calls acknowledge(). `next` stays valid: only
@@ -30,19 +30,19 @@ void PendingEvents::handOver(size_t window, const Publish& publish) {
     // the others.
     int messageId = 0;
     if (!publish(next->payload, &messageId)) return;
-    port::MutexLock lock(mutex_);
-    events_[handedOver_].messageId = messageId;
-    ++handedOver_;
+    port::MutexLock lock(m_mutex);
+    m_events[m_handedOver].messageId = messageId;
+    ++m_handedOver;
   }
 }
 
 int64_t PendingEvents::acknowledge(int messageId) {
-  port::MutexLock lock(mutex_);
-  for (size_t i = 0; i < handedOver_; ++i) {
-    if (events_[i].messageId == messageId) {
-      const int64_t outboxId = events_[i].outboxId;
-      events_.erase(events_.begin() + static_cast<std::ptrdiff_t>(i));
-      --handedOver_;
+  port::MutexLock lock(m_mutex);
+  for (size_t i = 0; i < m_handedOver; ++i) {
+    if (m_events[i].messageId == messageId) {
+      const int64_t outboxId = m_events[i].outboxId;
+      m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
+      --m_handedOver;
       return outboxId;
     }
   }
@@ -50,21 +50,21 @@ int64_t PendingEvents::acknowledge(int messageId) {
 }
 
 void PendingEvents::takeBack() {
-  port::MutexLock lock(mutex_);
-  handedOver_ = 0;
+  port::MutexLock lock(m_mutex);
+  m_handedOver = 0;
 }
 
 size_t PendingEvents::size() const {
-  port::MutexLock lock(mutex_);
-  return events_.size();
+  port::MutexLock lock(m_mutex);
+  return m_events.size();
 }
 
 PendingEvents::Dropped PendingEvents::clear() {
-  port::MutexLock lock(mutex_);
+  port::MutexLock lock(m_mutex);
   Dropped dropped{0, 0};
-  for (const Event& event : events_) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
-  events_.clear();
-  handedOver_ = 0;
+  for (const Event& event : m_events) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
+  m_events.clear();
+  m_handedOver = 0;
   return dropped;
 }
 

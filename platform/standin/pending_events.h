@@ -52,13 +52,13 @@ class PendingEvents {
   struct Event {
     std::string payload;
     int64_t outboxId;
-    int messageId;  // meaningful for the first handedOver_ events only
+    int messageId;  // meaningful for the first m_handedOver events only
   };
 
-  const size_t capacity_;
-  mutable port::Mutex mutex_;
-  std::deque<Event> events_ GUARDED_BY(mutex_);
-  size_t handedOver_ GUARDED_BY(mutex_) = 0;  // events_[0, handedOver_) are with the connection
+  const size_t m_capacity;
+  mutable port::Mutex m_mutex;
+  std::deque<Event> m_events GUARDED_BY(m_mutex);
+  size_t m_handedOver GUARDED_BY(m_mutex) = 0;  // m_events[0, m_handedOver) are with the connection
 };
 
 }  // namespace standin

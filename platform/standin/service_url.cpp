@@ -19,8 +19,8 @@ std::string urlHost(const std::string& host) {
 
 std::string hostAndPort(const std::string& host, int port) { return urlHost(host) + ":" + std::to_string(port); }
 
-bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback,
-                    std::string& url, std::string& problem) {
+bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback, std::string& url,
+                    std::string& problem) {
   return serviceBaseUrl(key, setting(values, key, ""), fallback, url, problem);
 }
 

@@ -21,8 +21,8 @@ std::string hostAndPort(const std::string& host, int port);
 // absent or empty. The setting must be an http:// or https:// URL (scheme in
 // any case); otherwise the result is false and `problem` says what is wrong
 // and what to do, naming the key and the file.
-bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback,
-                    std::string& url, std::string& problem);
+bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback, std::string& url,
+                    std::string& problem);
 // The same for `configured`, the value of `key` already read (empty when
 // absent).
 bool serviceBaseUrl(const std::string& key, const std::string& configured, const std::string& fallback,

@@ -36,21 +36,22 @@ struct DoctorRun {
 class DoctorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(master_.start());
-    ASSERT_TRUE(otherReleaseMaster_.start());
+    ASSERT_TRUE(m_master.start());
+    ASSERT_TRUE(m_otherReleaseMaster.start());
   }
 
   // The configuration file's text: "{master}", "{other-release}", "{down}",
   // "{down-port}" and "{broker}" stand for URLs and addresses of the test's own.
   void writeConfig(std::string text) {
     const std::pair<std::string, std::string> placeholders[] = {
-        {"{master}", master_.url()},
-        {"{other-release}", otherReleaseMaster_.url()},
-        {"{down}", "http://127.0.0.1:" + std::to_string(downPort_)},
-        {"{down-port}", std::to_string(downPort_)},
-        {"{broker}", broker_.address()}};
+        {"{master}", m_master.url()},
+        {"{other-release}", m_otherReleaseMaster.url()},
+        {"{down}", "http://127.0.0.1:" + std::to_string(m_downPort)},
+        {"{down-port}", std::to_string(m_downPort)},
+        {"{broker}", m_broker.address()}};
     for (const auto& [name, value] : placeholders) {
-      for (size_t at = text.find(name); at != std::string::npos; at = text.find(name)) text.replace(at, name.size(), value);
+      for (size_t at = text.find(name); at != std::string::npos; at = text.find(name))
+        text.replace(at, name.size(), value);
     }
     integration::writeConfig(text + "outbox = " + integration::scratchPath("outbox.db") + "\n");
   }
@@ -68,14 +69,14 @@ class DoctorTest : public ::testing::Test {
     return run;
   }
 
-  master_sim::MasterSimulator master_;
-  master_sim::MasterSimulator otherReleaseMaster_{[] {
+  master_sim::MasterSimulator m_master;
+  master_sim::MasterSimulator m_otherReleaseMaster{[] {
     master_sim::MasterSimulatorOptions otherRelease;
     otherRelease.jobsMediaType = "application/vnd.keepstone+json;version=7.0";
     return otherRelease;
   }()};
-  testbed::MosquittoBroker broker_;
-  const int downPort_ = testbed::freeLoopbackPort();
+  testbed::MosquittoBroker m_broker;
+  const int m_downPort = testbed::freeLoopbackPort();
 };
 
 TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
@@ -97,7 +98,8 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
        "ok ok failed ok ok ok ok", "HTTP 406"},
       {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {down}\nbroker = {broker}\n",
        "ok ok ok failed ok ok ok", "start the request daemon"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = 127.0.0.1:{down-port}\n",
+      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = "
+       "127.0.0.1:{down-port}\n",
        "ok ok ok ok failed ok ok", "start the broker"},
       {kAllWell, "ok ok ok ok ok ok ok", nullptr},
   };
@@ -135,9 +137,8 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
     if (failed) {
       EXPECT_NE(firstFailure.find(test.namesProblem), std::string::npos) << firstFailure;
     }
-
   }
-  for (const master_sim::RecordedRequest& request : master_.requests()) EXPECT_EQ(request.method, "GET");
+  for (const master_sim::RecordedRequest& request : m_master.requests()) EXPECT_EQ(request.method, "GET");
 }
 
 TEST_F(DoctorTest, UnknownArgumentIsBadUsage) { EXPECT_EQ(runDoctor("--no-such-option 2>/dev/null").exitStatus, 2); }

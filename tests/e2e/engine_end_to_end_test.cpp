@@ -77,12 +77,13 @@ void engineThread(const EngineLibrary& library, int thread, Clock::time_point un
     for (int i = 0; i < kVmsPerRound; ++i) {
       const std::string id = vms[i].vm_id;
       library.raise_backup_alert(vms[i].vm_id, 501 + i, "");
-      const std::string uuid = R"("uuid":")" + id.substr(0, 8) + "-" + id.substr(8, 4) + "-" + id.substr(12, 4) +
-                               "-" + id.substr(16, 4) + "-" + id.substr(20) + "\"";
+      const std::string uuid = R"("uuid":")" + id.substr(0, 8) + "-" + id.substr(8, 4) + "-" + id.substr(12, 4) + "-" +
+                               id.substr(16, 4) + "-" + id.substr(20) + "\"";
       alerts.push_back(alertPayload(std::string("eventlog.omra.ksu.cdp.") + kKeys[i], "LOW", "INFO",
                                     R"("server":"cdp-e2e",)" + uuid));
-      alerts.push_back(alertPayload("eventlog.omra.ksu.cdp.eviction.start", "LOW", "INFO",
-                                    R"("jobid":")" + std::to_string(vms[i].job_id) + R"(","server":"cdp-e2e",)" + uuid));
+      alerts.push_back(
+          alertPayload("eventlog.omra.ksu.cdp.eviction.start", "LOW", "INFO",
+                       R"("jobid":")" + std::to_string(vms[i].job_id) + R"(","server":"cdp-e2e",)" + uuid));
     }
     if (thread == 0 && round % 2 == 0) library.stop_alert_thread();
     library.delete_from_vm_list(&requested);
@@ -97,93 +98,93 @@ class EngineEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_TRUE(library_.load(KSCDP_LIBRARY_PATH, error)) << error;
-    ASSERT_TRUE(master_.start());
-    integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + master_.url() +
-                             "\nksqd_url = " + master_.url() + "\nbroker = " + broker_.address() +
+    ASSERT_TRUE(m_library.load(KSCDP_LIBRARY_PATH, error)) << error;
+    ASSERT_TRUE(m_master.start());
+    integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + m_master.url() +
+                             "\nksqd_url = " + m_master.url() + "\nbroker = " + m_broker.address() +
                              "\noutbox = " + integration::scratchPath("e2e-outbox.db") + "\n");
   }
 
   void TearDown() override {
-    library_.stop_alert_thread();
-    library_.delete_from_vm_list(&requested_);
-    library_.delete_evlist(evictList_);
-    library_.unload();
+    m_library.stop_alert_thread();
+    m_library.delete_from_vm_list(&m_requested);
+    m_library.delete_evlist(m_evictList);
+    m_library.unload();
   }
 
-  EngineLibrary library_;
-  testbed::MosquittoBroker broker_;
-  testbed::MqttSubscriber subscriber_{broker_.port(), kTopic};
-  master_sim::MasterSimulator master_;
-  evict_vm_info vms_[3] = {};
-  evict_vm_list* evictList_ = nullptr;
-  vm_node_list* requested_ = nullptr;
+  EngineLibrary m_library;
+  testbed::MosquittoBroker m_broker;
+  testbed::MqttSubscriber m_subscriber{m_broker.port(), kTopic};
+  master_sim::MasterSimulator m_master;
+  evict_vm_info m_vms[3] = {};
+  evict_vm_list* m_evictList = nullptr;
+  vm_node_list* m_requested = nullptr;
 };
 
 TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
-  EXPECT_EQ(std::string(library_.release).substr(0, 16), "\n@(#) Keepstone_");  // what(1) finds the release
+  EXPECT_EQ(std::string(m_library.release).substr(0, 16), "\n@(#) Keepstone_");  // what(1) finds the release
   master_sim::PolicyFaults refusal;
   refusal.httpStatus = 503;
-  master_.setPolicyFaults("policy-5", refusal);
-  ASSERT_EQ(library_.initialize_evlist(&evictList_, 3), 0);
-  const std::pair<const char*, uint64_t> named[] = {
-      {"00000000000000000000000000000001", 10}, {"00000000000000000000000000000002", 20},
-      {"0123456789abcdef0123456789abcdef", 5}};  // the last one refused
+  m_master.setPolicyFaults("policy-5", refusal);
+  ASSERT_EQ(m_library.initialize_evlist(&m_evictList, 3), 0);
+  const std::pair<const char*, uint64_t> named[] = {{"00000000000000000000000000000001", 10},
+                                                    {"00000000000000000000000000000002", 20},
+                                                    {"0123456789abcdef0123456789abcdef", 5}};  // the last one refused
   for (int i = 0; i < 3; ++i) {
-    std::snprintf(vms_[i].vm_id, sizeof vms_[i].vm_id, "%s", named[i].first);
-    std::snprintf(vms_[i].policy_name, sizeof vms_[i].policy_name, "policy-%d", static_cast<int>(named[i].second));
-    vms_[i].vm_size = named[i].second;
-    ASSERT_EQ(library_.insert_vm_into_evlist(evictList_, &vms_[i]), 0);
+    std::snprintf(m_vms[i].vm_id, sizeof m_vms[i].vm_id, "%s", named[i].first);
+    std::snprintf(m_vms[i].policy_name, sizeof m_vms[i].policy_name, "policy-%d", static_cast<int>(named[i].second));
+    m_vms[i].vm_size = named[i].second;
+    ASSERT_EQ(m_library.insert_vm_into_evlist(m_evictList, &m_vms[i]), 0);
   }
 
-  ASSERT_EQ(library_.call_evict_data(0, evictList_, &requested_), 0);
-  EXPECT_TRUE(master_.requests().empty());
-  ASSERT_EQ(library_.call_evict_data(3, evictList_, &requested_), 0);
-  EXPECT_EQ(vms_[1].job_id, 1000u);  // largest first
-  EXPECT_EQ(vms_[0].job_id, 1001u);
-  EXPECT_EQ(vms_[0].evict_state, 1);
-  EXPECT_EQ(vms_[2].evict_state, 0);  // refused: stays on the evict list
-  EXPECT_EQ(evictList_->count, 1);
-  ASSERT_NE(requested_, nullptr);  // the last one requested first
-  EXPECT_EQ(requested_->vm, &vms_[0]);
-  EXPECT_EQ(requested_->next->vm, &vms_[1]);
+  ASSERT_EQ(m_library.call_evict_data(0, m_evictList, &m_requested), 0);
+  EXPECT_TRUE(m_master.requests().empty());
+  ASSERT_EQ(m_library.call_evict_data(3, m_evictList, &m_requested), 0);
+  EXPECT_EQ(m_vms[1].job_id, 1000u);  // largest first
+  EXPECT_EQ(m_vms[0].job_id, 1001u);
+  EXPECT_EQ(m_vms[0].evict_state, 1);
+  EXPECT_EQ(m_vms[2].evict_state, 0);  // refused: stays on the evict list
+  EXPECT_EQ(m_evictList->count, 1);
+  ASSERT_NE(m_requested, nullptr);  // the last one requested first
+  EXPECT_EQ(m_requested->vm, &m_vms[0]);
+  EXPECT_EQ(m_requested->next->vm, &m_vms[1]);
 
-  ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
-  EXPECT_EQ(vms_[0].evict_state, 1);  // the jobs are still running
-  master_.advanceTime(2.0);
-  ASSERT_EQ(library_.call_check_eviction_progress(2, &requested_), 0);
-  EXPECT_EQ(vms_[0].evict_state, 2);
-  EXPECT_EQ(vms_[1].evict_state, 2);
+  ASSERT_EQ(m_library.call_check_eviction_progress(2, &m_requested), 0);
+  EXPECT_EQ(m_vms[0].evict_state, 1);  // the jobs are still running
+  m_master.advanceTime(2.0);
+  ASSERT_EQ(m_library.call_check_eviction_progress(2, &m_requested), 0);
+  EXPECT_EQ(m_vms[0].evict_state, 2);
+  EXPECT_EQ(m_vms[1].evict_state, 2);
 
   // Requests to the daemon carry the policy as JSON and name the master;
   // polls send only the Accept media type besides what HTTP needs, all on
   // one connection.
   std::vector<std::string> requests;
-  const std::string host = "127.0.0.1:" + std::to_string(master_.port());
-  const std::vector<master_sim::RecordedRequest> seen = master_.requests();
+  const std::string host = "127.0.0.1:" + std::to_string(m_master.port());
+  const std::vector<master_sim::RecordedRequest> seen = m_master.requests();
   for (const master_sim::RecordedRequest& request : seen) {
     requests.push_back(request.method + " " + request.path + " " + request.body);
     if (request.method == "POST") {
-      EXPECT_EQ(request.headers, (std::map<std::string, std::string>{
-                                     {"Accept", "*/*"},
-                                     {"Content-Length", std::to_string(request.body.size())},
-                                     {"Content-Type", "application/json"},
-                                     {"Host", host},
-                                     {"X-Keepstone-Master", "127.0.0.1"}}));
+      EXPECT_EQ(request.headers,
+                (std::map<std::string, std::string>{{"Accept", "*/*"},
+                                                    {"Content-Length", std::to_string(request.body.size())},
+                                                    {"Content-Type", "application/json"},
+                                                    {"Host", host},
+                                                    {"X-Keepstone-Master", "127.0.0.1"}}));
     } else {
-      EXPECT_EQ(request.headers, (std::map<std::string, std::string>{{"Accept", master_sim::kJobsMediaType},
-                                                                     {"Host", host}}));
+      EXPECT_EQ(request.headers,
+                (std::map<std::string, std::string>{{"Accept", master_sim::kJobsMediaType}, {"Host", host}}));
       EXPECT_EQ(request.remotePort, seen.back().remotePort);
     }
   }
-  EXPECT_EQ(requests, (std::vector<std::string>{
-                          R"(POST /ksqd/1 {"policy": "policy-20"})", R"(POST /ksqd/1 {"policy": "policy-10"})",
-                          R"(POST /ksqd/1 {"policy": "policy-5"})", "GET /keepstone/admin/jobs/1001 ",
-                          "GET /keepstone/admin/jobs/1000 ", "GET /keepstone/admin/jobs/1001 ",
-                          "GET /keepstone/admin/jobs/1000 "}));
+  EXPECT_EQ(requests, (std::vector<std::string>{R"(POST /ksqd/1 {"policy": "policy-20"})",
+                                                R"(POST /ksqd/1 {"policy": "policy-10"})",
+                                                R"(POST /ksqd/1 {"policy": "policy-5"})",
+                                                "GET /keepstone/admin/jobs/1001 ", "GET /keepstone/admin/jobs/1000 ",
+                                                "GET /keepstone/admin/jobs/1001 ", "GET /keepstone/admin/jobs/1000 "}));
 
-  EXPECT_EQ(library_.raise_backup_alert(vms_[1].vm_id, 45, ""), 0);
-  EXPECT_EQ(library_.stop_alert_thread(), 0);
+  EXPECT_EQ(m_library.raise_backup_alert(m_vms[1].vm_id, 45, ""), 0);
+  EXPECT_EQ(m_library.stop_alert_thread(), 0);
   const std::string start = "eventlog.omra.ksu.cdp.eviction.start";
   const testbed::MqttSubscriber::Messages expected = {
       alertPayload(start, "LOW", "INFO",
@@ -194,7 +195,7 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
                    R"("server":"cdp-e2e","uuid":"01234567-89ab-cdef-0123-456789abcdef")"),
       alertPayload("eventlog.omra.ksu.cdp.storage.nospace", "HIGH", "CRITICAL", ""),
   };
-  EXPECT_EQ(testbed::withoutRepeats(subscriber_.waitForCount(expected.size(), kDeliveryTimeout)), expected);
+  EXPECT_EQ(testbed::withoutRepeats(m_subscriber.waitForCount(expected.size(), kDeliveryTimeout)), expected);
 }
 
 // Every alert arrives, and every VM ends done with a job of its own.
@@ -203,18 +204,18 @@ TEST_F(EngineEndToEndTest, EightThreadsAtOnce) {
   const Clock::time_point until = Clock::now() + kBusyFor;
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back(engineThread, std::cref(library_), t, until, std::ref(outcome));
+    threads.emplace_back(engineThread, std::cref(m_library), t, until, std::ref(outcome));
   }
   for (std::thread& thread : threads) thread.join();
-  library_.stop_alert_thread();
+  m_library.stop_alert_thread();
 
   EXPECT_EQ(std::set<uint64_t>(outcome.jobIds.begin(), outcome.jobIds.end()).size(), outcome.jobIds.size());
   size_t daemonRequests = 0;
-  for (const master_sim::RecordedRequest& request : master_.requests()) daemonRequests += request.method == "POST";
+  for (const master_sim::RecordedRequest& request : m_master.requests()) daemonRequests += request.method == "POST";
   EXPECT_EQ(daemonRequests, outcome.jobIds.size());
   EXPECT_GE(outcome.jobIds.size(), static_cast<size_t>(kThreads * kVmsPerRound));
 
-  const auto received = subscriber_.waitForDistinct(outcome.alerts.size(), kDeliveryTimeout);
+  const auto received = m_subscriber.waitForDistinct(outcome.alerts.size(), kDeliveryTimeout);
   EXPECT_EQ(std::set<std::string>(received.begin(), received.end()), outcome.alerts);
 }
 

@@ -23,18 +23,17 @@ struct KSClientCURL::State {
   }
 };
 
-KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType,
-                           KSCurlSessionType sessionType, TokenManager_Base* tokenManager,
-                           const std::string& clientId, bool verifyPeer, bool useProxy,
+KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type certType, KSCurlSessionType sessionType,
+                           TokenManager_Base* tokenManager, const std::string& clientId, bool verifyPeer, bool useProxy,
                            bool useCookies, const std::string& certFile, const std::string& keyFile,
-                           const std::string& keyPassword, const std::string& caPath,
-                           const std::string& proxyUrl, const std::string& userAgent, bool verbose,
-                           const bool& cancelFlag, const std::string& interfaceName, int retryCount)
+                           const std::string& keyPassword, const std::string& caPath, const std::string& proxyUrl,
+                           const std::string& userAgent, bool verbose, const bool& cancelFlag,
+                           const std::string& interfaceName, int retryCount)
     : m_responseCode(0), m_state(nullptr) {
   if (fake::curl.constructorThrows) std::rethrow_exception(fake::curl.constructorThrows);
   std::ostringstream arguments;
-  arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr)
-            << '|' << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
+  arguments << host << '|' << port << '|' << certType << '|' << sessionType << '|' << (tokenManager != nullptr) << '|'
+            << clientId << '|' << verifyPeer << '|' << useProxy << '|' << useCookies << '|' << certFile << '|'
             << keyFile << '|' << keyPassword << '|' << caPath << '|' << proxyUrl << '|' << userAgent << '|' << verbose
             << '|' << cancelFlag << '|' << interfaceName << '|' << retryCount;
   fake::curl.clients.push_back({arguments.str(), {}, {}});

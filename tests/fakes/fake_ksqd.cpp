@@ -4,8 +4,7 @@
 
 #include "platform/ksqd_client.h"
 
-extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request,
-                                       char** answer) {
+extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request, char** answer) {
   fake::Ksqd& k = fake::ksqd;
   k.calls.push_back(std::string(master_server) + " " + std::to_string(kind) + " " + request);
   if (k.result != 0 || !k.hasAnswer) return k.result;

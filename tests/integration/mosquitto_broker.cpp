@@ -53,42 +53,42 @@ int freeLoopbackPort() {
 
 MosquittoBroker::MosquittoBroker() : MosquittoBroker(Options()) {}
 
-MosquittoBroker::MosquittoBroker(Options options) : options_(options) {
+MosquittoBroker::MosquittoBroker(Options options) : m_options(options) {
   std::string pattern = (std::filesystem::temp_directory_path() / "kscdp-mosquitto-XXXXXX").string();
   if (mkdtemp(&pattern[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
-  directory_ = pattern;
+  m_directory = pattern;
   std::string failure;
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
-    port_ = freeLoopbackPort();
+    m_port = freeLoopbackPort();
     if (tryStart(failure)) return;
   }
-  std::filesystem::remove_all(directory_);
+  std::filesystem::remove_all(m_directory);
   throw std::runtime_error(failure);
 }
 
 MosquittoBroker::~MosquittoBroker() {
   stop();
   std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
+  std::filesystem::remove_all(m_directory, ignored);
 }
 
-std::string MosquittoBroker::address() const { return "127.0.0.1:" + std::to_string(port_); }
+std::string MosquittoBroker::address() const { return "127.0.0.1:" + std::to_string(m_port); }
 
 void MosquittoBroker::start() {
   std::string failure;
-  if (pid_ < 0 && !tryStart(failure)) throw std::runtime_error(failure);
+  if (m_pid < 0 && !tryStart(failure)) throw std::runtime_error(failure);
 }
 
 void MosquittoBroker::stop() {
-  if (pid_ < 0) return;
-  kill(pid_, SIGTERM);  // mosquitto saves its sessions, if it keeps them, and exits
-  waitpid(pid_, nullptr, 0);
-  pid_ = -1;
+  if (m_pid < 0) return;
+  kill(m_pid, SIGTERM);  // mosquitto saves its sessions, if it keeps them, and exits
+  waitpid(m_pid, nullptr, 0);
+  m_pid = -1;
 }
 
 bool MosquittoBroker::tryStart(std::string& failure) {
-  const std::string config = directory_ + "/mosquitto.conf";
-  const std::string log = directory_ + "/mosquitto.log";
+  const std::string config = m_directory + "/mosquitto.conf";
+  const std::string log = m_directory + "/mosquitto.log";
   // Started as root, mosquitto switches to the user its configuration names
   // ("mosquitto" by default, who may not write here): name the current one.
   // Nothing caps what waits for a subscriber that is away: a test decides how
@@ -97,13 +97,14 @@ bool MosquittoBroker::tryStart(std::string& failure) {
   const std::string userName = user != nullptr ? user->pw_name : "root";
   std::ofstream file(config, std::ios::trunc);
   file << "log_dest file " << log << "\nuser " << userName << "\n";
-  file << "listener " << port_ << " 127.0.0.1\nallow_anonymous true\n";
-  file << (options_.keepSessions ? "persistence true\npersistence_location " + directory_ + "/\nmax_queued_messages 0\n"
-                                 : "persistence false\n");
+  file << "listener " << m_port << " 127.0.0.1\nallow_anonymous true\n";
+  file << (m_options.keepSessions
+               ? "persistence true\npersistence_location " + m_directory + "/\nmax_queued_messages 0\n"
+               : "persistence false\n");
   file.close();
   const pid_t parent = getpid();
-  pid_ = fork();
-  if (pid_ == 0) {
+  m_pid = fork();
+  if (m_pid == 0) {
     // Only async-signal-safe calls until exec: the test process has threads.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() == parent) {
@@ -111,20 +112,20 @@ bool MosquittoBroker::tryStart(std::string& failure) {
     }
     _exit(127);
   }
-  bool exited = pid_ < 0;
+  bool exited = m_pid < 0;
   const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   while (!exited && std::chrono::steady_clock::now() < deadline) {
-    exited = waitpid(pid_, nullptr, WNOHANG) == pid_;
-    if (!exited && accepts(port_)) return true;
+    exited = waitpid(m_pid, nullptr, WNOHANG) == m_pid;
+    if (!exited && accepts(m_port)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   if (!exited) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
   }
-  pid_ = -1;
+  m_pid = -1;
   std::ostringstream text;
-  text << "mosquitto on port " << port_ << " did not come up:\n" << std::ifstream(log).rdbuf();
+  text << "mosquitto on port " << m_port << " did not come up:\n" << std::ifstream(log).rdbuf();
   failure = text.str();
   return false;
 }

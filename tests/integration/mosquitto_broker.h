@@ -30,7 +30,7 @@ class MosquittoBroker {
   MosquittoBroker(const MosquittoBroker&) = delete;
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return m_port; }
   // "127.0.0.1:<port>", as the "broker" configuration key takes it.
   std::string address() const;
 
@@ -45,10 +45,10 @@ class MosquittoBroker {
   // connections; false, with its log in `failure`, when it does not.
   bool tryStart(std::string& failure);
 
-  Options options_;
-  std::string directory_;
-  int port_ = 0;
-  pid_t pid_ = -1;  // -1 while stopped
+  Options m_options;
+  std::string m_directory;
+  int m_port = 0;
+  pid_t m_pid = -1;  // -1 while stopped
 };
 
 // A loopback port that was free a moment ago (bound to port 0, then closed).

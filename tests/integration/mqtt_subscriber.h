@@ -42,12 +42,12 @@ class MqttSubscriber {
   static void onSubscribe(struct mosquitto* client, void* self, int messageId, int count, const int* grantedQos);
   static void onMessage(struct mosquitto* client, void* self, const struct mosquitto_message* message);
 
-  const std::string topic_;
-  struct mosquitto* client_ = nullptr;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool subscribed_ = false;  // guarded by mutex_
-  Messages messages_;        // guarded by mutex_
+  const std::string m_topic;
+  struct mosquitto* m_client = nullptr;
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  bool m_subscribed = false;  // guarded by m_mutex
+  Messages m_messages;        // guarded by m_mutex
 };
 
 // `messages` without the repeats of an earlier payload: QoS 1 delivers at

@@ -31,7 +31,13 @@ const std::chrono::seconds kDeliveryTimeout(20);
 
 // Event n of a numbered series, as kscdp_alert_raiser raises it too.
 NotificationEvent numbered(int n) {
-  return {1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO", "eventlog.omra.ksu.cdp.fullsync.done",
+  return {1,
+          "Keepstone",
+          "CDP",
+          "CDP Backup Engine",
+          "LOW",
+          "INFO",
+          "eventlog.omra.ksu.cdp.fullsync.done",
           {{"seq", std::to_string(n)}}};
 }
 
@@ -138,9 +144,9 @@ TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPub
     sendNumbered(&whileTheBrokerIsAway, 101, 102, sent);
     whileTheBrokerIsAway.shutdown();
   }
-  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: 102 events were not acknowledged by broker " +
-                                  rig.broker.address() + " within 5 s of shutdown: they wait in the outbox " +
-                                  testOutbox() + " for the next start\n"));
+  EXPECT_THAT(newLog(),
+              HasSubstr(" 16 NotificationSupplier: 102 events were not acknowledged by broker " + rig.broker.address() +
+                        " within 5 s of shutdown: they wait in the outbox " + testOutbox() + " for the next start\n"));
   rig.broker.start();
   NotificationSupplier next;
   sendNumbered(&next, 103, 105, sent);
@@ -158,10 +164,11 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
     bool damageIt;     // the file is not a database
     std::string logs;  // level 16
   } cases[] = {
-      {blocker + "/outbox.db", false, false, "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
+      {blocker + "/outbox.db", false, false,
+       "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
       {testOutbox(), true, false, "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
-      {damaged, false, true, "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged +
-                                 ".damaged-"},
+      {damaged, false, true,
+       "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged + ".damaged-"},
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;

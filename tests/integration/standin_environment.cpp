@@ -58,8 +58,8 @@ std::string fileText(const std::string& path) {
 std::string logText() { return fileText(logPath()); }
 
 void MasterOnLoopback::SetUp() {
-  ASSERT_TRUE(master_.start());
-  writeConfig("server = 127.0.0.1\nrest_url = " + master_.url() + "\nksqd_url = " + master_.url() +
+  ASSERT_TRUE(m_master.start());
+  writeConfig("server = 127.0.0.1\nrest_url = " + m_master.url() + "\nksqd_url = " + m_master.url() +
               "\noutbox = none\n");
 }
 

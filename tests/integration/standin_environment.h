@@ -31,9 +31,9 @@ std::string logText();
 class StandinTest : public ::testing::Test {
  protected:
   // What the stand-ins logged since the test began.
-  std::string newLog() const { return logText().substr(logStart_); }
+  std::string newLog() const { return logText().substr(m_logStart); }
 
-  const size_t logStart_ = logText().size();
+  const size_t m_logStart = logText().size();
 };
 
 // A master simulator on a free loopback port, with the configuration file
@@ -43,7 +43,7 @@ class MasterOnLoopback : public StandinTest {
  protected:
   void SetUp() override;
 
-  master_sim::MasterSimulator master_;
+  master_sim::MasterSimulator m_master;
 };
 
 }  // namespace integration

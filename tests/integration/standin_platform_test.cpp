@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <numeric>
 #include <regex>
@@ -129,7 +129,7 @@ TEST_F(KsqdClient, FailureIsTheDaemonsStatusElseTheHttpStatus) {
       {"unknown", {404, 0, false}, 404, "<null>"},
   };
   for (const auto& c : cases) {
-    master_.setPolicyFaults(c.policy, c.faults);
+    m_master.setPolicyFaults(c.policy, c.faults);
     char* answer = nullptr;
     const std::string request = std::string(R"({"policy": ")") + c.policy + "\"}";
     EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, request.c_str(), &answer), c.result) << c.policy;

@@ -1,5 +1,3 @@
-#include "services/AlertServiceImpl.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,6 +6,7 @@
 #include <vector>
 
 #include "fake_platform.h"
+#include "services/AlertServiceImpl.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -60,9 +59,9 @@ TEST(AlertVocabulary, PriorityAndSeverityTextsByNumber) {
     const char* priority;
     const char* severity;
   } cases[] = {
-      {0, "LOW", "INFO"},   {1, "MEDIUM", "DEBUG"}, {2, "HIGH", "WARNING"}, {3, "", "ERROR"},
-      {4, "", "CRITICAL"},  {5, "", "NOTICE"},      {6, "", "UNKNOWN"},     {-1, "", "UNKNOWN"},
-      {INT32_MIN, "", "UNKNOWN"},
+      {0, "LOW", "INFO"}, {1, "MEDIUM", "DEBUG"}, {2, "HIGH", "WARNING"},
+      {3, "", "ERROR"},   {4, "", "CRITICAL"},    {5, "", "NOTICE"},
+      {6, "", "UNKNOWN"}, {-1, "", "UNKNOWN"},    {INT32_MIN, "", "UNKNOWN"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(c.value)), c.priority) << c.value;
@@ -79,8 +78,11 @@ TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
     const char* loggedVm;  // null: the alert line is empty
   } cases[] = {
       {"no attributes", true, {}, {}, nullptr},
-      {"server already present", true, {{"uuid", "12345678a"}, {"server", "engine's own"}},
-       {{"server", "engine's own"}, {"uuid", "12345678-a"}}, "12345678-a"},
+      {"server already present",
+       true,
+       {{"uuid", "12345678a"}, {"server", "engine's own"}},
+       {{"server", "engine's own"}, {"uuid", "12345678-a"}},
+       "12345678-a"},
       {"no uuid", true, {{"jobid", "3"}}, {{"jobid", "3"}, {"server", "cdp-host.example"}}, ""},
       {"no host name", false, {{"uuid", "x"}}, {{"server", ""}, {"uuid", "x"}}, "x"},
   };

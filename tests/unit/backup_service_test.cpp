@@ -1,5 +1,3 @@
-#include "services/BackupServiceImpl.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,6 +6,7 @@
 
 #include "fake_platform.h"
 #include "service_error.h"
+#include "services/BackupServiceImpl.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -19,22 +18,22 @@ class BackupServiceTest : public ::testing::Test {
   // The fakes are reset before the handler reads the configuration.
   struct PlatformReset {
     PlatformReset() { fake::resetPlatform(); }
-  } reset_;
-  BackupServiceImpl handler_;
+  } m_reset;
+  BackupServiceImpl m_handler;
 };
 
 TEST_F(BackupServiceTest, LogsEachStepOfASubmittedBackup) {
   fake::ksqd.answer = R"({"jobid": 4711})";
   EvictionServiceData record;
   record.policyName = "gold";
-  EXPECT_EQ(handler_.handleRequest(&record), 0);
+  EXPECT_EQ(m_handler.handleRequest(&record), 0);
   EXPECT_EQ(record.jobId, 4711u);
   EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{
-                                  {4, kHandle, "PolicyName: gold"},
-                                  {4, kHandle, R"(Backup request payload: {"policy": "gold"})"},
-                                  {2, kHandle, R"(invoked  ksqd cct request: json_output={"jobid": 4711} ret Val:0)"},
-                                  {4, kHandle, "BackupServiceImpl: Backup JobID: 4711"},
-                              }));
+                                {4, kHandle, "PolicyName: gold"},
+                                {4, kHandle, R"(Backup request payload: {"policy": "gold"})"},
+                                {2, kHandle, R"(invoked  ksqd cct request: json_output={"jobid": 4711} ret Val:0)"},
+                                {4, kHandle, "BackupServiceImpl: Backup JobID: 4711"},
+                            }));
 }
 
 TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord) {
@@ -68,7 +67,7 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
     EvictionServiceData record;
     record.policyName = "gold";
     record.jobId = 99;
-    EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), c.error);
+    EXPECT_EQ(unit::serviceError([&] { m_handler.handleRequest(&record); }), c.error);
     EXPECT_EQ(record.jobId, c.jobId);
     if (c.result != 0) {
       EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
@@ -78,10 +77,10 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
 
 TEST_F(BackupServiceTest, EmptyPolicyEndsTheRequestBeforeTheDaemonCall) {
   EvictionServiceData record;
-  EXPECT_EQ(unit::serviceError([&] { handler_.handleRequest(&record); }), "20 Empty policy name");
-  EXPECT_EQ(fake::logLines, (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
-                                                          {16, "BackupServiceImpl::createRequestPayload",
-                                                           "Empty policy name."}}));
+  EXPECT_EQ(unit::serviceError([&] { m_handler.handleRequest(&record); }), "20 Empty policy name");
+  EXPECT_EQ(fake::logLines,
+            (std::vector<fake::LogLine>{{4, kHandle, "PolicyName: "},
+                                        {16, "BackupServiceImpl::createRequestPayload", "Empty policy name."}}));
   EXPECT_TRUE(fake::ksqd.calls.empty());
 }
 

@@ -24,10 +24,10 @@ class EngineCallsTest : public ::testing::Test {
  public:
   void SetUp() override { fake::resetPlatform(); }
   void TearDown() override {
-    delete_from_vm_list(&requested_);
-    delete_evlist(evictList_);
-    evictList_ = nullptr;
-    vms_.clear();
+    delete_from_vm_list(&m_requested);
+    delete_evlist(m_evictList);
+    m_evictList = nullptr;
+    m_vms.clear();
     stop_alert_thread();
     EXPECT_EQ(fake::curl.live, 0);
   }
@@ -35,22 +35,22 @@ class EngineCallsTest : public ::testing::Test {
   // Builds the evict list from VMs of these sizes, named vm<size>, with the
   // policy policy<size>.
   void evictList(const std::vector<uint64_t>& sizes) {
-    ASSERT_EQ(initialize_evlist(&evictList_, static_cast<int>(sizes.size())), 0);
+    ASSERT_EQ(initialize_evlist(&m_evictList, static_cast<int>(sizes.size())), 0);
     for (uint64_t size : sizes) {
-      evict_vm_info& vm = vms_.emplace_back();
+      evict_vm_info& vm = m_vms.emplace_back();
       std::memset(&vm, 0, sizeof vm);
       vm.vm_size = size;
       vm.evict_type = 3;
       std::snprintf(vm.vm_id, sizeof vm.vm_id, "vm%llu", static_cast<unsigned long long>(size));
       std::snprintf(vm.policy_name, sizeof vm.policy_name, "policy%llu", static_cast<unsigned long long>(size));
-      ASSERT_EQ(insert_vm_into_evlist(evictList_, &vm), 0);
+      ASSERT_EQ(insert_vm_into_evlist(m_evictList, &vm), 0);
     }
   }
 
   // "<size>:<evict_state>:<job_id>" of each VM, in the order they were listed.
   std::string vmStates() const {
     std::string text;
-    for (const evict_vm_info& vm : vms_) {
+    for (const evict_vm_info& vm : m_vms) {
       text += (text.empty() ? "" : " ") + std::to_string(vm.vm_size) + ":" + std::to_string(vm.evict_state) + ":" +
               std::to_string(vm.job_id);
     }
@@ -71,33 +71,31 @@ class EngineCallsTest : public ::testing::Test {
   // Answers the polls with these job states.
   void pollWithStates(const std::vector<std::string>& states, int nodes) {
     for (const std::string& state : states) {
-      fake::curl.answers.push_back(
-          {200, R"({"data":{"attributes":{"state":")" + state + R"(","status":0}}})", {}, {}});
+      fake::curl.answers.push_back({200, R"({"data":{"attributes":{"state":")" + state + R"(","status":0}}})", {}, {}});
     }
-    EXPECT_EQ(call_check_eviction_progress(nodes, &requested_), 0);
+    EXPECT_EQ(call_check_eviction_progress(nodes, &m_requested), 0);
   }
 
-  std::deque<evict_vm_info> vms_;
-  evict_vm_list* evictList_ = nullptr;
-  vm_node_list* requested_ = nullptr;
+  std::deque<evict_vm_info> m_vms;
+  evict_vm_list* m_evictList = nullptr;
+  vm_node_list* m_requested = nullptr;
 };
 
 TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
   evictList({10, 30, 20});
   fake::ksqd.result = 5;
 
-  EXPECT_EQ(call_evict_data(3, evictList_, &requested_), 0);
+  EXPECT_EQ(call_evict_data(3, m_evictList, &m_requested), 0);
 
   EXPECT_EQ(fake::ksqd.calls, std::vector<std::string>(3, R"(master.example 1 {"policy": "policy30"})"));
   EXPECT_EQ(vmStates(), "10:0:0 30:0:0 20:0:0");
-  EXPECT_EQ(evictList_->count, 3);
-  EXPECT_EQ(get_element_from_evlist(evictList_), &vms_[1]);  // the VM of size 30
-  EXPECT_EQ(requested_, nullptr);
+  EXPECT_EQ(m_evictList->count, 3);
+  EXPECT_EQ(get_element_from_evlist(m_evictList), &m_vms[1]);  // the VM of size 30
+  EXPECT_EQ(m_requested, nullptr);
   ASSERT_EQ(fake::notifications.sent.size(), 3u);
   EXPECT_EQ(fake::notifications.constructed, 1);  // one publisher for every alert
   for (const NotificationEvent& sent : fake::notifications.sent) {
-    EXPECT_EQ(sent.messageKey + " " + sent.attributes.at("uuid"),
-              "eventlog.omra.ksu.cdp.eviction.failed vm30");
+    EXPECT_EQ(sent.messageKey + " " + sent.attributes.at("uuid"), "eventlog.omra.ksu.cdp.eviction.failed vm30");
   }
   // Each pass logs the VM, then the same text with the failure appended.
   const std::vector<fake::LogLine> passes = fake::logLinesOf(kEvictionLog);
@@ -113,7 +111,7 @@ TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
   fake::config.readResult = 2;
   fake::config.successfulReadsFirst = 1;  // the backup handler's own read
 
-  EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 0);
+  EXPECT_EQ(call_evict_data(2, m_evictList, &m_requested), 0);
 
   EXPECT_TRUE(fake::ksqd.calls.empty());
   const std::vector<fake::LogLine> passes = fake::logLinesOf(kEvictionLog);
@@ -129,39 +127,39 @@ TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   EXPECT_EQ(call_check_eviction_progress(1, nullptr), 20);
   expectContained("call_check_eviction_progress", "Eviction list to check status is null");
   evictList({1});
-  EXPECT_EQ(call_evict_data(2, evictList_, &requested_), 20);  // the one VM is requested, then none is left
+  EXPECT_EQ(call_evict_data(2, m_evictList, &m_requested), 20);  // the one VM is requested, then none is left
   expectContained("call_evict_data", "Eviction list holds no VM for pass 2 of 2");
-  EXPECT_EQ(call_evict_data(1, nullptr, &requested_), 20);
+  EXPECT_EQ(call_evict_data(1, nullptr, &m_requested), 20);
   expectContained("call_evict_data", "Eviction list holds no VM for pass 1 of 1");
-  EXPECT_EQ(call_evict_data(1, evictList_, nullptr), 20);  // nowhere to put a requested VM
+  EXPECT_EQ(call_evict_data(1, m_evictList, nullptr), 20);  // nowhere to put a requested VM
   expectContained("call_evict_data", "Requested VM list is null");
 
   fake::curl.requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
-  EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
+  EXPECT_EQ(call_check_eviction_progress(1, &m_requested), -1);
   expectContained("call_check_eviction_progress", "socket gone");
   fake::curl.requestThrows = nullptr;
   fake::curl.answers.push_back({500, "oops", {}, {}});
-  EXPECT_EQ(call_check_eviction_progress(1, &requested_), 130);
+  EXPECT_EQ(call_check_eviction_progress(1, &m_requested), 130);
   expectContained("call_check_eviction_progress", "Could not parse Jobs API response message.");
   fake::config.hasServerList = false;
-  EXPECT_EQ(call_check_eviction_progress(1, &requested_), -1);
+  EXPECT_EQ(call_check_eviction_progress(1, &m_requested), -1);
   expectContained("call_check_eviction_progress", "Failed to read master server from Keepstone configuration file");
   fake::config.readResult = 13;
-  EXPECT_EQ(call_evict_data(1, evictList_, &requested_), 13);
+  EXPECT_EQ(call_evict_data(1, m_evictList, &m_requested), 13);
   expectContained("call_evict_data", "Failed to read Keepstone configuration file");
 }
 
 TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone) {
   evictList({1, 2, 3, 4, 5, 6});
-  ASSERT_EQ(call_evict_data(6, evictList_, &requested_), 0);  // the requested list runs 1 to 6
-  for (evict_vm_info& record : vms_) record.evict_state = 7;
+  ASSERT_EQ(call_evict_data(6, m_evictList, &m_requested), 0);  // the requested list runs 1 to 6
+  for (evict_vm_info& record : m_vms) record.evict_state = 7;
   pollWithStates({"DONE", "done", "DONE ", "", "ACTIVE"}, 5);
   EXPECT_EQ(vmStates(), "1:2:1 2:1:1 3:1:1 4:1:1 5:1:1 6:7:1");
   EXPECT_EQ(fake::curl.clients.at(0).requests, std::vector<std::string>{"get keepstone/admin/jobs/1"});
   pollWithStates(std::vector<std::string>(6, "DONE"), 9);
-  EXPECT_EQ(vms_[5].evict_state, 2);
+  EXPECT_EQ(m_vms[5].evict_state, 2);
 
-  EXPECT_EQ(call_check_eviction_progress(0, &requested_), 0);
+  EXPECT_EQ(call_check_eviction_progress(0, &m_requested), 0);
   vm_node_list* empty = nullptr;
   EXPECT_EQ(call_check_eviction_progress(3, &empty), 0);
   EXPECT_EQ(fake::curl.clients.size(), 11u);

@@ -1,5 +1,3 @@
-#include "services/JobServiceImpl.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,6 +6,7 @@
 
 #include "fake_platform.h"
 #include "service_error.h"
+#include "services/JobServiceImpl.h"
 #include "services/ServiceData.h"
 
 namespace {
@@ -22,17 +21,17 @@ class JobServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fake::resetPlatform();
-    job_.jobId = UINT64_MAX;  // asked for in decimal
-    job_.jobState = "before";
-    job_.jobStatus = 9;
+    m_job.jobId = UINT64_MAX;  // asked for in decimal
+    m_job.jobState = "before";
+    m_job.jobStatus = 9;
   }
   void TearDown() override { EXPECT_EQ(fake::curl.live, 0); }
 
   std::string poll() {
-    return unit::serviceError([this] { JobServiceImpl().handleRequest(&job_); });
+    return unit::serviceError([this] { JobServiceImpl().handleRequest(&m_job); });
   }
 
-  JobServiceData job_;
+  JobServiceData m_job;
 };
 
 TEST_F(JobServiceTest, PollsOnlyWhileTheServerDoesNotKnowTheJob) {
@@ -48,7 +47,10 @@ TEST_F(JobServiceTest, PollsOnlyWhileTheServerDoesNotKnowTheJob) {
     std::string error;  // "" when the record gets the ACTIVE job
   } cases[] = {
       {"known at the third request", {notKnown, notKnown, active}, 3, 2, ""},
-      {"never known: the fifth body is parsed", {notKnown, notKnown, notKnown, notKnown, notKnown, active}, 5, 5,
+      {"never known: the fifth body is parsed",
+       {notKnown, notKnown, notKnown, notKnown, notKnown, active},
+       5,
+       5,
        kMissing + "data"},
       {"server error is not retried", {answer(500, notKnown.body), notKnown}, 1, 0, kMissing + "data"},
   };
@@ -64,17 +66,17 @@ TEST_F(JobServiceTest, PollsOnlyWhileTheServerDoesNotKnowTheJob) {
     EXPECT_EQ(fake::logLinesOf(kLogName), (std::vector<fake::LogLine>{{4, kLogName, "Invoking jobs URI: " + path}}));
     ASSERT_EQ(fake::pauses.size(), c.pauses);
     for (const timespec& pause : fake::pauses) EXPECT_EQ(pause.tv_sec * 1000000000 + pause.tv_nsec, 3000000000);
-    EXPECT_EQ(job_.jobState + " " + std::to_string(job_.jobStatus), c.error.empty() ? "ACTIVE 0" : "before 9");
+    EXPECT_EQ(m_job.jobState + " " + std::to_string(m_job.jobStatus), c.error.empty() ? "ACTIVE 0" : "before 9");
   }
 }
 
 TEST_F(JobServiceTest, RestClientFailureBecomesAServiceFailureWithItsCode) {
   fake::curl.requestThrows = std::make_exception_ptr(KSCurlWrapperException(7, "connection reset"));
   EXPECT_EQ(poll(), "7 connection reset");
-  EXPECT_EQ(job_.jobState, "before");
-  EXPECT_EQ(fake::logLinesOf(kLogName).back(),
-            (fake::LogLine{16, kLogName,
-                           "KSCurl Exception occured, error code: 7\nException message: connection reset"}));
+  EXPECT_EQ(m_job.jobState, "before");
+  EXPECT_EQ(
+      fake::logLinesOf(kLogName).back(),
+      (fake::LogLine{16, kLogName, "KSCurl Exception occured, error code: 7\nException message: connection reset"}));
 }
 
 TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {

@@ -22,15 +22,15 @@ class RestClientTest : public ::testing::Test {
     params.uri = "keepstone/admin/jobs/7";
     params.payload = payload;
     params.requestType = type;
-    response_ = KSCurlResponse{77, "earlier body", "earlier warning"};
-    return KSCurlWrapper().makeRequest(params, response_);
+    m_response = KSCurlResponse{77, "earlier body", "earlier warning"};
+    return KSCurlWrapper().makeRequest(params, m_response);
   }
 
   std::string response() const {
-    return std::to_string(response_.statusCode) + "|" + response_.message + "|" + response_.warning;
+    return std::to_string(m_response.statusCode) + "|" + m_response.message + "|" + m_response.warning;
   }
 
-  KSCurlResponse response_{};
+  KSCurlResponse m_response{};
 };
 
 TEST_F(RestClientTest, ClientGetsTheFirstServerAndTheFixedArguments) {

@@ -18,22 +18,22 @@ namespace {
 // throws when told to.
 class RecordingHandler : public KSUServiceImpl {
  public:
-  explicit RecordingHandler(std::string name, int ownResult = 0) : name_(std::move(name)), ownResult_(ownResult) {}
+  explicit RecordingHandler(std::string name, int ownResult = 0) : m_name(std::move(name)), m_ownResult(ownResult) {}
 
   int handleRequest(ServiceData* data) override {
-    ++visits_;
-    if (throws_) throw KSServiceException(130, name_ + " failed");
-    if (auto* alert = dynamic_cast<AlertServiceData*>(data)) alert->messageKey += name_;
+    ++m_visits;
+    if (m_throws) throw KSServiceException(130, m_name + " failed");
+    if (auto* alert = dynamic_cast<AlertServiceData*>(data)) alert->messageKey += m_name;
     const int forwarded = forward(data);
-    return m_next != nullptr ? forwarded : ownResult_;
+    return m_next != nullptr ? forwarded : m_ownResult;
   }
 
-  bool throws_ = false;
-  int visits_ = 0;
+  bool m_throws = false;
+  int m_visits = 0;
 
  private:
-  std::string name_;
-  int ownResult_;
+  std::string m_name;
+  int m_ownResult;
 };
 
 TEST(ServiceFactory, OneInstancePerThreadUntilDestroyed) {
@@ -62,7 +62,7 @@ TEST(ServiceChain, ForwardsTheSameRecordReturnsTheLastResultAndPassesExceptionsO
   EXPECT_EQ(record.messageKey, "abca");
 
   first.setNext(&second);
-  third.throws_ = true;  // reaches the caller unchanged
+  third.m_throws = true;  // reaches the caller unchanged
   EXPECT_EQ(unit::serviceError([&] { first.handleRequest(&record); }), "130 c failed");
   EXPECT_EQ(record.messageKey, "abcaab");
 }
@@ -97,7 +97,7 @@ TEST(ServiceChain, HandlersRefuseRecordsOfAnotherKindBeforeDoingAnything) {
       {&alert, nullptr, notAnAlert},
   };
   for (const auto& c : cases) EXPECT_EQ(unit::serviceError([&] { c.handler->handleRequest(c.record); }), c.error);
-  EXPECT_EQ(successor.visits_, 0);
+  EXPECT_EQ(successor.m_visits, 0);
   EXPECT_TRUE(fake::logLines.empty());
   EXPECT_TRUE(fake::ksqd.calls.empty());
   EXPECT_TRUE(fake::curl.clients.empty());

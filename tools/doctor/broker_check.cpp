@@ -73,10 +73,12 @@ std::string testAlertPayload(const Configuration& configuration) {
 CheckResult publishTestAlert(mosquitto* client, Session& session, const Configuration& configuration) {
   const std::string payload = testAlertPayload(configuration);
   int messageId = 0;
-  int result = mosquitto_publish(client, &messageId, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
+  int result =
+      mosquitto_publish(client, &messageId, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
   int error = 0;
   if (result == MOSQ_ERR_SUCCESS) {
-    result = runUntil(client, kPublishMilliseconds, [&] { return session.publishedId == messageId; }, error);
+    result = runUntil(
+        client, kPublishMilliseconds, [&] { return session.publishedId == messageId; }, error);
   }
   if (result != MOSQ_ERR_SUCCESS) {
     return failedResult(kAlertId, kAlertTitle, "publishing failed: " + standin::mosquittoErrorText(result, error),
@@ -130,9 +132,8 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   if (client == nullptr) {
     return finish(failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
   }
-  mosquitto_connect_callback_set(client.get(), [](mosquitto*, void* data, int code) {
-    static_cast<Session*>(data)->connack = code;
-  });
+  mosquitto_connect_callback_set(client.get(),
+                                 [](mosquitto*, void* data, int code) { static_cast<Session*>(data)->connack = code; });
   mosquitto_publish_callback_set(client.get(), [](mosquitto*, void* data, int messageId) {
     static_cast<Session*>(data)->publishedId = messageId;
   });
@@ -147,7 +148,8 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   int result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, kKeepAliveSeconds);
   error = errno;
   if (result == MOSQ_ERR_SUCCESS) {
-    result = runUntil(client.get(), kConnectMilliseconds, [&] { return session.connack >= 0; }, error);
+    result = runUntil(
+        client.get(), kConnectMilliseconds, [&] { return session.connack >= 0; }, error);
   }
   if (result != MOSQ_ERR_SUCCESS) {
     return finish(failedResult(kId, kTitle, where + ": " + standin::mosquittoErrorText(result, error),
@@ -155,13 +157,14 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   }
   if (session.connack < 0) {
     return finish(failedResult(kId, kTitle, where + " gave no MQTT answer within 3 s",
-                               "check that " + where + " is the broker, that broker_tls matches its listener, "
-                               "and that the firewalls between this host and it let MQTT through"));
+                               "check that " + where +
+                                   " is the broker, that broker_tls matches its listener, "
+                                   "and that the firewalls between this host and it let MQTT through"));
   }
   if (session.connack != 0) {
     const bool credentials = session.connack == 4 || session.connack == 5;
-    return finish(failedResult(kId, kTitle, where + " refused the connection: " +
-                                   mosquitto_connack_string(session.connack),
+    return finish(failedResult(kId, kTitle,
+                               where + " refused the connection: " + mosquitto_connack_string(session.connack),
                                credentials ? "check broker_user and broker_password_file against the broker's "
                                              "password file and ACL"
                                            : "check the broker's log"));
@@ -172,7 +175,8 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   if (sendTestAlert) results.push_back(publishTestAlert(client.get(), session, configuration));
   mosquitto_disconnect(client.get());
   int ignored = 0;
-  runUntil(client.get(), 200, [] { return false; }, ignored);
+  runUntil(
+      client.get(), 200, [] { return false; }, ignored);
   return results;
 }
 

@@ -14,8 +14,8 @@ const char* statusName(Status status) {
 
 namespace {
 
-CheckResult makeResult(const std::string& id, const std::string& title, Status status,
-                       const std::string& detail, const std::string& action) {
+CheckResult makeResult(const std::string& id, const std::string& title, Status status, const std::string& detail,
+                       const std::string& action) {
   CheckResult result;
   result.id = id;
   result.title = title;

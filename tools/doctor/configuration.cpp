@@ -32,8 +32,9 @@ CheckResult checkConfiguration(const Configuration& configuration) {
   }
   if (configuration.readResult != 0) {
     return failedResult(kId, kTitle, "cannot read " + path + ": " + std::strerror(configuration.readResult),
-                        "create " + path + " readable by the engine's user with \"server = <master host>\" and "
-                        "\"host_name = <this host>\", or set KEEPSTONE_CONF to the file the engine uses");
+                        "create " + path +
+                            " readable by the engine's user with \"server = <master host>\" and "
+                            "\"host_name = <this host>\", or set KEEPSTONE_CONF to the file the engine uses");
   }
   if (configuration.master().empty()) {
     return failedResult(kId, kTitle, path + " names no master server",

@@ -12,8 +12,8 @@ namespace doctor {
 
 struct Configuration {
   std::string path;
-  int readResult = 0;  // 0, the errno of a failed read, or 22 for a bad line
-  int badLine = 0;     // with 22: the number of the first bad line
+  int readResult = 0;            // 0, the errno of a failed read, or 22 for a bad line
+  int badLine = 0;               // with 22: the number of the first bad line
   standin::ConfigValues values;  // empty unless readResult is 0
 
   // The first "server" line's value; empty when there is none.

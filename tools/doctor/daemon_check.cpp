@@ -34,8 +34,8 @@ int connectWithin(const UrlParts& where, std::string& resolveError) {
   }
   int error = ECONNREFUSED;
   for (const addrinfo* address = addresses; address != nullptr; address = address->ai_next) {
-    const int fd = socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                          address->ai_protocol);
+    const int fd =
+        socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address->ai_protocol);
     if (fd < 0) {
       error = errno;
       continue;

@@ -75,11 +75,11 @@ CheckResult checkOutbox(const Configuration& configuration) {
   }
   if (problem == 0) return okResult(kId, kTitle, outbox + (inDirectory ? " can be created" : " can be written"));
   const std::string where = inDirectory ? "directory " + directoryOf(outbox) : outbox;
-  return warningResult(kId, kTitle,
-                       where + ": " + std::strerror(problem) +
-                           "; alerts would wait in memory only and be lost with the engine's process",
-                       "create " + directoryOf(outbox) + " writable by the engine's user, or set outbox in " +
-                           configuration.path);
+  return warningResult(
+      kId, kTitle,
+      where + ": " + std::strerror(problem) +
+          "; alerts would wait in memory only and be lost with the engine's process",
+      "create " + directoryOf(outbox) + " writable by the engine's user, or set outbox in " + configuration.path);
 }
 
 }  // namespace doctor

@@ -66,9 +66,9 @@ CheckResult checkMasterName(const Configuration& configuration, bool& resolves) 
                         "check that the name servers of /etc/resolv.conf answer from this host");
   }
   if (lookup->error != 0) {
-    return failedResult(kId, kTitle, configuration.master() + " does not resolve: " + gai_strerror(lookup->error),
-                        "correct the server line of " + configuration.path +
-                            ", or make the name known to DNS or /etc/hosts");
+    return failedResult(
+        kId, kTitle, configuration.master() + " does not resolve: " + gai_strerror(lookup->error),
+        "correct the server line of " + configuration.path + ", or make the name known to DNS or /etc/hosts");
   }
   resolves = true;
   return okResult(kId, kTitle, configuration.master() + " resolves to " + lookup->address);

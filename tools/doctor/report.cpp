@@ -14,8 +14,8 @@ struct JsonRelease {
 using Json = std::unique_ptr<json_t, JsonRelease>;
 
 json_t* checkObject(const CheckResult& result) {
-  json_t* check = json_pack("{s:s, s:s, s:s, s:s}", "id", result.id.c_str(), "title", result.title.c_str(),
-                            "status", statusName(result.status), "detail", result.detail.c_str());
+  json_t* check = json_pack("{s:s, s:s, s:s, s:s}", "id", result.id.c_str(), "title", result.title.c_str(), "status",
+                            statusName(result.status), "detail", result.detail.c_str());
   if (check != nullptr && !result.action.empty() &&
       json_object_set_new(check, "action", json_string(result.action.c_str())) != 0) {
     json_decref(check);

@@ -40,8 +40,7 @@ std::string transportAction(CURLcode result, const UrlParts& where, bool connect
   switch (result) {
     case CURLE_COULDNT_RESOLVE_HOST:
       return "correct the host of rest_url, or make " + where.host + " known to DNS or /etc/hosts";
-    case CURLE_COULDNT_CONNECT:
-      return "start the master's web service, or set rest_url to where it listens";
+    case CURLE_COULDNT_CONNECT: return "start the master's web service, or set rest_url to where it listens";
     case CURLE_OPERATION_TIMEDOUT:
       if (connected) return "check that " + address + " is the master's web service, and look at its log";
       return "let this host reach " + address + " through the firewalls between them";
@@ -49,9 +48,9 @@ std::string transportAction(CURLcode result, const UrlParts& where, bool connect
     case CURLE_SSL_CACERT_BADFILE:
     case CURLE_SSL_CONNECT_ERROR:
       return "set ca_file to the CA bundle that signed the master's certificate, and check that the "
-             "certificate names " + where.host;
-    default:
-      return "check rest_url and that the master's web service runs at " + address;
+             "certificate names " +
+             where.host;
+    default: return "check rest_url and that the master's web service runs at " + address;
   }
 }
 

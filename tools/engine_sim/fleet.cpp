@@ -14,8 +14,8 @@ std::vector<evict_vm_info> makeFleet(int count, uint64_t seed) {
   std::vector<evict_vm_info> fleet(count > 0 ? static_cast<size_t>(count) : 0);
   for (evict_vm_info& vm : fleet) {
     std::memset(&vm, 0, sizeof vm);
-    std::snprintf(vm.vm_id, sizeof vm.vm_id, "%016llx%016llx",
-                  static_cast<unsigned long long>(random()), static_cast<unsigned long long>(random()));
+    std::snprintf(vm.vm_id, sizeof vm.vm_id, "%016llx%016llx", static_cast<unsigned long long>(random()),
+                  static_cast<unsigned long long>(random()));
     vm.vm_size = sizes(random);
     std::snprintf(vm.policy_name, sizeof vm.policy_name, "%s", kPolicies[policies(random)]);
     vm.evict_type = 1;

@@ -80,7 +80,7 @@ struct Job {
 
 struct MasterSimulator::Impl {
   explicit Impl(MasterSimulatorOptions simOptions)
-      : options(std::move(simOptions)), nextJobId(options.firstJobId), jobFaults(options.jobFaults) {}
+      : m_options(std::move(simOptions)), m_nextJobId(m_options.firstJobId) {}
 
   void addRoutes();
   // Serves until stop(); run on serverThread.
@@ -88,97 +88,92 @@ struct MasterSimulator::Impl {
   void announceServing();
   void answerJob(const httplib::Request& request, httplib::Response& response);
   void answerDaemon(const httplib::Request& request, httplib::Response& response);
-  void finishAnswer(const httplib::Request& request, httplib::Response& response);
+  void recordRequest(const httplib::Request& request);
   std::string requestsJson() const;
-  int64_t startJob(const std::string& policy, const JobFaults& faults) REQUIRES(mutex);
-  const char* stateOf(const Job& job) const REQUIRES(mutex);
+  int64_t startJob(const std::string& policy, const JobFaults& faults) REQUIRES(m_mutex);
+  const char* stateOf(const Job& job) const REQUIRES(m_mutex);
 
-  const MasterSimulatorOptions options;
-  httplib::Server server;
-  std::thread serverThread;
-  int port = -1;
-  bool started = false;
+  const MasterSimulatorOptions m_options;
+  httplib::Server m_server;
+  std::thread m_serverThread;
+  int m_port = -1;
+  bool m_started = false;
 
-  port::Mutex servingMutex;
-  port::CondVar servingAnnounced;
+  port::Mutex m_servingMutex;
+  port::CondVar m_servingAnnounced;
   // True once the server loop runs, or once the server thread ends without it.
-  bool serverLoopEntered GUARDED_BY(servingMutex) = false;
+  bool m_serverLoopEntered GUARDED_BY(m_servingMutex) = false;
 
-  mutable port::Mutex mutex;
-  int64_t nextJobId GUARDED_BY(mutex);
-  JobFaults jobFaults GUARDED_BY(mutex);
-  std::map<int64_t, Job> jobs GUARDED_BY(mutex);
-  std::map<std::string, PolicyFaults> policyFaults GUARDED_BY(mutex);
-  std::map<std::string, std::string> responseHeaders GUARDED_BY(mutex);
-  Clock::duration timeAdded GUARDED_BY(mutex){};
-  std::vector<RecordedRequest> requests;
+  mutable port::Mutex m_mutex;
+  int64_t m_nextJobId GUARDED_BY(m_mutex);
+  std::map<int64_t, Job> m_jobs GUARDED_BY(m_mutex);
+  std::map<std::string, PolicyFaults> m_policyFaults GUARDED_BY(m_mutex);
+  Clock::duration m_timeAdded GUARDED_BY(m_mutex){};
+  std::vector<RecordedRequest> m_requests GUARDED_BY(m_mutex);
 };
 
 void MasterSimulator::Impl::addRoutes() {
   // Connections stay open for as many requests as a client sends.
-  server.set_keep_alive_max_count(1000000);
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
+  m_server.set_keep_alive_max_count(1000000);
+  m_server.set_keep_alive_timeout(kKeepAliveSeconds);
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement.
-  server.set_tcp_nodelay(true);
-  server.Get(R"(/keepstone/admin/jobs/([^/]+))",
-             [this](const httplib::Request& request, httplib::Response& response) {
-               answerJob(request, response);
-             });
-  server.Post(R"(/ksqd/([^/]+))", [this](const httplib::Request& request, httplib::Response& response) {
+  m_server.set_tcp_nodelay(true);
+  m_server.Get(R"(/keepstone/admin/jobs/([^/]+))",
+               [this](const httplib::Request& request, httplib::Response& response) { answerJob(request, response); });
+  m_server.Post(R"(/ksqd/([^/]+))", [this](const httplib::Request& request, httplib::Response& response) {
     answerDaemon(request, response);
   });
-  server.Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
+  m_server.Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(requestsJson(), kJsonType);
   });
-  server.set_post_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
-    finishAnswer(request, response);
-  });
+  m_server.set_post_routing_handler(
+      [this](const httplib::Request& request, httplib::Response&) { recordRequest(request); });
 }
 
 void MasterSimulator::Impl::serve() {
   // The server makes its task queue once its loop runs, when stop() can end
   // it; that is the moment start() waits for.
-  server.new_task_queue = [this] {
+  m_server.new_task_queue = [this] {
     announceServing();
     return new httplib::ThreadPool(CPPHTTPLIB_THREAD_POOL_COUNT);
   };
-  server.listen_after_bind();
+  m_server.listen_after_bind();
   announceServing();  // in case the loop never ran
 }
 
 void MasterSimulator::Impl::announceServing() {
   {
-    port::MutexLock lock(servingMutex);
-    serverLoopEntered = true;
+    port::MutexLock lock(m_servingMutex);
+    m_serverLoopEntered = true;
   }
-  servingAnnounced.notifyAll();
+  m_servingAnnounced.notifyAll();
 }
 
 int64_t MasterSimulator::Impl::startJob(const std::string& policy, const JobFaults& faults) {
-  const int64_t id = nextJobId++;
-  jobs[id] = Job{policy, Clock::now() + timeAdded, faults, 0};
+  const int64_t id = m_nextJobId++;
+  m_jobs[id] = Job{policy, Clock::now() + m_timeAdded, faults, 0};
   return id;
 }
 
 const char* MasterSimulator::Impl::stateOf(const Job& job) const {
-  const double age = std::chrono::duration<double>(Clock::now() + timeAdded - job.started).count();
-  if (age >= options.jobSeconds) return "DONE";
-  return age >= options.jobSeconds / 2 ? "ACTIVE" : "QUEUED";
+  const double age = std::chrono::duration<double>(Clock::now() + m_timeAdded - job.started).count();
+  if (age >= m_options.jobSeconds) return "DONE";
+  return age >= m_options.jobSeconds / 2 ? "ACTIVE" : "QUEUED";
 }
 
 void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::Response& response) {
-  if (request.get_header_value("Accept") != options.jobsMediaType) {
+  if (request.get_header_value("Accept") != m_options.jobsMediaType) {
     response.status = 406;
-    response.set_content(errorDocument(406, "Not acceptable: jobs are served as " + options.jobsMediaType),
+    response.set_content(errorDocument(406, "Not acceptable: jobs are served as " + m_options.jobsMediaType),
                          kJsonType);
     return;
   }
   const std::string idText = request.matches[1];
   int64_t id = 0;
-  port::MutexLock lock(mutex);
-  const auto found = parseJobId(idText, id) ? jobs.find(id) : jobs.end();
-  if (found == jobs.end() || found->second.polls++ < found->second.faults.unknownForPolls) {
+  port::MutexLock lock(m_mutex);
+  const auto found = parseJobId(idText, id) ? m_jobs.find(id) : m_jobs.end();
+  if (found == m_jobs.end() || found->second.polls++ < found->second.faults.unknownForPolls) {
     response.status = 404;
     response.set_content(errorDocument(404, "No job with id " + idText), kJsonType);
     return;
@@ -188,10 +183,9 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
     response.set_content(kNotJson, kNotJsonType);
     return;
   }
-  const Json document(json_pack("{s:{s:s,s:o,s:{s:I,s:s,s:o,s:s,s:i}}}", "data", "type", "job", "id",
-                                textValue(idText), "attributes", "jobId", static_cast<json_int_t>(id),
-                                "jobType", "BACKUP", "policyName", textValue(job.policy), "state",
-                                stateOf(job), "status", 0));
+  const Json document(json_pack("{s:{s:s,s:o,s:{s:I,s:s,s:o,s:s,s:i}}}", "data", "type", "job", "id", textValue(idText),
+                                "attributes", "jobId", static_cast<json_int_t>(id), "jobType", "BACKUP", "policyName",
+                                textValue(job.policy), "state", stateOf(job), "status", 0));
   response.set_content(compact(document), kJobsMediaType);
 }
 
@@ -200,14 +194,13 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
   json_t* policyValue = json_object_get(body.get(), "policy");
   if (!json_is_string(policyValue)) {
     response.status = 400;
-    response.set_content(errorDocument(400, "The request must be a JSON object with a string \"policy\""),
-                         kJsonType);
+    response.set_content(errorDocument(400, "The request must be a JSON object with a string \"policy\""), kJsonType);
     return;
   }
   const std::string policy(json_string_value(policyValue), json_string_length(policyValue));
-  port::MutexLock lock(mutex);
-  const auto fault = policyFaults.find(policy);
-  if (fault != policyFaults.end() && fault->second.httpStatus != 0) {
+  port::MutexLock lock(m_mutex);
+  const auto fault = m_policyFaults.find(policy);
+  if (fault != m_policyFaults.end() && fault->second.httpStatus != 0) {
     response.status = fault->second.httpStatus;
     if (fault->second.daemonStatus != 0) {
       response.set_header("X-Ksqd-Status", std::to_string(fault->second.daemonStatus));
@@ -216,19 +209,17 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
                          kJsonType);
     return;
   }
-  if (fault != policyFaults.end() && fault->second.answerNotJson) {
+  if (fault != m_policyFaults.end() && fault->second.answerNotJson) {
     response.set_content(kNotJson, kNotJsonType);
     return;
   }
-  const int64_t id = startJob(policy, jobFaults);
+  const int64_t id = startJob(policy, m_options.jobFaults);
   response.set_content(compact(Json(json_pack("{s:I}", "jobid", static_cast<json_int_t>(id)))), kJsonType);
 }
 
-// Runs after every answer has been made: records the request and adds the
-// configured headers.
-void MasterSimulator::Impl::finishAnswer(const httplib::Request& request, httplib::Response& response) {
-  port::MutexLock lock(mutex);
-  for (const auto& header : responseHeaders) response.set_header(header.first, header.second);
+// Runs after every answer has been made.
+void MasterSimulator::Impl::recordRequest(const httplib::Request& request) {
+  port::MutexLock lock(m_mutex);
   if (request.path.compare(0, 5, "/sim/") == 0) return;
   RecordedRequest recorded{request.method, request.path, {}, request.body, request.remote_port};
   for (const auto& header : request.headers) {
@@ -238,96 +229,81 @@ void MasterSimulator::Impl::finishAnswer(const httplib::Request& request, httpli
     std::string& value = recorded.headers[header.first];
     value += (value.empty() ? "" : ", ") + header.second;
   }
-  requests.push_back(std::move(recorded));
+  m_requests.push_back(std::move(recorded));
 }
 
 std::string MasterSimulator::Impl::requestsJson() const {
   const Json all(json_array());
-  port::MutexLock lock(mutex);
-  for (const RecordedRequest& request : requests) {
+  port::MutexLock lock(m_mutex);
+  for (const RecordedRequest& request : m_requests) {
     json_t* headers = json_object();
     for (const auto& header : request.headers) {
       json_object_set_new(headers, header.first.c_str(), textValue(header.second));
     }
-    json_array_append_new(all.get(), json_pack("{s:o,s:o,s:o,s:o,s:i}", "method", textValue(request.method),
-                                               "path", textValue(request.path), "headers", headers, "body",
+    json_array_append_new(all.get(), json_pack("{s:o,s:o,s:o,s:o,s:i}", "method", textValue(request.method), "path",
+                                               textValue(request.path), "headers", headers, "body",
                                                textValue(request.body), "remotePort", request.remotePort));
   }
   return compact(all);
 }
 
-MasterSimulator::MasterSimulator(MasterSimulatorOptions options) : impl_(new Impl(std::move(options))) {
-  impl_->addRoutes();
+MasterSimulator::MasterSimulator(MasterSimulatorOptions options) : m_impl(new Impl(std::move(options))) {
+  m_impl->addRoutes();
 }
 
 MasterSimulator::~MasterSimulator() { stop(); }
 
 bool MasterSimulator::start() {
-  if (impl_->started) return impl_->port > 0;
-  impl_->started = true;
-  const MasterSimulatorOptions& options = impl_->options;
+  if (m_impl->m_started) return m_impl->m_port > 0;
+  m_impl->m_started = true;
+  const MasterSimulatorOptions& options = m_impl->m_options;
   if (options.port == 0) {
-    impl_->port = impl_->server.bind_to_any_port(options.host);
-  } else if (impl_->server.bind_to_port(options.host, options.port)) {
-    impl_->port = options.port;
+    m_impl->m_port = m_impl->m_server.bind_to_any_port(options.host);
+  } else if (m_impl->m_server.bind_to_port(options.host, options.port)) {
+    m_impl->m_port = options.port;
   }
-  if (impl_->port <= 0) return false;
-  impl_->serverThread = std::thread([this] { impl_->serve(); });
+  if (m_impl->m_port <= 0) return false;
+  m_impl->m_serverThread = std::thread([this] { m_impl->serve(); });
   // The socket already queues connections; stop() works only once the server
   // loop runs, so wait for that.
-  port::MutexLock lock(impl_->servingMutex);
-  impl_->servingAnnounced.wait(impl_->servingMutex,
-                               [this]() REQUIRES(impl_->servingMutex) { return impl_->serverLoopEntered; });
-  return impl_->server.is_running();
+  port::MutexLock lock(m_impl->m_servingMutex);
+  m_impl->m_servingAnnounced.wait(m_impl->m_servingMutex,
+                                  [this]() REQUIRES(m_impl->m_servingMutex) { return m_impl->m_serverLoopEntered; });
+  return m_impl->m_server.is_running();
 }
 
 void MasterSimulator::stop() {
-  if (!impl_->serverThread.joinable()) return;
-  impl_->server.stop();
-  impl_->serverThread.join();
+  if (!m_impl->m_serverThread.joinable()) return;
+  m_impl->m_server.stop();
+  m_impl->m_serverThread.join();
 }
 
-int MasterSimulator::port() const { return impl_->port; }
+int MasterSimulator::port() const { return m_impl->m_port; }
 
 std::string MasterSimulator::url() const {
-  return "http://" + impl_->options.host + ":" + std::to_string(impl_->port);
+  return "http://" + m_impl->m_options.host + ":" + std::to_string(m_impl->m_port);
 }
 
 int64_t MasterSimulator::createJob(const std::string& policy) {
-  port::MutexLock lock(impl_->mutex);
-  return impl_->startJob(policy, impl_->jobFaults);
-}
-
-int64_t MasterSimulator::createJob(const std::string& policy, const JobFaults& faults) {
-  port::MutexLock lock(impl_->mutex);
-  return impl_->startJob(policy, faults);
-}
-
-void MasterSimulator::setJobFaults(const JobFaults& faults) {
-  port::MutexLock lock(impl_->mutex);
-  impl_->jobFaults = faults;
+  port::MutexLock lock(m_impl->m_mutex);
+  return m_impl->startJob(policy, m_impl->m_options.jobFaults);
 }
 
 void MasterSimulator::setPolicyFaults(const std::string& policy, const PolicyFaults& faults) {
-  port::MutexLock lock(impl_->mutex);
-  impl_->policyFaults[policy] = faults;
-}
-
-void MasterSimulator::setResponseHeader(const std::string& name, const std::string& value) {
-  port::MutexLock lock(impl_->mutex);
-  impl_->responseHeaders[name] = value;
+  port::MutexLock lock(m_impl->m_mutex);
+  m_impl->m_policyFaults[policy] = faults;
 }
 
 void MasterSimulator::advanceTime(double seconds) {
-  port::MutexLock lock(impl_->mutex);
-  impl_->timeAdded += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  port::MutexLock lock(m_impl->m_mutex);
+  m_impl->m_timeAdded += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 std::vector<RecordedRequest> MasterSimulator::requests() const {
-  port::MutexLock lock(impl_->mutex);
-  return impl_->requests;
+  port::MutexLock lock(m_impl->m_mutex);
+  return m_impl->m_requests;
 }
 
-std::string MasterSimulator::requestsJson() const { return impl_->requestsJson(); }
+std::string MasterSimulator::requestsJson() const { return m_impl->requestsJson(); }
 
 }  // namespace master_sim

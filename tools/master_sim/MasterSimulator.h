@@ -77,12 +77,8 @@ class MasterSimulator {
 
   // Starts a job for `policy` as a daemon request would, and returns its id.
   int64_t createJob(const std::string& policy);
-  int64_t createJob(const std::string& policy, const JobFaults& faults);
-  // Faults of the jobs that daemon requests start from now on.
-  void setJobFaults(const JobFaults& faults);
+  // Faults of the daemon requests for `policy` from now on.
   void setPolicyFaults(const std::string& policy, const PolicyFaults& faults);
-  // Adds a header to every answer from now on (replacing one of that name).
-  void setResponseHeader(const std::string& name, const std::string& value);
   // Moves the simulator's clock forward.
   void advanceTime(double seconds);
 
@@ -93,7 +89,7 @@ class MasterSimulator {
 
  private:
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace master_sim

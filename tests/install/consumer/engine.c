@@ -2,11 +2,10 @@
  * <kscdp/...> in C99, the records' layout, the result-code macros, and a
  * call that runs through libkscdp.so into the platform library it needs at
  * run time. */
-#include <stdio.h>
-#include <string.h>
-
 #include <kscdp/backup_engine.h>
 #include <kscdp/release_string.h>
+#include <stdio.h>
+#include <string.h>
 
 int main(void) {
   evict_vm_info vm;

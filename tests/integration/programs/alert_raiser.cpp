@@ -24,8 +24,14 @@ int main(int argc, char** argv) {
   long accepted = 0;
   NotificationSupplier supplier;
   for (long n = first; n <= last; ++n) {
-    NotificationEvent event{1, "Keepstone", "CDP", "CDP Backup Engine", "LOW", "INFO",
-                            "eventlog.omra.ksu.cdp.fullsync.done", {{"seq", std::to_string(n)}}};
+    NotificationEvent event{1,
+                            "Keepstone",
+                            "CDP",
+                            "CDP Backup Engine",
+                            "LOW",
+                            "INFO",
+                            "eventlog.omra.ksu.cdp.fullsync.done",
+                            {{"seq", std::to_string(n)}}};
     if (supplier.send_notification(event) == 0) ++accepted;
   }
   std::printf("accepted %ld pid %d\n", accepted, static_cast<int>(getpid()));
