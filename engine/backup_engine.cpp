@@ -10,9 +10,9 @@
 #include "gateway/KeepstoneServiceGateway.h"
 #include "platform/ksu_log.h"
 #include "rest/CCTCurlWrapper.h"
+#include "rest/ServiceCodes.h"
 #include "services/AlertServiceImpl.h"
 #include "services/KSServiceException.h"
-#include "services/ServiceCodes.h"
 
 namespace {
 

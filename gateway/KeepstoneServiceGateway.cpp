@@ -6,10 +6,10 @@
 
 #include "gateway/OperationHandlers.h"
 #include "platform/ksu_log.h"
+#include "rest/MasterConfiguration.h"
+#include "rest/ServiceCodes.h"
 #include "services/AlertServiceImpl.h"
 #include "services/KSServiceException.h"
-#include "services/MasterConfiguration.h"
-#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {

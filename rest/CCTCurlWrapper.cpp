@@ -5,21 +5,21 @@
 
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
-#include "services/MasterConfiguration.h"
-#include "services/ServiceCodes.h"
+#include "rest/KeepstoneRestApi.h"
+#include "rest/MasterConfiguration.h"
+#include "rest/ServiceCodes.h"
 
 namespace {
 
 // Built at load time, in this order. KS_MEDIA_TYPE_VERSION is the Accept
 // media type of every request.
-const std::string MAX_VERSION = "6.0";
-const std::string KS_MEDIA_TYPE_JSON = "application/vnd.keepstone+json";
+const std::string MAX_VERSION = keepstone_rest::kMaxVersion;
+const std::string KS_MEDIA_TYPE_JSON = keepstone_rest::kMediaType;
 const std::string KS_MEDIA_TYPE_VERSION = KS_MEDIA_TYPE_JSON + ";version=" + MAX_VERSION;
 
 const char WARNING_HEADER[] = "X-Keepstone-Warning";
 const char MAKE_REQUEST_LOG_NAME[] = "KSCurlWrapper::makeRequest";
 
-const int MASTER_REST_PORT = 1556;
 const int UNSUPPORTED_REQUEST_RESULT = INVALID_REQUEST_CODE;
 // The header lookup's "no such header", which is no failure of a request.
 const int HEADER_ABSENT = 227;
@@ -54,8 +54,8 @@ int KSCurlWrapper::makeRequest(const KSCurlRequestParams& params, KSCurlResponse
   const std::string none;
   // A fresh client per request, gone on every way out of this function.
   boost::scoped_ptr<KSClientCURL> client(
-      new KSClientCURL(m_masterServerName, MASTER_REST_PORT, CERT_TYPE_PEM, KS_CURL_SESSION_SHARED, nullptr, none, true,
-                       false, false, none, none, none, none, none, none, false, cancelRequest, none, 0));
+      new KSClientCURL(m_masterServerName, keepstone_rest::kPort, CERT_TYPE_PEM, KS_CURL_SESSION_SHARED, nullptr, none,
+                       true, false, false, none, none, none, none, none, none, false, cancelRequest, none, 0));
   client->setupAcceptCurlOption(KS_MEDIA_TYPE_VERSION);
 
   switch (params.requestType) {

@@ -20,8 +20,10 @@ class KSCurlWrapperException : public std::exception {
 };
 
 // The kinds of request in KSCurlRequestParams::requestType.
-const int32_t GET_REQUEST = 0;      // no body
-const int32_t PAYLOAD_REQUEST = 1;  // with the payload as its body
+const int32_t GET_REQUEST = 0;  // no body
+// With the payload as its body. No caller in this system sends one; the
+// client supports it as the product's REST client does.
+const int32_t PAYLOAD_REQUEST = 1;
 
 // One request; owned by the caller.
 struct KSCurlRequestParams {
@@ -34,7 +36,9 @@ struct KSCurlRequestParams {
 struct KSCurlResponse {
   int32_t statusCode;   // HTTP status as the client reports it (0: no answer)
   std::string message;  // body
-  std::string warning;  // the "X-Keepstone-Warning" header
+  // The "X-Keepstone-Warning" header. Filled for every answer as the REST
+  // client's contract requires, though no caller in this system reads it.
+  std::string warning;
 };
 
 class KSCurlWrapper {

@@ -1,4 +1,4 @@
-#include "services/MasterConfiguration.h"
+#include "rest/MasterConfiguration.h"
 
 #include "platform/ks_master_config.h"
 #include "port/mutex.h"
@@ -14,6 +14,8 @@ MasterConfiguration readMasterConfiguration() {
   MasterConfiguration copy;
   port::MutexLock lock(g_configMutex);
   copy.readResult = KS_read_master_config();
+  // After a failed read the record may hold anything: nothing of it is read.
+  if (copy.readResult != 0) return copy;
   const ks_master_config* config = get_master_config_ptr();
   if (config == nullptr) return copy;
   if (config->server_list != nullptr && config->server_list[0] != nullptr) {

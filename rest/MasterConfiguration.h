@@ -5,11 +5,12 @@
 // another thread is still copying. Every reader in the library goes through
 // readMasterConfiguration(): it reads and copies under one lock, held for
 // nothing else, and the copy it returns is the caller's own.
-#ifndef KSCDP_SERVICES_MASTERCONFIGURATION_H_
-#define KSCDP_SERVICES_MASTERCONFIGURATION_H_
+#ifndef KSCDP_REST_MASTERCONFIGURATION_H_
+#define KSCDP_REST_MASTERCONFIGURATION_H_
 
 #include <string>
 
+// Everything but readResult stays empty when the read failed.
 struct MasterConfiguration {
   int readResult = 0;            // KS_read_master_config(): 0 on success
   bool hasMasterServer = false;  // the server list has a first entry
@@ -22,4 +23,4 @@ struct MasterConfiguration {
 // Thread-safe.
 MasterConfiguration readMasterConfiguration();
 
-#endif  // KSCDP_SERVICES_MASTERCONFIGURATION_H_
+#endif  // KSCDP_REST_MASTERCONFIGURATION_H_

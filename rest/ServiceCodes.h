@@ -1,8 +1,8 @@
 // The levels of the library's log lines and the codes of its service
 // exceptions, by name. The codes reach the engine as results, so their values
 // are part of the interface.
-#ifndef KSCDP_SERVICES_SERVICECODES_H_
-#define KSCDP_SERVICES_SERVICECODES_H_
+#ifndef KSCDP_REST_SERVICECODES_H_
+#define KSCDP_REST_SERVICECODES_H_
 
 #include "engine/backup_engine.h"
 
@@ -19,4 +19,4 @@ const int DAEMON_REQUEST_FAILED_CODE = KSCDP_ERR_DAEMON;        // the request d
 const int UNPARSABLE_ANSWER_CODE = KSCDP_ERR_BAD_ANSWER;        // an answer that cannot be parsed
 const int MASTER_CONFIG_UNREADABLE_CODE = KSCDP_ERR_NO_MASTER;  // no master server from the master configuration
 
-#endif  // KSCDP_SERVICES_SERVICECODES_H_
+#endif  // KSCDP_REST_SERVICECODES_H_

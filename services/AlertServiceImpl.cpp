@@ -4,9 +4,9 @@
 
 #include "platform/ksu_log.h"
 #include "platform/notification.h"
+#include "rest/MasterConfiguration.h"
+#include "rest/ServiceCodes.h"
 #include "services/KSServiceException.h"
-#include "services/MasterConfiguration.h"
-#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 const std::string AlertHelper::producerType = "Keepstone";

@@ -10,9 +10,9 @@
 
 #include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
+#include "rest/ServiceCodes.h"
 #include "services/JsonReference.h"
 #include "services/KSServiceException.h"
-#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {

@@ -34,7 +34,8 @@ class BackupServiceImpl : public virtual KSUServiceImpl {
   int parseRequestResponse(const std::string& response, unsigned long& jobId) const;
 
  private:
-  // Lives as long as the handler; handleRequest makes no REST request.
+  // Made with the handler, so that a handler exists only when the master
+  // configuration names a master server; handleRequest makes no REST request.
   boost::shared_ptr<KSCurlWrapper> m_curlWrapper;
 };
 

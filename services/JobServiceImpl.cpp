@@ -8,16 +8,17 @@
 #include <sstream>
 
 #include "platform/ksu_log.h"
+#include "rest/KeepstoneRestApi.h"
+#include "rest/ServiceCodes.h"
 #include "services/JsonReference.h"
 #include "services/KSServiceException.h"
-#include "services/ServiceCodes.h"
 #include "services/ServiceData.h"
 
 namespace {
 
 // Built at load time, in this order.
-const std::string API_PREFIX = "keepstone";
-const std::string JOBS_GET_API = API_PREFIX + "/admin/jobs/";
+const std::string API_PREFIX = keepstone_rest::kApiPrefix;
+const std::string JOBS_GET_API = API_PREFIX + keepstone_rest::kJobsResource;
 
 const char HANDLE_REQUEST_LOG_NAME[] = "JobServiceImpl::handleRequest";
 

@@ -48,7 +48,7 @@ class JobServiceData : public ServiceData {
   ~JobServiceData() override;
 
   uint64_t jobId = 0;
-  int32_t jobStatus = 0;  // written by the job handler
+  int32_t jobStatus = 0;  // written by the job handler; the gateway judges a job by its state alone
   std::string jobState;   // written by the job handler
 };
 
