@@ -17,6 +17,7 @@
 #include "engine/backup_engine.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
+#include "platform/standin/protocol.h"
 #include "standin_files.h"
 
 namespace {
@@ -26,8 +27,7 @@ using Messages = testbed::MqttSubscriber::Messages;
 
 const int kAlertCount = 10000;  // as many as the memory-only queue holds
 const int kIoErrorAlert = 18;   // names the VM, not a job
-const char kTopic[] = "keepstone/notifications";
-const int kInFlight = 20;  // the publisher's window
+const int kInFlight = 20;       // the publisher's window
 const std::chrono::seconds kDeliveryTimeout(60);
 
 struct World {
@@ -106,7 +106,8 @@ void BareMosquittoDelivery(benchmark::State& state) {
     const size_t before = receivedSoFar();
     const auto start = Clock::now();
     for (const std::string& payload : g_world.payloads) {
-      mosquitto_publish(client, nullptr, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
+      mosquitto_publish(client, nullptr, standin::kNotificationTopic, static_cast<int>(payload.size()), payload.data(),
+                        1, false);
     }
     const size_t got = g_world.subscriber->waitForCount(before + g_world.payloads.size(), kDeliveryTimeout).size();
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
@@ -138,7 +139,7 @@ int main(int argc, char** argv) {
     testbed::MosquittoBroker::Options options;
     options.keepSessions = true;
     testbed::MosquittoBroker broker(options);
-    testbed::MqttSubscriber subscriber(broker.port(), kTopic);
+    testbed::MqttSubscriber subscriber(broker.port(), standin::kNotificationTopic);
     g_world = World{&files, &broker, &subscriber, {}};
     // One round outside the measurement warms everything up and gives the
     // bare client its payloads.

@@ -23,12 +23,12 @@
 #include "benchmark_program.h"
 #include "engine/backup_engine.h"
 #include "master_sim/MasterSimulator.h"
+#include "rest/KeepstoneRestApi.h"
 #include "standin_files.h"
 
 namespace {
 
 const int kJobCount = 1000;
-const char kJobsPath[] = "/keepstone/admin/jobs/";
 
 // The simulator with kJobCount jobs, all DONE, and the engine's records of
 // them on a requested list.
@@ -50,7 +50,8 @@ struct FinishedJobs {
     for (auto vm = vms.rbegin(); vm != vms.rend(); ++vm) {
       if (insert_into_vm_list(&requested, &*vm) != 0) throw std::runtime_error("no memory for the list");
     }
-    for (const evict_vm_info& vm : vms) urls.push_back(master.url() + kJobsPath + std::to_string(vm.job_id));
+    for (const evict_vm_info& vm : vms)
+      urls.push_back(master.url() + "/" + keepstone_rest::kJobsPath + std::to_string(vm.job_id));
   }
 
   ~FinishedJobs() { delete_from_vm_list(&requested); }
@@ -79,7 +80,7 @@ class CurlPoller {
  public:
   CurlPoller()
       : m_easy(curl_easy_init(), &curl_easy_cleanup),
-        m_headers(curl_slist_append(nullptr, (std::string("Accept: ") + master_sim::kJobsMediaType).c_str()),
+        m_headers(curl_slist_append(nullptr, (std::string("Accept: ") + keepstone_rest::kVersionedMediaType).c_str()),
                   &curl_slist_free_all) {
     curl_easy_setopt(m_easy.get(), CURLOPT_HTTPHEADER, m_headers.get());
     curl_easy_setopt(m_easy.get(), CURLOPT_WRITEFUNCTION, &keepBody);

@@ -1,14 +1,9 @@
 #include "broker_address.h"
 
-#include <cstring>
-
-#include "config_file.h"
-#include "service_url.h"
+#include "protocol.h"
 
 namespace standin {
 namespace {
-
-const int kDefaultPort = 1883;
 
 bool parsePort(const std::string& text, int& port) {
   if (text.empty() || text.size() > 5) return false;
@@ -26,7 +21,7 @@ bool parsePort(const std::string& text, int& port) {
 
 bool parseBrokerAddress(const std::string& text, BrokerAddress& address) {
   BrokerAddress parsed;
-  parsed.port = kDefaultPort;
+  parsed.port = kBrokerPort;
   if (!text.empty() && text[0] == '[') {
     const size_t close = text.find(']');
     if (close == std::string::npos) return false;
@@ -40,28 +35,6 @@ bool parseBrokerAddress(const std::string& text, BrokerAddress& address) {
   }
   if (parsed.host.empty()) return false;
   address = parsed;
-  return true;
-}
-
-bool readBrokerAddress(BrokerAddress& address, std::string& error) {
-  ConfigValues config;
-  const int result = readConfigFile(config);
-  if (result != 0) {
-    error = "cannot read " + configFilePath() + ": " + std::strerror(result);
-    return false;
-  }
-  std::string text = setting(config, "broker", std::string());
-  if (text.empty()) {
-    if (config.servers.empty() || config.servers[0].empty()) {
-      error = configFilePath() + " names neither a broker nor a master server";
-      return false;
-    }
-    text = hostAndPort(config.servers[0], kDefaultPort);
-  }
-  if (!parseBrokerAddress(text, address)) {
-    error = "broker \"" + text + "\" in " + configFilePath() + " is not host:port";
-    return false;
-  }
   return true;
 }
 

@@ -15,11 +15,6 @@ struct BrokerAddress {
 // brackets, "[::1]:1883". False for an empty host or a port outside 1-65535.
 bool parseBrokerAddress(const std::string& text, BrokerAddress& address);
 
-// Reads the configuration file afresh into a private copy: the "broker"
-// setting, else "<master server>:1883". On failure returns false and says why
-// in `error`.
-bool readBrokerAddress(BrokerAddress& address, std::string& error);
-
 }  // namespace standin
 
 #endif  // KSCDP_PLATFORM_STANDIN_BROKER_ADDRESS_H_

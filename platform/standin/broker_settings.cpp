@@ -6,48 +6,64 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
-#include "config_file.h"
+#include "protocol.h"
+#include "service_url.h"
 
 namespace standin {
 namespace {
 
-const int kTlsPort = 8883;
+// "broker", else the first master server on the default port; false, with
+// why in `error`, when neither gives an address.
+bool brokerAddress(const ConfigSnapshot& config, int defaultPort, BrokerAddress& address, std::string& error) {
+  std::string text = setting(config.values, "broker", std::string());
+  if (text.empty()) {
+    const std::vector<std::string>& servers = config.values.servers;
+    if (servers.empty() || servers[0].empty()) {
+      error = config.path + " names neither a broker nor a master server";
+      return false;
+    }
+    text = hostAndPort(servers[0], defaultPort);
+  }
+  if (!parseBrokerAddress(text, address)) {
+    error = "broker \"" + text + "\" in " + config.path + " is not host:port";
+    return false;
+  }
+  return true;
+}
 
 }  // namespace
 
-bool readBrokerSettings(BrokerSettings& settings, std::string& error) {
-  ConfigValues config;
-  const int result = readConfigFile(config);
-  if (result != 0) {
-    error = "cannot read " + configFilePath() + ": " + std::strerror(result);
+bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std::string& error) {
+  if (config.readResult != 0) {
+    error = config.problem();
     return false;
   }
+  const ConfigValues& values = config.values;
   BrokerSettings read;
-  if (!readBrokerAddress(read.address, error)) return false;
-  const std::string tls = setting(config, "broker_tls", "off");
+  const std::string tls = setting(values, "broker_tls", "off");
   if (tls != "on" && tls != "off") {
-    error = "broker_tls \"" + tls + "\" in " + configFilePath() + " is neither on nor off";
+    error = "broker_tls \"" + tls + "\" in " + config.path + " is neither on nor off";
     return false;
   }
   read.tls = tls == "on";
-  if (read.tls && setting(config, "broker", "").empty()) read.address.port = kTlsPort;
-  read.caFile = setting(config, "broker_ca_file", "");
-  read.certFile = setting(config, "broker_cert_file", "");
-  read.keyFile = setting(config, "broker_key_file", "");
-  read.user = setting(config, "broker_user", "");
-  read.passwordFile = setting(config, "broker_password_file", "");
+  if (!brokerAddress(config, read.tls ? kBrokerTlsPort : kBrokerPort, read.address, error)) return false;
+  read.caFile = setting(values, "broker_ca_file", "");
+  read.certFile = setting(values, "broker_cert_file", "");
+  read.keyFile = setting(values, "broker_key_file", "");
+  read.user = setting(values, "broker_user", "");
+  read.passwordFile = setting(values, "broker_password_file", "");
   if (read.certFile.empty() != read.keyFile.empty()) {
-    error =
-        configFilePath() + " names only one of broker_cert_file and broker_key_file: a client certificate needs both";
+    error = config.path + " names only one of broker_cert_file and broker_key_file: a client certificate needs both";
     return false;
   }
   if (!read.tls && !(read.caFile.empty() && read.certFile.empty())) {
-    error = configFilePath() + " names broker certificates but broker_tls is off: set broker_tls = on";
+    error = config.path + " names broker certificates but broker_tls is off: set broker_tls = on";
     return false;
   }
   if (read.user.empty() && !read.passwordFile.empty()) {
-    error = configFilePath() + " names broker_password_file without broker_user";
+    error = config.path + " names broker_password_file without broker_user";
     return false;
   }
   settings = read;

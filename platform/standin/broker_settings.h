@@ -6,6 +6,7 @@
 #include <string>
 
 #include "broker_address.h"
+#include "config_file.h"
 
 namespace standin {
 
@@ -19,9 +20,9 @@ struct BrokerSettings {
   std::string passwordFile;  // "broker_password_file": the password is its first line
 };
 
-// Reads the configuration file afresh. On failure returns false and says in
-// `error` what is wrong and what to change.
-bool readBrokerSettings(BrokerSettings& settings, std::string& error);
+// The settings `config` holds. On failure returns false and says in `error`
+// what is wrong and what to change.
+bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std::string& error);
 
 // The password in the first line of `path`. Refuses a file that others may
 // read or write, or one that cannot be read; says why in `error`.

@@ -1,13 +1,25 @@
 #include "config_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "port/mutex.h"
 
 namespace standin {
 namespace {
 
 const char kBlanks[] = " \t\r";
+
+// A file whose times are this close to the moment it was parsed may have
+// been edited again since without its times moving: file systems stamp times
+// from a clock that ticks this coarsely on some kernels.
+const long kRacyNanoseconds = 50 * 1000 * 1000;
 
 std::string trim(const std::string& text) {
   const size_t first = text.find_first_not_of(kBlanks);
@@ -16,11 +28,77 @@ std::string trim(const std::string& text) {
   return text.substr(first, last - first + 1);
 }
 
+// What stat() tells of a file that decides whether it is the one parsed.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+  timespec changed{};
+
+  explicit FileIdentity(const struct stat& status)
+      : device(status.st_dev),
+        inode(status.st_ino),
+        size(status.st_size),
+        modified(status.st_mtim),
+        changed(status.st_ctim) {}
+
+  bool operator==(const FileIdentity& other) const {
+    return device == other.device && inode == other.inode && size == other.size && same(modified, other.modified) &&
+           same(changed, other.changed);
+  }
+
+  // True when the file changed so shortly before `now` that a later edit
+  // might carry the same times.
+  bool changedAround(const timespec& now) const {
+    const long long since =
+        (static_cast<long long>(now.tv_sec) - changed.tv_sec) * 1000000000LL + (now.tv_nsec - changed.tv_nsec);
+    return since < kRacyNanoseconds;
+  }
+
+ private:
+  static bool same(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+};
+
+// Reads and parses the file at `snapshot.path`; `identity` is that of the
+// file read, and false comes back when it could not be opened or read.
+bool readFile(ConfigSnapshot& snapshot, std::unique_ptr<FileIdentity>& identity) {
+  const int fd = open(snapshot.path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status {};
+  if (fd < 0 || fstat(fd, &status) != 0) {
+    snapshot.readResult = errno != 0 ? errno : EIO;
+    if (fd >= 0) close(fd);
+    return false;
+  }
+  identity.reset(new FileIdentity(status));
+  std::string text;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = read(fd, buffer, sizeof buffer)) != 0) {
+    if (got > 0) {
+      text.append(buffer, static_cast<size_t>(got));
+    } else if (errno != EINTR) {
+      snapshot.readResult = errno;
+      close(fd);
+      return false;
+    }
+  }
+  close(fd);
+  snapshot.readResult = parseConfigText(text, snapshot.values, snapshot.badLine);
+  return true;
+}
+
+// The last parse, and what the file was when it was read.
+port::Mutex g_mutex;
+std::shared_ptr<const ConfigSnapshot> g_snapshot GUARDED_BY(g_mutex);
+std::unique_ptr<FileIdentity> g_identity GUARDED_BY(g_mutex);
+bool g_racy GUARDED_BY(g_mutex) = false;  // read again on the next call whatever stat() says
+
 }  // namespace
 
-std::string configFilePath() {
-  const char* path = std::getenv("KEEPSTONE_CONF");
-  return (path != nullptr && *path != '\0') ? path : "/etc/keepstone/keepstone.conf";
+std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback) {
+  const auto found = values.settings.find(key);
+  return found != values.settings.end() ? found->second : fallback;
 }
 
 int parseConfigText(const std::string& text, ConfigValues& out) {
@@ -60,28 +138,44 @@ int parseConfigText(const std::string& text, ConfigValues& out, int& badLine) {
   return 0;
 }
 
-int readConfigFile(ConfigValues& out) {
-  int badLine = 0;
-  return readConfigFile(out, badLine);
+std::string configFilePath() {
+  const char* path = std::getenv("KEEPSTONE_CONF");
+  return (path != nullptr && *path != '\0') ? path : "/etc/keepstone/keepstone.conf";
 }
 
-int readConfigFile(ConfigValues& out, int& badLine) {
-  badLine = 0;
-  FILE* file = std::fopen(configFilePath().c_str(), "rb");
-  if (file == nullptr) return errno != 0 ? errno : EIO;
-  std::string text;
-  char buffer[4096];
-  size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, got);
-  const int error = std::ferror(file) ? (errno != 0 ? errno : EIO) : 0;
-  std::fclose(file);
-  if (error != 0) return error;
-  return parseConfigText(text, out, badLine);
+std::string ConfigSnapshot::problem() const {
+  if (readResult == 0) return std::string();
+  if (readResult == EINVAL && badLine > 0) {
+    return path + " line " + std::to_string(badLine) + " is neither blank, a comment nor \"key = value\"";
+  }
+  return "cannot read " + path + ": " + std::strerror(readResult);
 }
 
-std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback) {
-  const auto found = values.settings.find(key);
-  return found != values.settings.end() ? found->second : fallback;
+std::shared_ptr<const ConfigSnapshot> currentConfig() {
+  auto fresh = std::make_shared<ConfigSnapshot>();
+  fresh->path = configFilePath();
+  struct stat status {};
+  if (stat(fresh->path.c_str(), &status) != 0) {
+    fresh->readResult = errno;
+    return fresh;
+  }
+  {
+    port::MutexLock lock(g_mutex);
+    if (g_snapshot != nullptr && !g_racy && g_snapshot->path == fresh->path && *g_identity == FileIdentity(status)) {
+      return g_snapshot;
+    }
+  }
+  // Read with no lock held. A file edited after its fstat() has other times
+  // than those kept here, so the next call reads it again.
+  std::unique_ptr<FileIdentity> identity;
+  if (!readFile(*fresh, identity)) return fresh;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  port::MutexLock lock(g_mutex);
+  g_racy = identity->changedAround(now);
+  g_identity = std::move(identity);
+  g_snapshot = fresh;
+  return fresh;
 }
 
 }  // namespace standin

@@ -68,7 +68,7 @@ KSClientCURL::KSClientCURL(const std::string& host, int port, cert_type, KSCurlS
                            const bool&, const std::string&, int)
     : m_responseCode(0), m_state(nullptr) {
   std::unique_ptr<State> state(new State);
-  standin::HttpSettings settings = standin::currentHttpSettings();
+  standin::HttpSettings settings = standin::httpSettings(*standin::currentConfig());
   standin::serviceBaseUrl("rest_url", settings.restUrl, "https://" + standin::hostAndPort(host, port), state->baseUrl,
                           state->urlProblem);
   state->settings = std::move(settings.curl);

@@ -19,8 +19,10 @@ bool CurlExchange::addHeader(const std::string& line) {
 CURLcode CurlExchange::perform(const char* function, const std::string& url, const std::string* postBody,
                                const CurlSettings& settings) {
   m_answered = false;
+  m_connected = false;
   m_responseCode = 0;
   m_body.clear();
+  m_errorText.clear();
   m_error[0] = '\0';
   if (m_easy == nullptr) m_easy.reset(takeEasyHandle());
 
@@ -30,6 +32,7 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, m_error);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, settings.timeoutSeconds);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, settings.connectTimeoutSeconds);
     curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers.get());
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &m_body);
@@ -44,6 +47,9 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
       curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 0L);
     }
     result = curl_easy_perform(easy);
+    curl_off_t connectMicroseconds = 0;
+    m_connected =
+        curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectMicroseconds) == CURLE_OK && connectMicroseconds > 0;
   }
 
   if (result == CURLE_OK) {
@@ -52,10 +58,12 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
     return result;
   }
   m_body.clear();
-  const std::string reason = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
-  ksu_logmsg_str(16, function,
-                 std::string(postBody != nullptr ? "POST " : "GET ") + url + " failed: " + reason + " (libcurl error " +
-                     std::to_string(result) + ")");
+  m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
+  if (function != nullptr) {
+    ksu_logmsg_str(16, function,
+                   std::string(postBody != nullptr ? "POST " : "GET ") + url + " failed: " + m_errorText +
+                       " (libcurl error " + std::to_string(result) + ")");
+  }
   return result;
 }
 

@@ -13,8 +13,9 @@
 namespace standin {
 
 struct CurlSettings {
-  long timeoutSeconds = 30;
-  std::string caFile;  // empty: the system's CA bundle
+  long timeoutSeconds = 30;        // for the whole exchange
+  long connectTimeoutSeconds = 0;  // for the connection alone; 0: libcurl's own limit
+  std::string caFile;              // empty: the system's CA bundle
 };
 
 // Owns, while it lives, an easy handle and everything the handle points at
@@ -37,10 +38,16 @@ class CurlExchange {
   // GET, over http or https only, with the peer and host verified. A POST is
   // sent on a connection of its own, so that libcurl never sends it a second
   // time when a kept-alive connection turns out dead. CURLE_OK when an
-  // answer came; otherwise one level-16 log line under `function` names the
-  // method, the URL and the error.
+  // answer came; otherwise errorText() says why, and, unless `function` is
+  // null, one level-16 log line under `function` names the method, the URL
+  // and the error.
   CURLcode perform(const char* function, const std::string& url, const std::string* postBody,
                    const CurlSettings& settings);
+
+  // Why the last exchange failed, as libcurl words it.
+  std::string errorText() const { return m_errorText; }
+  // Whether the last exchange got as far as a connection.
+  bool connected() const { return m_connected; }
 
   // The last answer's status code and body (0 and empty without an answer).
   long responseCode() const { return m_responseCode; }
@@ -61,6 +68,8 @@ class CurlExchange {
   std::string m_body;
   long m_responseCode = 0;
   bool m_answered = false;
+  std::string m_errorText;
+  bool m_connected = false;
   // Last, so that it is given back before the members above that it points at.
   std::unique_ptr<CURL, HandleRelease> m_easy;
 };

@@ -1,8 +1,5 @@
 #include "curl_support.h"
 
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -92,8 +89,6 @@ size_t appendToBody(char* data, size_t size, size_t count, void* body) {
   }
 }
 
-CURLSH* curlShare() { return share().handle(); }
-
 CURL* takeEasyHandle() {
   Share& shared = share();  // also initialises libcurl
   CURL* easy = shared.takeIdle();
@@ -121,16 +116,6 @@ void giveBackEasyHandle(CURL* easy) {
     // No memory to keep it: it goes.
   }
   curl_easy_cleanup(easy);
-}
-
-long httpTimeoutSeconds(const ConfigValues& values) {
-  const long kDefaultSeconds = 30;
-  const std::string text = setting(values, "http_timeout", "");
-  char* end = nullptr;
-  errno = 0;
-  const long seconds = std::strtol(text.c_str(), &end, 10);
-  const bool valid = !text.empty() && errno == 0 && *end == '\0' && seconds > 0 && seconds <= INT_MAX / 1000;
-  return valid ? seconds : kDefaultSeconds;
 }
 
 }  // namespace standin

@@ -18,14 +18,7 @@
 #include <memory>
 #include <string>
 
-#include "config_file.h"
-
 namespace standin {
-
-// Initialises libcurl on first use (thread-safe) and returns the
-// process-wide share handle (DNS answers and TLS sessions, locked), or null
-// when libcurl could not provide one (the easy handles then work unshared).
-CURLSH* curlShare();
 
 // An easy handle: the one given back last, else a new one; null when libcurl
 // cannot make one. Reusing a handle saves more than its allocation: libcurl
@@ -45,10 +38,6 @@ CURL* takeEasyHandle();
 // later takeEasyHandle(), or cleans it up when enough are kept already. Null
 // is ignored.
 void giveBackEasyHandle(CURL* easy);
-
-// Seconds from the "http_timeout" setting when it is a positive whole
-// number, else 30.
-long httpTimeoutSeconds(const ConfigValues& values);
 
 // A libcurl write callback appending to the std::string at `body`. Nothing
 // may unwind through libcurl: a failed append returns a short count, which

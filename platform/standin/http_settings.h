@@ -1,10 +1,11 @@
-// The HTTP client's own keys of the master configuration file ("rest_url",
-// "ca_file", "http_timeout"), as the file says now.
+// The HTTP stand-ins' own keys of the master configuration file: "rest_url",
+// "ca_file" and "http_timeout".
 #ifndef KSCDP_PLATFORM_STANDIN_HTTP_SETTINGS_H_
 #define KSCDP_PLATFORM_STANDIN_HTTP_SETTINGS_H_
 
 #include <string>
 
+#include "config_file.h"
 #include "curl_exchange.h"
 
 namespace standin {
@@ -14,12 +15,10 @@ struct HttpSettings {
   CurlSettings curl;
 };
 
-// The settings of the file as it stands: the file is parsed again whenever
-// its identity (device, inode), size or modification time differs from the
-// last parse, so that a change takes effect on the next request without a
-// parse per request. A missing or unreadable file gives the defaults.
-// Thread-safe.
-HttpSettings currentHttpSettings();
+// The settings `config` holds; a file that could not be read gives the
+// defaults. "http_timeout" counts when it is a positive whole number of
+// seconds, else it is 30.
+HttpSettings httpSettings(const ConfigSnapshot& config);
 
 }  // namespace standin
 

@@ -25,6 +25,7 @@
 
 #include "config_file.h"
 #include "curl_exchange.h"
+#include "http_settings.h"
 #include "ksqd_url.h"
 #include "platform/ksu_log.h"
 
@@ -50,17 +51,14 @@ int ksqdStatus(const standin::CurlExchange& exchange) {
 
 int submit(const std::string& masterServer, int kind, const char* request, char** answer) {
   // A missing or unreadable file leaves every stand-in setting at its default.
-  standin::ConfigValues config;
-  standin::readConfigFile(config);
+  const std::shared_ptr<const standin::ConfigSnapshot> config = standin::currentConfig();
   std::string url;
   std::string problem;
-  if (!standin::ksqdRequestUrl(config, masterServer, kind, url, problem)) {
+  if (!standin::ksqdRequestUrl(config->values, masterServer, kind, url, problem)) {
     ksu_logmsg_str(16, kFunction, problem);
     return -static_cast<int>(CURLE_UNSUPPORTED_PROTOCOL);
   }
-  standin::CurlSettings settings;
-  settings.caFile = standin::setting(config, "ca_file", "");
-  settings.timeoutSeconds = standin::httpTimeoutSeconds(config);
+  const standin::CurlSettings settings = standin::httpSettings(*config).curl;
 
   standin::CurlExchange exchange;
   addHeader(exchange, "Content-Type: application/json");

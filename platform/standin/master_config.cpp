@@ -1,5 +1,5 @@
-// The process-wide master configuration record, rebuilt from the file on
-// every KS_read_master_config() call.
+// The process-wide master configuration record, rebuilt on every
+// KS_read_master_config() call from the configuration file as it stands.
 #include <string>
 #include <vector>
 
@@ -24,13 +24,13 @@ ks_master_config g_record GUARDED_BY(g_mutex) = {};  // empty until a successful
 }  // namespace
 
 extern "C" int KS_read_master_config(void) {
-  standin::ConfigValues values;
-  const int result = standin::readConfigFile(values);
+  const std::shared_ptr<const standin::ConfigSnapshot> config = standin::currentConfig();
+  const standin::ConfigValues& values = config->values;
   port::MutexLock lock(g_mutex);
   g_record = ks_master_config{};
   g_loaded = LoadedConfig{};
-  if (result != 0) return result;
-  g_loaded.servers = std::move(values.servers);
+  if (config->readResult != 0) return config->readResult;
+  g_loaded.servers = values.servers;
   for (std::string& server : g_loaded.servers) g_loaded.serverPointers.push_back(&server[0]);
   g_loaded.serverPointers.push_back(nullptr);
   g_loaded.hostName = values.hostName;

@@ -15,11 +15,11 @@
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
+#include "protocol.h"
 
 namespace standin {
 namespace {
 
-const char kTopic[] = "keepstone/notifications";
 const int kQos = 1;
 const size_t kMemoryCapacity = 10000;
 const size_t kOutboxCapacity = 100000;
@@ -27,7 +27,7 @@ const size_t kInFlight = 20;  // handed to the client at a time, as many as it k
 const int kKeepAliveSeconds = 30;
 // An MQTT PUBLISH carries at most 268,435,455 bytes after its fixed header:
 // the topic with its length, the message id and the payload.
-const size_t kLargestPayload = 268435455 - (2 + sizeof kTopic - 1) - 2;
+const size_t kLargestPayload = 268435455 - (2 + sizeof kNotificationTopic - 1) - 2;
 
 const std::chrono::seconds kShutdownGrace(5);
 const std::chrono::seconds kConnectTimeout(10);
@@ -197,7 +197,7 @@ bool MqttPublisher::stopRequested(Clock::time_point& deadline) {
 void MqttPublisher::connect(Clock::time_point now) {
   BrokerSettings settings;
   std::string error;
-  if (!readBrokerSettings(settings, error)) {
+  if (!brokerSettings(*currentConfig(), settings, error)) {
     connectionFailed("no broker to publish to: " + error);
     return;
   }
@@ -230,8 +230,8 @@ void MqttPublisher::handOver() {
   int failure = MOSQ_ERR_SUCCESS;
   int failureErrno = 0;
   m_events.handOver(kInFlight, [&](const std::string& payload, int* messageId) {
-    failure =
-        mosquitto_publish(m_client, messageId, kTopic, static_cast<int>(payload.size()), payload.data(), kQos, false);
+    failure = mosquitto_publish(m_client, messageId, kNotificationTopic, static_cast<int>(payload.size()),
+                                payload.data(), kQos, false);
     failureErrno = errno;
     return failure == MOSQ_ERR_SUCCESS;
   });

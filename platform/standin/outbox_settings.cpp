@@ -1,7 +1,5 @@
 #include "outbox_settings.h"
 
-#include <cstring>
-
 #include "config_file.h"
 
 namespace standin {
@@ -9,15 +7,14 @@ namespace standin {
 const char kDefaultOutboxPath[] = "/var/lib/kscdp/outbox.db";
 
 bool readOutboxPath(std::string& path, std::string& error) {
-  ConfigValues config;
-  const int result = readConfigFile(config);
-  if (result != 0) {
-    error = "cannot read " + configFilePath() + ": " + std::strerror(result);
+  const std::shared_ptr<const ConfigSnapshot> config = currentConfig();
+  if (config->readResult != 0) {
+    error = config->problem();
     return false;
   }
-  const std::string value = setting(config, "outbox", kDefaultOutboxPath);
+  const std::string value = setting(config->values, "outbox", kDefaultOutboxPath);
   if (value.empty()) {
-    error = "outbox in " + configFilePath() + " is empty: name a file, or none to keep alerts in memory only";
+    error = "outbox in " + config->path + " is empty: name a file, or none to keep alerts in memory only";
     return false;
   }
   path = value == "none" ? std::string() : value;

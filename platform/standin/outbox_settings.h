@@ -10,7 +10,7 @@ namespace standin {
 // Where a host keeps its outbox unless the configuration says otherwise.
 extern const char kDefaultOutboxPath[];
 
-// Reads the configuration file afresh: `path` is the outbox file, or empty
+// From the configuration file as it stands: `path` is the outbox file, or empty
 // for "outbox = none" (events wait in memory only). On failure returns false
 // and says why in `error`.
 bool readOutboxPath(std::string& path, std::string& error);

@@ -2,10 +2,13 @@
 // the engine loads it, against the master simulator and a mosquitto broker on
 // loopback: from one thread, and from eight at once.
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <set>
@@ -137,8 +140,13 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
     ASSERT_EQ(m_library.insert_vm_into_evlist(m_evictList, &m_vms[i]), 0);
   }
 
+  // Once read, an unchanged configuration file is looked at with stat() but
+  // never opened again, however often the calls need its values.
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its times are then to be trusted
   ASSERT_EQ(m_library.call_evict_data(0, m_evictList, &m_requested), 0);
   EXPECT_TRUE(m_master.requests().empty());
+  const int opens = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(opens, std::getenv("KEEPSTONE_CONF"), IN_OPEN), 0);
   ASSERT_EQ(m_library.call_evict_data(3, m_evictList, &m_requested), 0);
   EXPECT_EQ(m_vms[1].job_id, 1000u);  // largest first
   EXPECT_EQ(m_vms[0].job_id, 1001u);
@@ -155,6 +163,9 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   ASSERT_EQ(m_library.call_check_eviction_progress(2, &m_requested), 0);
   EXPECT_EQ(m_vms[0].evict_state, 2);
   EXPECT_EQ(m_vms[1].evict_state, 2);
+  inotify_event event;
+  EXPECT_EQ(read(opens, &event, sizeof event), -1) << "the configuration file was opened";
+  close(opens);
 
   // Requests to the daemon carry the policy as JSON and name the master;
   // polls send only the Accept media type besides what HTTP needs, all on
@@ -173,7 +184,7 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
                                                     {"X-Keepstone-Master", "127.0.0.1"}}));
     } else {
       EXPECT_EQ(request.headers,
-                (std::map<std::string, std::string>{{"Accept", master_sim::kJobsMediaType}, {"Host", host}}));
+                (std::map<std::string, std::string>{{"Accept", keepstone_rest::kVersionedMediaType}, {"Host", host}}));
       EXPECT_EQ(request.remotePort, seen.back().remotePort);
     }
   }

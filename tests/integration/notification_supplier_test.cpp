@@ -213,7 +213,7 @@ TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
     integration::writeConfig(c.config);
     standin::BrokerSettings settings;
     std::string error;
-    ASSERT_EQ(standin::readBrokerSettings(settings, error), c.address != nullptr) << c.config;
+    ASSERT_EQ(standin::brokerSettings(*standin::currentConfig(), settings, error), c.address != nullptr) << c.config;
     if (c.address != nullptr) {
       EXPECT_EQ(settings.address.host + ":" + std::to_string(settings.address.port), c.address);
     }

@@ -1,5 +1,7 @@
 // The stand-in master configuration and log, through their real files, and
 // the request-daemon client against the master simulator.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -56,6 +58,23 @@ TEST(MasterConfigFile, EveryReadLoadsWhatTheFileSaysNow) {
     EXPECT_EQ(config->server_count, static_cast<int>(c.servers.size()));
     EXPECT_STREQ(config->host_name != nullptr ? config->host_name : "<none>", c.hostName);
   }
+}
+
+// An edit is seen by the next read even when it keeps the file's size and
+// moves its modification time by a nanosecond only.
+TEST(MasterConfigFile, AnEditOfTheSameSizeInTheSameSecondIsSeen) {
+  const std::string path = std::getenv("KEEPSTONE_CONF");
+  integration::writeConfig("server = before\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its times are then to be trusted
+  ASSERT_EQ(KS_read_master_config(), 0);
+  struct stat read {};
+  ASSERT_EQ(stat(path.c_str(), &read), 0);
+  integration::writeConfig("server = after!\n");
+  timespec times[2] = {read.st_atim, read.st_mtim};
+  times[1].tv_nsec = read.st_mtim.tv_nsec > 0 ? read.st_mtim.tv_nsec - 1 : 1;
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  ASSERT_EQ(KS_read_master_config(), 0);
+  EXPECT_STREQ(get_master_config_ptr()->server_list[0], "after!");
 }
 
 TEST(StandinLog, WritesOneEscapedRecordALineWithTheWritersProcessId) {

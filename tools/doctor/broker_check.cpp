@@ -13,6 +13,7 @@
 #include "platform/standin/broker_settings.h"
 #include "platform/standin/mqtt_client_setup.h"
 #include "platform/standin/notification_payload.h"
+#include "platform/standin/protocol.h"
 
 namespace doctor {
 namespace {
@@ -21,7 +22,6 @@ const char kId[] = "broker";
 const char kTitle[] = "broker";
 const char kAlertId[] = "test-alert";
 const char kAlertTitle[] = "test alert";
-const char kTopic[] = "keepstone/notifications";
 const char kTestMessageKey[] = "KSCDP_DOCTOR_TEST_ALERT";
 const int kConnectMilliseconds = 3000;
 const int kPublishMilliseconds = 2000;
@@ -73,23 +73,26 @@ std::string testAlertPayload(const Configuration& configuration) {
 CheckResult publishTestAlert(mosquitto* client, Session& session, const Configuration& configuration) {
   const std::string payload = testAlertPayload(configuration);
   int messageId = 0;
-  int result =
-      mosquitto_publish(client, &messageId, kTopic, static_cast<int>(payload.size()), payload.data(), 1, false);
+  int result = mosquitto_publish(client, &messageId, standin::kNotificationTopic, static_cast<int>(payload.size()),
+                                 payload.data(), 1, false);
   int error = 0;
   if (result == MOSQ_ERR_SUCCESS) {
     result = runUntil(
         client, kPublishMilliseconds, [&] { return session.publishedId == messageId; }, error);
   }
   if (result != MOSQ_ERR_SUCCESS) {
-    return failedResult(kAlertId, kAlertTitle, "publishing failed: " + standin::mosquittoErrorText(result, error),
-                        "check that the broker lets this client publish to " + std::string(kTopic));
+    return failedResult(
+        kAlertId, kAlertTitle, "publishing failed: " + standin::mosquittoErrorText(result, error),
+        "check that the broker lets this client publish to " + std::string(standin::kNotificationTopic));
   }
   if (session.publishedId != messageId) {
-    return failedResult(kAlertId, kAlertTitle, "the broker did not acknowledge the event within 2 s",
-                        "check the broker's log and that this client may publish to " + std::string(kTopic));
+    return failedResult(
+        kAlertId, kAlertTitle, "the broker did not acknowledge the event within 2 s",
+        "check the broker's log and that this client may publish to " + std::string(standin::kNotificationTopic));
   }
-  return okResult(kAlertId, kAlertTitle,
-                  std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + kTopic);
+  return okResult(
+      kAlertId, kAlertTitle,
+      std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + standin::kNotificationTopic);
 }
 
 std::string connectAction(int result, const standin::BrokerSettings& settings, const std::string& address) {
@@ -117,7 +120,7 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   if (!configuration.namesMaster()) return finish(skippedResult(kId, kTitle, kNoMasterReason));
   standin::BrokerSettings settings;
   std::string problem;
-  if (!standin::readBrokerSettings(settings, problem)) {
+  if (!standin::brokerSettings(configuration, settings, problem)) {
     return finish(failedResult(kId, kTitle, problem, "correct the broker settings in " + configuration.path));
   }
   const standin::BrokerAddress& address = settings.address;

@@ -1,7 +1,6 @@
 #include "configuration.h"
 
 #include <cerrno>
-#include <cstring>
 
 namespace doctor {
 namespace {
@@ -17,21 +16,18 @@ bool Configuration::namesMaster() const { return readResult == 0 && !master().em
 
 Configuration readConfiguration() {
   Configuration configuration;
-  configuration.path = standin::configFilePath();
-  configuration.readResult = standin::readConfigFile(configuration.values, configuration.badLine);
+  static_cast<standin::ConfigSnapshot&>(configuration) = *standin::currentConfig();
   return configuration;
 }
 
 CheckResult checkConfiguration(const Configuration& configuration) {
   const std::string& path = configuration.path;
   if (configuration.readResult == EINVAL && configuration.badLine > 0) {
-    return failedResult(kId, kTitle,
-                        path + " line " + std::to_string(configuration.badLine) +
-                            " is neither blank, a comment nor \"key = value\"; the library ignores the whole file",
+    return failedResult(kId, kTitle, configuration.problem() + "; the library ignores the whole file",
                         "correct or remove line " + std::to_string(configuration.badLine) + " of " + path);
   }
   if (configuration.readResult != 0) {
-    return failedResult(kId, kTitle, "cannot read " + path + ": " + std::strerror(configuration.readResult),
+    return failedResult(kId, kTitle, configuration.problem(),
                         "create " + path +
                             " readable by the engine's user with \"server = <master host>\" and "
                             "\"host_name = <this host>\", or set KEEPSTONE_CONF to the file the engine uses");

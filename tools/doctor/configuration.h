@@ -10,12 +10,8 @@
 
 namespace doctor {
 
-struct Configuration {
-  std::string path;
-  int readResult = 0;            // 0, the errno of a failed read, or 22 for a bad line
-  int badLine = 0;               // with 22: the number of the first bad line
-  standin::ConfigValues values;  // empty unless readResult is 0
-
+// The snapshot the stand-ins read, with what the checks ask of it.
+struct Configuration : standin::ConfigSnapshot {
   // The first "server" line's value; empty when there is none.
   std::string master() const;
   // Read, parsed and naming a master server: what every network check needs.

@@ -2,7 +2,6 @@
 // Keepstone master as libkscdp.so does, and says what to do about each broken
 // link. Exit status 0 when nothing failed, 1 when something did, 2 for bad
 // usage.
-#include <curl/curl.h>
 #include <mosquitto.h>
 
 #include <cstdio>
@@ -65,13 +64,12 @@ int main(int argc, char** argv) {
       return kBadUsage;
     }
   }
-  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK || mosquitto_lib_init() != MOSQ_ERR_SUCCESS) {
-    std::fputs("kscdp-doctor: libcurl or libmosquitto could not start; free some memory and run again\n", stderr);
+  if (mosquitto_lib_init() != MOSQ_ERR_SUCCESS) {
+    std::fputs("kscdp-doctor: libmosquitto could not start; free some memory and run again\n", stderr);
     return kSomethingFailed;
   }
   const std::vector<doctor::CheckResult> results = runChecks(options);
   mosquitto_lib_cleanup();
-  curl_global_cleanup();
   if (options.json) {
     if (!doctor::printJson(results, stdout)) {
       std::fputs("kscdp-doctor: the JSON report could not be made; run without --json\n", stderr);

@@ -1,13 +1,13 @@
 // The REST jobs interface, asked as the library asks it: the same base URL
-// rule, the same media type, peer and host verified against ca_file.
-#include <curl/curl.h>
+// rule, the same media type and the stand-ins' one request path, with peer
+// and host verified against ca_file.
 #include <jansson.h>
 
-#include <memory>
-
 #include "checks.h"
-#include "platform/standin/curl_support.h"
+#include "platform/standin/curl_exchange.h"
+#include "platform/standin/http_settings.h"
 #include "platform/standin/service_url.h"
+#include "rest/KeepstoneRestApi.h"
 #include "url_parts.h"
 
 namespace doctor {
@@ -15,18 +15,10 @@ namespace {
 
 const char kId[] = "rest";
 const char kTitle[] = "REST jobs interface";
-const char kMediaType[] = "application/vnd.keepstone+json;version=6.0";
 // Job ids count up from 1; a GET of job 0 only ever finds nothing.
-const char kJobsPath[] = "/keepstone/admin/jobs/0";
-const long kConnectMilliseconds = 2000;
-const long kExchangeMilliseconds = 3000;
-
-struct EasyRelease {
-  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
-
-// The library's rule: "rest_url" when present, else https://<master>:1556.
-const int kRestPort = 1556;
+const char kJobZero[] = "0";
+const long kConnectSeconds = 2;
+const long kExchangeSeconds = 3;
 
 bool isJsonDocument(const std::string& body) {
   json_t* document = json_loadb(body.data(), body.size(), 0, nullptr);
@@ -61,11 +53,12 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   std::string base;
   std::string problem;
   if (!standin::serviceBaseUrl(configuration.values, "rest_url",
-                               "https://" + standin::hostAndPort(configuration.master(), kRestPort), base, problem)) {
+                               "https://" + standin::hostAndPort(configuration.master(), keepstone_rest::kPort), base,
+                               problem)) {
     return failedResult(kId, kTitle, problem,
                         "set rest_url in " + configuration.path + " to the base URL of the master's REST interface");
   }
-  const std::string url = base + kJobsPath;
+  const std::string url = base + "/" + keepstone_rest::kJobsPath + kJobZero;
   UrlParts where;
   if (!splitUrl(url, where)) {
     return failedResult(kId, kTitle, "\"" + url + "\" is not an http or https URL",
@@ -75,43 +68,29 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
     return skippedResult(kId, kTitle, kUnresolvedMasterReason);
   }
 
-  std::unique_ptr<CURL, EasyRelease> easy(curl_easy_init());
-  const standin::HeaderList headers(curl_slist_append(nullptr, (std::string("Accept: ") + kMediaType).c_str()));
-  if (easy == nullptr || headers == nullptr) {
+  standin::CurlSettings settings = standin::httpSettings(configuration).curl;
+  settings.connectTimeoutSeconds = kConnectSeconds;
+  settings.timeoutSeconds = kExchangeSeconds;
+  standin::CurlExchange exchange;
+  if (!exchange.addHeader(std::string("Accept: ") + keepstone_rest::kVersionedMediaType)) {
     return failedResult(kId, kTitle, "libcurl could not set up a request", "free some memory and run again");
   }
-  std::string body;
-  char error[CURL_ERROR_SIZE] = "";
-  const std::string caFile = standin::setting(configuration.values, "ca_file", "");
-  curl_easy_setopt(easy.get(), CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy.get(), CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy.get(), CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy.get(), CURLOPT_CONNECTTIMEOUT_MS, kConnectMilliseconds);
-  curl_easy_setopt(easy.get(), CURLOPT_TIMEOUT_MS, kExchangeMilliseconds);
-  curl_easy_setopt(easy.get(), CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(easy.get(), CURLOPT_SSL_VERIFYHOST, 2L);
-  if (!caFile.empty()) curl_easy_setopt(easy.get(), CURLOPT_CAINFO, caFile.c_str());
-  curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(easy.get(), CURLOPT_ERRORBUFFER, error);
-  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &standin::appendToBody);
-  curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
-  const CURLcode result = curl_easy_perform(easy.get());
+  const CURLcode result = exchange.perform(nullptr, url, nullptr, settings);
 
   const std::string request = "GET " + url;
   if (result != CURLE_OK) {
-    const std::string reason = error[0] != '\0' ? error : curl_easy_strerror(result);
-    curl_off_t connectMicroseconds = 0;
-    curl_easy_getinfo(easy.get(), CURLINFO_CONNECT_TIME_T, &connectMicroseconds);
-    return failedResult(kId, kTitle, request + ": " + reason, transportAction(result, where, connectMicroseconds > 0));
+    return failedResult(kId, kTitle, request + ": " + exchange.errorText(),
+                        transportAction(result, where, exchange.connected()));
   }
-  long code = 0;
-  curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &code);
+  const long code = exchange.responseCode();
   const std::string answer = request + " answered HTTP " + std::to_string(code);
   if (code == 406) {
-    return failedResult(kId, kTitle, answer + ": the master does not serve jobs as " + kMediaType,
-                        "upgrade the master to a release that serves version 6.0 of the jobs interface");
+    return failedResult(kId, kTitle,
+                        answer + ": the master does not serve jobs as " + keepstone_rest::kVersionedMediaType,
+                        "upgrade the master to a release that serves version " +
+                            std::string(keepstone_rest::kMaxVersion) + " of the jobs interface");
   }
-  if (!isJsonDocument(body)) {
+  if (!isJsonDocument(exchange.body())) {
     return failedResult(kId, kTitle, answer + " without a JSON document",
                         "check that rest_url (or the master's name) leads to the master's REST interface");
   }

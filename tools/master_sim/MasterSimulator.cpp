@@ -8,11 +8,11 @@
 #include <cstdlib>
 #include <thread>
 
+#include "platform/standin/protocol.h"
 #include "port/mutex.h"
+#include "rest/KeepstoneRestApi.h"
 
 namespace master_sim {
-
-const char kJobsMediaType[] = "application/vnd.keepstone+json;version=6.0";
 
 namespace {
 
@@ -119,11 +119,11 @@ void MasterSimulator::Impl::addRoutes() {
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement.
   m_server.set_tcp_nodelay(true);
-  m_server.Get(R"(/keepstone/admin/jobs/([^/]+))",
+  m_server.Get(std::string("/") + keepstone_rest::kJobsPath + "([^/]+)",
                [this](const httplib::Request& request, httplib::Response& response) { answerJob(request, response); });
-  m_server.Post(R"(/ksqd/([^/]+))", [this](const httplib::Request& request, httplib::Response& response) {
-    answerDaemon(request, response);
-  });
+  m_server.Post(
+      std::string(standin::kDaemonPath) + "([^/]+)",
+      [this](const httplib::Request& request, httplib::Response& response) { answerDaemon(request, response); });
   m_server.Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(requestsJson(), kJsonType);
   });
@@ -186,7 +186,7 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
   const Json document(json_pack("{s:{s:s,s:o,s:{s:I,s:s,s:o,s:s,s:i}}}", "data", "type", "job", "id", textValue(idText),
                                 "attributes", "jobId", static_cast<json_int_t>(id), "jobType", "BACKUP", "policyName",
                                 textValue(job.policy), "state", stateOf(job), "status", 0));
-  response.set_content(compact(document), kJobsMediaType);
+  response.set_content(compact(document), keepstone_rest::kVersionedMediaType);
 }
 
 void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httplib::Response& response) {

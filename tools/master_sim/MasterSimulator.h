@@ -20,10 +20,9 @@
 #include <string>
 #include <vector>
 
-namespace master_sim {
+#include "rest/KeepstoneRestApi.h"
 
-// Media type that a jobs request must accept; any other Accept gets 406.
-extern const char kJobsMediaType[];
+namespace master_sim {
 
 struct JobFaults {
   int unknownForPolls = 0;   // the job's first N polls answer 404
@@ -44,7 +43,7 @@ struct MasterSimulatorOptions {
   JobFaults jobFaults;      // of every job that a daemon request starts
   // The only Accept that the jobs interface serves: another value plays a
   // master of another release, which answers the library's requests 406.
-  std::string jobsMediaType = kJobsMediaType;
+  std::string jobsMediaType = keepstone_rest::kVersionedMediaType;
 };
 
 struct RecordedRequest {
