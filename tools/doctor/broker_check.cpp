@@ -217,7 +217,7 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
     probe.where = standin::brokerText(address);
     if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
       probe.problem = probe.where + ": " + kUnresolvedMasterReason;
-      probe.action = "see the master's name";
+      probe.action = "see the master's name check above";
       continue;
     }
     anyToTry = true;
