@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo package test-asan test-tsan bench fuzz memcheck clean
+.PHONY: all deps build test demo fleet package test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -21,6 +21,13 @@ test: build
 
 demo: build
 	bash scripts/demo.sh $(BUILD)
+
+# A site on this machine: FLEET_ENGINES engine simulators against one master
+# simulator and two brokers listed as a cluster, the first stopped halfway;
+# one summary line, and a failure when a VM is not done or an alert missing.
+FLEET_ENGINES ?= 20
+fleet: build
+	FLEET_ENGINES=$(FLEET_ENGINES) bash scripts/fleet.sh $(BUILD)
 
 # The Debian packages libkscdp1, libkscdp-dev and kscdp-tools, in
 # $(BUILD)/packages/.

@@ -1,9 +1,18 @@
 #include "broker_address.h"
 
 #include "protocol.h"
+#include "service_url.h"
 
 namespace standin {
 namespace {
+
+const char kBlanks[] = " \t";
+
+std::string trim(const std::string& text) {
+  const size_t first = text.find_first_not_of(kBlanks);
+  if (first == std::string::npos) return std::string();
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
 
 bool parsePort(const std::string& text, int& port) {
   if (text.empty() || text.size() > 5) return false;
@@ -37,5 +46,26 @@ bool parseBrokerAddress(const std::string& text, BrokerAddress& address) {
   address = parsed;
   return true;
 }
+
+bool parseBrokerList(const std::string& text, std::vector<BrokerAddress>& addresses, std::string& badEntry) {
+  std::vector<BrokerAddress> parsed;
+  size_t start = 0;
+  for (;;) {
+    const size_t comma = text.find(',', start);
+    const std::string entry = trim(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    BrokerAddress address;
+    if (!parseBrokerAddress(entry, address)) {
+      badEntry = entry;
+      return false;
+    }
+    parsed.push_back(address);
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  addresses = std::move(parsed);
+  return true;
+}
+
+std::string brokerText(const BrokerAddress& address) { return hostAndPort(address.host, address.port); }
 
 }  // namespace standin

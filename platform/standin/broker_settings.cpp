@@ -16,7 +16,8 @@ namespace {
 
 // "broker", else the first master server on the default port; false, with
 // why in `error`, when neither gives an address.
-bool brokerAddress(const ConfigSnapshot& config, int defaultPort, BrokerAddress& address, std::string& error) {
+bool brokerAddresses(const ConfigSnapshot& config, int defaultPort, std::vector<BrokerAddress>& addresses,
+                     std::string& error) {
   std::string text = setting(config.values, "broker", std::string());
   if (text.empty()) {
     const std::vector<std::string>& servers = config.values.servers;
@@ -26,11 +27,16 @@ bool brokerAddress(const ConfigSnapshot& config, int defaultPort, BrokerAddress&
     }
     text = hostAndPort(servers[0], defaultPort);
   }
-  if (!parseBrokerAddress(text, address)) {
+  std::string badEntry;
+  if (parseBrokerList(text, addresses, badEntry)) return true;
+  if (badEntry == text) {
     error = "broker \"" + text + "\" in " + config.path + " is not host:port";
-    return false;
+  } else if (badEntry.empty()) {
+    error = "broker \"" + text + "\" in " + config.path + " has an empty entry: write host:port, host:port, ...";
+  } else {
+    error = "broker \"" + text + "\" in " + config.path + ": entry \"" + badEntry + "\" is not host:port";
   }
-  return true;
+  return false;
 }
 
 }  // namespace
@@ -48,7 +54,7 @@ bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std:
     return false;
   }
   read.tls = tls == "on";
-  if (!brokerAddress(config, read.tls ? kBrokerTlsPort : kBrokerPort, read.address, error)) return false;
+  if (!brokerAddresses(config, read.tls ? kBrokerTlsPort : kBrokerPort, read.addresses, error)) return false;
   read.caFile = setting(values, "broker_ca_file", "");
   read.certFile = setting(values, "broker_cert_file", "");
   read.keyFile = setting(values, "broker_key_file", "");

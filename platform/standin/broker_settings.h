@@ -1,9 +1,11 @@
-// How the notification publisher reaches its MQTT broker: the address, TLS
-// and credentials, from the stand-in keys of the configuration file.
+// How the notification publisher reaches its MQTT broker: the addresses of
+// its nodes, TLS and credentials, from the stand-in keys of the
+// configuration file.
 #ifndef KSCDP_PLATFORM_STANDIN_BROKER_SETTINGS_H_
 #define KSCDP_PLATFORM_STANDIN_BROKER_SETTINGS_H_
 
 #include <string>
+#include <vector>
 
 #include "broker_address.h"
 #include "config_file.h"
@@ -11,7 +13,10 @@
 namespace standin {
 
 struct BrokerSettings {
-  BrokerAddress address;     // "broker"; with TLS and no "broker" key, the master server on 8883
+  // "broker": one node, or a cluster's nodes in the order they are tried;
+  // without the key, the master server on 1883 (8883 with TLS). Never empty.
+  // TLS and credentials apply to every node.
+  std::vector<BrokerAddress> addresses;
   bool tls = false;          // "broker_tls = on": peer and host name verified
   std::string caFile;        // "broker_ca_file"; empty: the system's CA certificates
   std::string certFile;      // "broker_cert_file" and "broker_key_file": a client

@@ -198,11 +198,14 @@ void MqttPublisher::connect(Clock::time_point now) {
   BrokerSettings settings;
   std::string error;
   if (!brokerSettings(*currentConfig(), settings, error)) {
+    m_entries = 1;
     connectionFailed("no broker to publish to: " + error);
     return;
   }
-  const BrokerAddress& address = settings.address;
-  m_broker = address.host + ":" + std::to_string(address.port);
+  m_entries = settings.addresses.size();
+  if (m_entry >= m_entries) m_entry = 0;  // the list became shorter
+  const BrokerAddress& address = settings.addresses[m_entry];
+  m_broker = brokerText(address);
   m_client = mosquitto_new(nullptr, true, this);
   if (m_client == nullptr) {
     const int savedErrno = errno;
@@ -296,6 +299,12 @@ void MqttPublisher::connectionFailed(const std::string& what) {
   m_outageLogged = true;
   m_tlsFailure.clear();
   closeClient();
+  m_entry = (m_entry + 1) % m_entries;
+  if (++m_failedInRound < m_entries) {
+    m_nextAttempt = Clock::now();
+    return;
+  }
+  m_failedInRound = 0;
   m_nextAttempt = Clock::now() + m_retryDelay;
   m_retryDelay = std::min<Clock::duration>(m_retryDelay * 2, kLongestRetryDelay);
 }
@@ -338,8 +347,16 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
   }
   publisher->m_connected = true;
   publisher->m_outageLogged = false;
+  publisher->m_failedInRound = 0;
   publisher->m_retryDelay = kFirstRetryDelay;
-  ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
+  const std::string& left = publisher->m_lastReached;
+  if (left.empty() || left == publisher->m_broker) {
+    ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
+  } else {
+    // A node of the cluster is gone or was passed over: the operator's business.
+    logFailure("switched from broker " + left + " to broker " + publisher->m_broker);
+  }
+  publisher->m_lastReached = publisher->m_broker;
 }
 
 void MqttPublisher::onPublish(struct mosquitto* /*client*/, void* self, int messageId) {

@@ -28,6 +28,13 @@ namespace standin {
 // after a lost connection, everything not acknowledged is sent again (so the
 // broker may see a payload twice, never lose one).
 //
+// With a list of brokers (a cluster's nodes), the publisher connects to the
+// first that answers, in the order written. An entry that does not answer, or
+// whose connection is lost, gives way at once to the next one (wrapping
+// round); the pause between attempts comes only after a whole round failed.
+// A connection to another broker than the last one is logged at level 16,
+// naming both.
+//
 // With an outbox (the "outbox" key), every accepted payload is also in the
 // outbox before publish() returns and leaves it once acknowledged; what an
 // earlier publisher left there goes out first. Without one, or when it cannot
@@ -94,7 +101,11 @@ class MqttPublisher {
   // Owned by the network thread. A client lives for one connection attempt
   // and the connection it makes; the next attempt starts with a fresh one.
   struct mosquitto* m_client = nullptr;
-  std::string m_broker;  // "host:port" of the current or last attempt; read by stop() after the join
+  std::string m_broker;        // "host:port" of the current or last attempt; read by stop() after the join
+  std::string m_lastReached;   // "host:port" of the last connection made; empty before the first
+  size_t m_entry = 0;          // the entry of the broker list for the current or next attempt
+  size_t m_entries = 1;        // the length of the list at the last attempt
+  size_t m_failedInRound = 0;  // attempts failed since the last connection or pause
   bool m_connected = false;
   int m_refusedCode = 0;  // non-zero: the broker answered CONNECT with this refusal
   bool m_outageLogged = false;

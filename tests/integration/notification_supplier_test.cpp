@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -74,7 +75,88 @@ struct BrokerWithSubscriber {
   MqttSubscriber subscriber;
 };
 
+// Two brokers, as two nodes of a cluster, each with a subscriber to the
+// notification topic and keeping sessions (a subscriber misses nothing across
+// a restart), and the master configuration listing both, the first first.
+struct TwoBrokers {
+  TwoBrokers()
+      : first({true}),
+        second({true}),
+        firstSubscriber(first.port(), BrokerWithSubscriber::kTopic),
+        secondSubscriber(second.port(), BrokerWithSubscriber::kTopic) {
+    integration::writeConfig("server = master.invalid\nbroker = " + first.address() + ", " + second.address() +
+                             "\noutbox = " + testOutbox() + "\n");
+  }
+
+  // Waits until each payload of `sent` reached one subscriber or the other;
+  // returns those that neither received, in order.
+  Messages missingFromBoth(const Messages& sent) {
+    const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
+    for (;;) {
+      std::set<std::string> received;
+      size_t secondHas = 0;
+      for (MqttSubscriber* subscriber : {&firstSubscriber, &secondSubscriber}) {
+        const Messages got = subscriber->waitForCount(0, std::chrono::milliseconds(0));
+        received.insert(got.begin(), got.end());
+        secondHas = got.size();
+      }
+      Messages missing;
+      for (const std::string& payload : sent)
+        if (received.count(payload) == 0) missing.push_back(payload);
+      if (missing.empty() || std::chrono::steady_clock::now() >= deadline) return missing;
+      secondSubscriber.waitForCount(secondHas + 1, std::chrono::milliseconds(50));
+    }
+  }
+
+  MosquittoBroker first;
+  MosquittoBroker second;
+  MqttSubscriber firstSubscriber;
+  MqttSubscriber secondSubscriber;
+};
+
 using NotificationSupplierTest = integration::StandinTest;
+
+TEST_F(NotificationSupplierTest, WhenTheFirstBrokerOfTheListStopsAlertsGoToTheNext) {
+  TwoBrokers rig;
+  NotificationSupplier supplier;
+  Messages sent;
+  sendNumbered(&supplier, 1, 1000, sent);
+  rig.firstSubscriber.waitForCount(1, kDeliveryTimeout);
+  rig.first.stop();  // while the first thousand are on their way
+  sendNumbered(&supplier, 1001, 2000, sent);
+  rig.secondSubscriber.waitForCount(1, kDeliveryTimeout);
+  // What the first broker acknowledged but had not passed on when it stopped
+  // waits in its saved session; back, it hands that to its subscriber.
+  rig.first.start();
+
+  const Messages missing = rig.missingFromBoth(sent);
+  EXPECT_EQ(missing.size(), 0u) << "the first missing: " << (missing.empty() ? "" : missing[0]);
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: switched from broker " + rig.first.address() +
+                                  " to broker " + rig.second.address() + "\n"));
+  supplier.shutdown();
+}
+
+TEST_F(NotificationSupplierTest, AlertsWaitForTheFirstBrokerOfTheListThatAnswers) {
+  const struct {
+    const char* scenario;
+    bool secondDownAtStart;  // and back once the events wait
+  } cases[] = {
+      {"the first down at start: the second is used", false},
+      {"both down, then the second comes back: the backlog drains there", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.scenario);
+    TwoBrokers rig;
+    rig.first.stop();
+    if (c.secondDownAtStart) rig.second.stop();
+    NotificationSupplier supplier;
+    Messages sent;
+    sendNumbered(&supplier, 1, 100, sent);
+    if (c.secondDownAtStart) rig.second.start();
+    EXPECT_EQ(testbed::withoutRepeats(rig.secondSubscriber.waitForDistinct(sent.size(), kDeliveryTimeout)), sent);
+    supplier.shutdown();
+  }
+}
 
 TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
   BrokerWithSubscriber rig({true});
@@ -190,20 +272,23 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   EXPECT_EQ(integration::fileText(setAside[0]), garbage);
 }
 
-// The address comes from "broker", else the first master server; TLS moves
+// The addresses come from "broker", else the first master server; TLS moves
 // the default port.
 TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
   const struct {
     const char* config;
-    const char* address;  // null: refused
+    const char* address;  // the entries, separated by blanks; null: refused
     const char* error;    // what the refusal names
   } cases[] = {
       {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9:18830", ""},
+      {"server = m\nbroker = n1:1883, n2:1884,[::1]\n", "n1:1883 n2:1884 [::1]:1883", ""},
       {"server = master.example\nserver = media.example\nbroker =\n", "master.example:1883", ""},
-      {"server = fe80::1%eth0\n", "fe80::1%eth0:1883", ""},
+      {"server = fe80::1%eth0\n", "[fe80::1%eth0]:1883", ""},
       {"server = m\nbroker_tls = on\n", "m:8883", ""},
       {"server = m\nbroker = m:1884\nbroker_tls = on\n", "m:1884", ""},
-      {"server = m\nbroker = m:65536\n", nullptr, "keepstone.conf"},
+      {"server = m\nbroker = m:65536\n", nullptr, "broker \"m:65536\" in "},
+      {"server = m\nbroker = n1, n2:65536\n", nullptr, "entry \"n2:65536\" is not host:port"},
+      {"server = m\nbroker = n1,,n2\n", nullptr, "has an empty entry"},
       {"host_name = h\n", nullptr, "keepstone.conf"},
       {"server = m\nbroker_tls = yes\n", nullptr, "broker_tls"},
       {"server = m\nbroker_tls = on\nbroker_cert_file = c.pem\n", nullptr, "broker_key_file"},
@@ -214,9 +299,10 @@ TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
     standin::BrokerSettings settings;
     std::string error;
     ASSERT_EQ(standin::brokerSettings(*standin::currentConfig(), settings, error), c.address != nullptr) << c.config;
-    if (c.address != nullptr) {
-      EXPECT_EQ(settings.address.host + ":" + std::to_string(settings.address.port), c.address);
-    }
+    std::string addresses;
+    for (const standin::BrokerAddress& address : settings.addresses)
+      addresses += (addresses.empty() ? "" : " ") + standin::brokerText(address);
+    EXPECT_EQ(addresses, c.address != nullptr ? c.address : "") << c.config;
     EXPECT_THAT(error, HasSubstr(c.error)) << c.config;
   }
 }

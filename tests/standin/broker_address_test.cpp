@@ -1,9 +1,11 @@
-// The broker address as the "broker" setting writes it.
+// The broker address, and the list of them, as the "broker" setting writes
+// them.
 #include "platform/standin/broker_address.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -39,6 +41,39 @@ TEST(BrokerAddressText, IsHostAndPortWithIpv6InBrackets) {
     if (!parsed) {
       EXPECT_EQ(address.host, "unchanged") << c.text;
     }
+  }
+}
+
+TEST(BrokerListText, IsAddressesSeparatedByCommasAndRefusedWholeForOneBadEntry) {
+  const struct {
+    const char* text;
+    const char* parsed;  // "<host> <port>" per entry, separated by ", "; else "bad: <the bad entry>"
+  } cases[] = {
+      {"m1.example", "m1.example 1883"},
+      {"10.0.0.1:1884,10.0.0.2", "10.0.0.1 1884, 10.0.0.2 1883"},
+      {" a:1 ,\tb:2 , [::1]:3 ", "a 1, b 2, ::1 3"},
+      {"[fe80::1%eth0]:8883, n2", "fe80::1%eth0 8883, n2 1883"},
+      {"a:1, a:1", "a 1, a 1"},
+      {"a:1,,b:2", "bad: "},
+      {"a:1, ", "bad: "},
+      {", a:1", "bad: "},
+      {"", "bad: "},
+      {"a:1, b:x, c", "bad: b:x"},
+      {"a:1 b:2", "bad: a:1 b:2"},
+      {"a:1;b:2", "bad: a:1;b:2"},
+  };
+  for (const auto& c : cases) {
+    std::vector<standin::BrokerAddress> addresses(1);
+    std::string badEntry = "unset";
+    std::string parsed;
+    if (standin::parseBrokerList(c.text, addresses, badEntry)) {
+      for (const standin::BrokerAddress& address : addresses)
+        parsed += (parsed.empty() ? "" : ", ") + address.host + " " + std::to_string(address.port);
+    } else {
+      parsed = "bad: " + badEntry;
+      EXPECT_EQ(addresses.size(), 1u) << c.text;
+    }
+    EXPECT_EQ(parsed, c.parsed) << c.text;
   }
 }
 

@@ -1,12 +1,15 @@
-// The broker: one MQTT connection with the publisher's TLS and credentials,
-// bounded in time by driving libmosquitto's loop ourselves, and on request
-// one test event published over it with QoS 1.
+// The broker: one MQTT connection to each entry of the broker list with the
+// publisher's TLS and credentials, all at once and each bounded in time by
+// driving libmosquitto's loop ourselves, and on request one test event
+// published over the first connection made, with QoS 1.
 #include <mosquitto.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "checks.h"
 #include "platform/notification.h"
@@ -29,7 +32,7 @@ const int kKeepAliveSeconds = 10;
 
 using Clock = std::chrono::steady_clock;
 
-// What the callbacks saw; written on this thread only (we run the loop).
+// What the callbacks saw; written by the thread that runs the client's loop.
 struct Session {
   int connack = -1;  // the broker's CONNACK code once it answered
   int publishedId = -1;
@@ -107,6 +110,86 @@ std::string connectAction(int result, const standin::BrokerSettings& settings, c
   return "check broker, broker_tls and the broker's log";
 }
 
+// One entry of the broker list: its client, and whether it accepted the
+// connection or what went wrong.
+struct Probe {
+  standin::BrokerAddress address;
+  std::string where;  // "host:port"
+  Session session;    // the client's callbacks write here: a Probe never moves
+  Client client;
+  bool accepted = false;
+  std::string problem;  // why not: starts with `where`
+  std::string action;
+};
+
+// Connects `probe`'s client, set up already, within 3 s.
+void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
+  const std::string& where = probe.where;
+  int error = 0;
+  errno = 0;
+  int result =
+      mosquitto_connect_async(probe.client.get(), probe.address.host.c_str(), probe.address.port, kKeepAliveSeconds);
+  error = errno;
+  if (result == MOSQ_ERR_SUCCESS) {
+    result = runUntil(
+        probe.client.get(), kConnectMilliseconds, [&] { return probe.session.connack >= 0; }, error);
+  }
+  if (result != MOSQ_ERR_SUCCESS) {
+    probe.problem = where + ": " + standin::mosquittoErrorText(result, error);
+    probe.action = connectAction(result, settings, where);
+  } else if (probe.session.connack < 0) {
+    probe.problem = where + " gave no MQTT answer within 3 s";
+    probe.action = "check that " + where +
+                   " is the broker, that broker_tls matches its listener, "
+                   "and that the firewalls between this host and it let MQTT through";
+  } else if (probe.session.connack != 0) {
+    const bool credentials = probe.session.connack == 4 || probe.session.connack == 5;
+    probe.problem = where + " refused the connection: " + mosquitto_connack_string(probe.session.connack);
+    probe.action = credentials ? "check broker_user and broker_password_file against the broker's password file and ACL"
+                               : "check the broker's log";
+  } else {
+    probe.accepted = true;
+  }
+}
+
+// `texts` joined by `separator`, each once.
+std::string joinDistinct(const std::vector<std::string>& texts, const char* separator) {
+  std::string joined;
+  for (size_t i = 0; i < texts.size(); ++i) {
+    bool seen = false;
+    for (size_t j = 0; j < i; ++j) seen = seen || texts[j] == texts[i];
+    if (!seen) joined += (joined.empty() ? "" : separator) + texts[i];
+  }
+  return joined;
+}
+
+// Every entry answered: ok; some did not: a warning naming them; none did: a
+// failure.
+CheckResult verdict(const std::vector<std::unique_ptr<Probe>>& probes, const standin::BrokerSettings& settings) {
+  std::vector<std::string> reached, problems, actions;
+  for (const std::unique_ptr<Probe>& probe : probes) {
+    if (probe->accepted) {
+      reached.push_back(probe->where);
+    } else {
+      problems.push_back(probe->problem);
+      actions.push_back(probe->action);
+    }
+  }
+  if (probes.size() == 1 && reached.empty()) return failedResult(kId, kTitle, problems[0], actions[0]);
+  if (reached.empty()) {
+    return failedResult(kId, kTitle, "no broker of the list answered: " + joinDistinct(problems, "; "),
+                        joinDistinct(actions, "; "));
+  }
+  const std::string connection = "an MQTT connection " + std::string(settings.tls ? "over TLS" : "without TLS") + ", " +
+                                 (settings.user.empty() ? "anonymous" : "as " + settings.user);
+  if (problems.empty()) return okResult(kId, kTitle, joinDistinct(reached, ", ") + " accepted " + connection);
+  return warningResult(kId, kTitle,
+                       std::to_string(problems.size()) + " of " + std::to_string(probes.size()) +
+                           " brokers did not answer: " + joinDistinct(problems, "; ") + "; alerts go to " +
+                           joinDistinct(reached, ", ") + " meanwhile (accepted " + connection + ")",
+                       joinDistinct(actions, "; "));
+}
+
 }  // namespace
 
 std::vector<CheckResult> checkBroker(const Configuration& configuration, bool masterResolves, bool sendTestAlert) {
@@ -123,63 +206,63 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   if (!standin::brokerSettings(configuration, settings, problem)) {
     return finish(failedResult(kId, kTitle, problem, "correct the broker settings in " + configuration.path));
   }
-  const standin::BrokerAddress& address = settings.address;
-  if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
-    return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
-  }
-  const std::string where = address.host + ":" + std::to_string(address.port);
 
-  Session session;
-  const std::string clientId = "kscdp-doctor-" + std::to_string(getpid());
-  Client client(mosquitto_new(clientId.c_str(), true, &session));
-  if (client == nullptr) {
-    return finish(failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
+  std::vector<std::unique_ptr<Probe>> probes;
+  std::vector<std::thread> connections;
+  bool anyToTry = false;
+  for (const standin::BrokerAddress& address : settings.addresses) {
+    probes.emplace_back(new Probe);
+    Probe& probe = *probes.back();
+    probe.address = address;
+    probe.where = standin::brokerText(address);
+    if (isUnresolvedMaster(address.host, configuration, masterResolves)) {
+      probe.problem = probe.where + ": " + kUnresolvedMasterReason;
+      probe.action = "see the master's name check above";
+      continue;
+    }
+    anyToTry = true;
+    const std::string clientId = "kscdp-doctor-" + std::to_string(getpid()) + "-" + std::to_string(probes.size());
+    probe.client.reset(mosquitto_new(clientId.c_str(), true, &probe.session));
+    if (probe.client == nullptr) {
+      return finish(
+          failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
+    }
+    mosquitto_connect_callback_set(
+        probe.client.get(), [](mosquitto*, void* data, int code) { static_cast<Session*>(data)->connack = code; });
+    mosquitto_publish_callback_set(probe.client.get(), [](mosquitto*, void* data, int messageId) {
+      static_cast<Session*>(data)->publishedId = messageId;
+    });
+    if (!standin::applyBrokerSettings(probe.client.get(), settings, problem)) {
+      return finish(failedResult(kId, kTitle, problem,
+                                 "correct the broker_* settings in " + configuration.path +
+                                     "; the password file must not be readable by others (chmod o-rwx)"));
+    }
   }
-  mosquitto_connect_callback_set(client.get(),
-                                 [](mosquitto*, void* data, int code) { static_cast<Session*>(data)->connack = code; });
-  mosquitto_publish_callback_set(client.get(), [](mosquitto*, void* data, int messageId) {
-    static_cast<Session*>(data)->publishedId = messageId;
-  });
-  if (!standin::applyBrokerSettings(client.get(), settings, problem)) {
-    return finish(failedResult(kId, kTitle, problem,
-                               "correct the broker_* settings in " + configuration.path +
-                                   "; the password file must not be readable by others (chmod o-rwx)"));
+  if (!anyToTry) return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
+  // Every entry at once, so that the check takes as long as the slowest one.
+  for (const std::unique_ptr<Probe>& probe : probes) {
+    if (probe->client == nullptr) continue;
+    try {
+      connections.emplace_back(connectProbe, std::ref(*probe), std::cref(settings));
+    } catch (const std::system_error&) {
+      connectProbe(*probe, settings);  // no thread to spare: this one waits its turn
+    }
   }
+  for (std::thread& connection : connections) connection.join();
 
-  int error = 0;
-  errno = 0;
-  int result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, kKeepAliveSeconds);
-  error = errno;
-  if (result == MOSQ_ERR_SUCCESS) {
-    result = runUntil(
-        client.get(), kConnectMilliseconds, [&] { return session.connack >= 0; }, error);
+  const CheckResult broker = verdict(probes, settings);
+  if (broker.status == Status::kFailed) return finish(broker);
+  results.push_back(broker);
+  bool alertSent = !sendTestAlert;
+  for (const std::unique_ptr<Probe>& probe : probes) {
+    if (!probe->accepted) continue;
+    if (!alertSent) results.push_back(publishTestAlert(probe->client.get(), probe->session, configuration));
+    alertSent = true;
+    mosquitto_disconnect(probe->client.get());
+    int ignored = 0;
+    runUntil(
+        probe->client.get(), 200, [] { return false; }, ignored);
   }
-  if (result != MOSQ_ERR_SUCCESS) {
-    return finish(failedResult(kId, kTitle, where + ": " + standin::mosquittoErrorText(result, error),
-                               connectAction(result, settings, where)));
-  }
-  if (session.connack < 0) {
-    return finish(failedResult(kId, kTitle, where + " gave no MQTT answer within 3 s",
-                               "check that " + where +
-                                   " is the broker, that broker_tls matches its listener, "
-                                   "and that the firewalls between this host and it let MQTT through"));
-  }
-  if (session.connack != 0) {
-    const bool credentials = session.connack == 4 || session.connack == 5;
-    return finish(failedResult(kId, kTitle,
-                               where + " refused the connection: " + mosquitto_connack_string(session.connack),
-                               credentials ? "check broker_user and broker_password_file against the broker's "
-                                             "password file and ACL"
-                                           : "check the broker's log"));
-  }
-  const std::string security = settings.tls ? "over TLS" : "without TLS";
-  const std::string identity = settings.user.empty() ? "anonymous" : "as " + settings.user;
-  results.push_back(okResult(kId, kTitle, where + " accepted an MQTT connection " + security + ", " + identity));
-  if (sendTestAlert) results.push_back(publishTestAlert(client.get(), session, configuration));
-  mosquitto_disconnect(client.get());
-  int ignored = 0;
-  runUntil(
-      client.get(), 200, [] { return false; }, ignored);
   return results;
 }
 

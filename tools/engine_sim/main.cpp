@@ -1,6 +1,7 @@
 // kscdp-engine-sim: drives libkscdp.so the way the CDP engine does. Builds an
 // evict list, evicts it, polls until every VM is done or time runs out,
-// raises a few sample alerts, stops the alert thread and prints a summary.
+// raises a few sample alerts (or, with --alerts-per-poll, alerts of its own
+// while it polls), stops the alert thread and prints a summary.
 // Exit status: 0 when every VM was reported done, 1 when not, 2 for bad usage
 // or a library that cannot be used.
 #include <unistd.h>
@@ -25,11 +26,13 @@ struct Options {
   uint64_t seed = 1;
   double pollInterval = 1.0;
   double timeout = 60.0;
+  int alertsPerPoll = 0;
 };
 
 const char kUsage[] =
     "usage: kscdp-engine-sim [--library PATH] [--vms N] [--seed N]\n"
-    "                        [--poll-interval SECONDS] [--timeout SECONDS]\n";
+    "                        [--poll-interval SECONDS] [--timeout SECONDS]\n"
+    "                        [--alerts-per-poll N]\n";
 
 bool parseOptions(int argc, char** argv, Options& options) {
   // By soname, as an installed engine finds it; in the build tree this
@@ -56,6 +59,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
       options.pollInterval = std::strtod(value, &end);
     } else if (name == "--timeout") {
       options.timeout = std::strtod(value, &end);
+    } else if (name == "--alerts-per-poll") {
+      options.alertsPerPoll = static_cast<int>(std::strtol(value, &end, 10));
     } else {
       std::fprintf(stderr, "kscdp-engine-sim: unknown option %s\n", name.c_str());
       return false;
@@ -65,8 +70,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
       return false;
     }
   }
-  if (options.vms < 1 || options.pollInterval < 0 || options.timeout < 0) {
-    std::fprintf(stderr, "kscdp-engine-sim: --vms must be at least 1, times not negative\n");
+  if (options.vms < 1 || options.pollInterval < 0 || options.timeout < 0 || options.alertsPerPoll < 0) {
+    std::fprintf(stderr, "kscdp-engine-sim: --vms must be at least 1, times and counts not negative\n");
     return false;
   }
   return true;
@@ -94,15 +99,31 @@ void printSummary(const std::vector<evict_vm_info>& fleet) {
   }
 }
 
+// Raises --alerts-per-poll alerts 501 (full sync started), each for a VM of
+// its own, never evicted: the VM id is the seed and the alert's number, so
+// that engines of different seeds raise alerts that differ. Counts them in
+// `raised`.
+void raiseOwnAlerts(const EngineLibrary& library, const Options& options, int& raised) {
+  for (int i = 0; i < options.alertsPerPoll; ++i) {
+    char vmId[33];
+    std::snprintf(vmId, sizeof vmId, "%016llx%016llx", static_cast<unsigned long long>(options.seed),
+                  static_cast<unsigned long long>(raised));
+    library.raise_backup_alert(vmId, 501, "");
+    ++raised;
+  }
+}
+
 // Polls until every VM is done or the time limit passes, keeping one live
-// progress line on a terminal (one line per change otherwise).
+// progress line on a terminal (one line per change otherwise). Before each
+// status call raises the alerts of --alerts-per-poll, counted in `raised`.
 void pollUntilDone(const EngineLibrary& library, const Options& options, std::vector<evict_vm_info>& fleet,
-                   vm_node_list** requested) {
+                   vm_node_list** requested, int& raised) {
   const bool live = isatty(STDOUT_FILENO) != 0;
   const auto start = std::chrono::steady_clock::now();
   const int total = static_cast<int>(fleet.size());
   int shown = -1;
   for (;;) {
+    raiseOwnAlerts(library, options, raised);
     const int result = library.call_check_eviction_progress(total, requested);
     const int done = countDone(fleet);
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -122,6 +143,8 @@ void pollUntilDone(const EngineLibrary& library, const Options& options, std::ve
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Progress is read as it happens, also from a file or a pipe.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   Options options;
   if (!parseOptions(argc, argv, options)) {
     std::fputs(kUsage, stderr);
@@ -148,11 +171,15 @@ int main(int argc, char** argv) {
   const int evictResult = library.call_evict_data(options.vms, evictList, &requested);
   std::printf("call_evict_data: %d\n", evictResult);
 
-  pollUntilDone(library, options, fleet, &requested);
+  int raised = 0;
+  pollUntilDone(library, options, fleet, &requested, raised);
 
-  const evict_vm_info& sample = fleet.front();
-  for (int code : {2, 18, 501, 503}) library.raise_backup_alert(sample.vm_id, code, "");
-  std::printf("raised sample alerts 2, 18, 501, 503 for VM %s\n", sample.vm_id);
+  if (options.alertsPerPoll == 0) {
+    const evict_vm_info& sample = fleet.front();
+    for (int code : {2, 18, 501, 503}) library.raise_backup_alert(sample.vm_id, code, "");
+    raised = 4;
+    std::printf("raised sample alerts 2, 18, 501, 503 for VM %s\n", sample.vm_id);
+  }
   library.stop_alert_thread();
 
   printSummary(fleet);
@@ -160,6 +187,8 @@ int main(int argc, char** argv) {
   library.delete_evlist(evictList);
   const int done = countDone(fleet);
   std::printf("\n%d of %d VMs done\n", done, options.vms);
+  // One alert per eviction pass, 500 or 44, and those raised here.
+  std::printf("%d alerts raised\n", options.vms + raised);
   library.unload();
   return done == options.vms ? 0 : 1;
 }

@@ -136,7 +136,8 @@ void MasterSimulator::Impl::serve() {
   // it; that is the moment start() waits for.
   m_server.new_task_queue = [this] {
     announceServing();
-    return new httplib::ThreadPool(CPPHTTPLIB_THREAD_POOL_COUNT);
+    return new httplib::ThreadPool(m_options.threads > 0 ? static_cast<size_t>(m_options.threads)
+                                                         : CPPHTTPLIB_THREAD_POOL_COUNT);
   };
   m_server.listen_after_bind();
   announceServing();  // in case the loop never ran

@@ -44,6 +44,10 @@ struct MasterSimulatorOptions {
   // The only Accept that the jobs interface serves: another value plays a
   // master of another release, which answers the library's requests 406.
   std::string jobsMediaType = keepstone_rest::kVersionedMediaType;
+  // Threads that answer requests; 0: the HTTP library's default (8 on a
+  // small host). A client's open connection holds one while it is kept
+  // alive, so a simulator serving many engines at once needs as many.
+  int threads = 0;
 };
 
 struct RecordedRequest {

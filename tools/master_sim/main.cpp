@@ -16,7 +16,7 @@ const char kUsage[] =
     "usage: kscdp-master-sim [--host ADDRESS] [--port N] [--job-seconds SECONDS]\n"
     "                        [--first-job-id N] [--unknown-polls N] [--jobs-not-json]\n"
     "                        [--fail-policy NAME=HTTP_STATUS[:DAEMON_STATUS]]...\n"
-    "                        [--policy-not-json NAME]...\n"
+    "                        [--policy-not-json NAME]... [--threads N]\n"
     "  --port 0 (the default) picks a free port.\n";
 
 bool parseNumber(const char* text, long long& value) {
@@ -80,6 +80,9 @@ bool parseOptions(int argc, char** argv, master_sim::MasterSimulatorOptions& opt
     } else if (name == "--first-job-id") {
       valid = parseNumber(value, number) && number >= 0;
       options.firstJobId = number;
+    } else if (name == "--threads") {
+      valid = parseNumber(value, number) && number >= 1 && number <= 10000;
+      options.threads = static_cast<int>(number);
     } else if (name == "--unknown-polls") {
       valid = parseNumber(value, number) && number >= 0 && number <= 1000000;
       options.jobFaults.unknownForPolls = static_cast<int>(number);

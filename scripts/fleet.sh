@@ -1,0 +1,203 @@
+#!/usr/bin/env bash
+# A site on this machine: FLEET_ENGINES engine simulators, each with VMs,
+# keepstone.conf, log and outbox of its own, against one master simulator and
+# two mosquitto brokers that every engine lists as a cluster. The first broker
+# is stopped halfway through the run, once half of the engines have evicted
+# their VMs: the engines connected to it move to the second, and those that
+# have not connected yet find it down. Two standalone brokers share no
+# messages as a cluster's nodes do:
+# the first comes back once the engines are done and hands its subscriber
+# what it had accepted before it stopped. Everything runs on loopback and
+# ends within FLEET_SECONDS; one line sums it up:
+#
+#   fleet: N engines, V of V VMs done, A of A alerts delivered, F broker switches, <seconds> s, <evictions/s>, <alerts/s>
+#
+# The seconds are those of the engines, from the first start to the last exit.
+# Exit status 0 only when every VM is done and every alert an engine raised
+# reached a subscriber of one broker or the other; 1 otherwise, 2 for bad use.
+#
+#   scripts/fleet.sh [BUILD_DIR]
+#   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_ALERTS_PER_POLL (5),
+#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120)
+set -euo pipefail
+
+build=${1:-build}
+engines=${FLEET_ENGINES:-20}
+vms=${FLEET_VMS:-5}
+alerts_per_poll=${FLEET_ALERTS_PER_POLL:-5}
+job_seconds=${FLEET_JOB_SECONDS:-4}
+bound=${FLEET_SECONDS:-120}
+poll_interval=0.5
+topic=keepstone/notifications
+
+for value in "$engines" "$vms" "$alerts_per_poll" "$job_seconds" "$bound"; do
+  [[ "$value" =~ ^[1-9][0-9]*$ ]] || { echo "fleet: counts and seconds must be positive whole numbers, not '$value'" >&2; exit 2; }
+done
+bin="$build/bin"
+for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" /usr/sbin/mosquitto "$(command -v mosquitto_sub || true)"; do
+  [[ -n "$program" && -x "$program" ]] || { echo "fleet: missing $program (run 'make fleet')" >&2; exit 2; }
+done
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/kscdp-fleet.XXXXXX")
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+}
+trap cleanup EXIT
+trap 'echo; echo "fleet: interrupted" >&2; exit 130' INT TERM
+
+started=$SECONDS
+# Fails, naming `what`, once the run's time is up.
+within_bound() {
+  ((SECONDS - started < bound)) && return 0
+  echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for $1; files in $work" >&2
+  exit 1
+}
+# Waits, within the bound, until `command` succeeds.
+wait_for() {
+  local what=$1
+  shift
+  until "$@"; do
+    within_bound "$what"
+    sleep 0.1
+  done
+}
+port_is_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+listening() { ! port_is_free "$1"; }
+free_port() {
+  local port
+  for _ in $(seq 100); do
+    port=$((20000 + RANDOM % 40000))
+    if port_is_free "$port"; then echo "$port"; return 0; fi
+  done
+  echo "fleet: no free port found" >&2
+  return 1
+}
+
+# Broker n (1 or 2) on port $2: it saves its subscriber's session when it
+# stops, and loads it when it starts again.
+start_broker() {
+  local dir="$work/broker-$1"
+  mkdir -p "$dir"
+  cat >"$dir/mosquitto.conf" <<CONF
+listener $2 127.0.0.1
+allow_anonymous true
+persistence true
+persistence_location $dir/
+max_queued_messages 0
+CONF
+  /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
+  broker_pid[$1]=$!
+  pids+=($!)
+  wait_for "broker $1 to listen on port $2" broker_listens "$1" "$2"
+}
+broker_listens() {
+  kill -0 "${broker_pid[$1]}" 2>/dev/null || { echo "fleet: broker $1 did not start: see $work/broker-$1/mosquitto.log" >&2; exit 1; }
+  listening "$2"
+}
+declare -a broker_pid broker_port
+broker_port[1]=$(free_port)
+start_broker 1 "${broker_port[1]}"
+broker_port[2]=$(free_port)
+start_broker 2 "${broker_port[2]}"
+
+# A thread per connection an engine keeps open: its polls, and its last
+# request-daemon call for up to a second.
+"$bin/kscdp-master-sim" --port 0 --job-seconds "$job_seconds" --threads $((2 * engines + 8)) \
+  >"$work/master-sim.out" 2>&1 &
+pids+=($!)
+wait_for "the master simulator to listen" grep -qs 'listening on' "$work/master-sim.out"
+master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
+
+# A subscriber per broker, as the master's own: QoS 1, a session that
+# outlives its connection.
+for n in 1 2; do
+  mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" >"$work/alerts-$n.jsonl" &
+  pids+=($!)
+  wait_for "the subscriber of broker $n" grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$n/mosquitto.log"
+done
+
+echo "fleet: $engines engines of $vms VMs, master simulator $master_url," \
+  "brokers 127.0.0.1:${broker_port[1]} and 127.0.0.1:${broker_port[2]}; files in $work"
+engine_pids=()
+run_started=$(date +%s.%N)
+for i in $(seq "$engines"); do
+  dir="$work/engine-$i"
+  mkdir -p "$dir"
+  cat >"$dir/keepstone.conf" <<CONF
+server = 127.0.0.1
+host_name = fleet-engine-$i
+rest_url = $master_url
+ksqd_url = $master_url
+broker = 127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}
+outbox = $dir/outbox.db
+http_timeout = 10
+CONF
+  # The library of this build tree, by path: a sanitizer's dlopen does not
+  # see the simulator's RUNPATH.
+  KEEPSTONE_CONF="$dir/keepstone.conf" KSU_LOG_FILE="$dir/kscdp.log" \
+    "$bin/kscdp-engine-sim" --library "$build/lib/libkscdp.so.1" --vms "$vms" --seed "$i" \
+    --poll-interval "$poll_interval" --timeout "$bound" --alerts-per-poll "$alerts_per_poll" >"$dir/engine.out" 2>&1 &
+  engine_pids+=($!)
+  pids+=($!)
+done
+
+half_evicted() {
+  (($(cat "$work"/engine-*/engine.out | grep -c '^call_evict_data:') * 2 >= engines))
+}
+wait_for "half of the engines to evict their VMs" half_evicted
+kill -TERM "${broker_pid[1]}"
+wait "${broker_pid[1]}" || true
+echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+
+any_engine_running() {
+  local pid
+  for pid in "${engine_pids[@]}"; do kill -0 "$pid" 2>/dev/null && return 0; done
+  return 1
+}
+until ! any_engine_running; do
+  within_bound "the engines to finish"
+  sleep 0.1
+done
+seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
+for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
+
+start_broker 1 "${broker_port[1]}"
+
+vms_done=0
+alerts_raised=0
+for i in $(seq "$engines"); do
+  out="$work/engine-$i/engine.out"
+  done_here=$(sed -n 's/^\([0-9]*\) of [0-9]* VMs done$/\1/p' "$out")
+  raised_here=$(sed -n 's/^\([0-9]*\) alerts raised$/\1/p' "$out")
+  vms_done=$((vms_done + ${done_here:-0}))
+  alerts_raised=$((alerts_raised + ${raised_here:-0}))
+  [[ -n "$raised_here" ]] || echo "fleet: engine $i ended without a summary: $out" >&2
+done
+# Every alert names a VM of its own (and its engine's host), so distinct
+# payloads are distinct alerts; a payload seen twice was delivered twice.
+delivered() { sort -u "$work/alerts-1.jsonl" "$work/alerts-2.jsonl" | wc -l; }
+until (($(delivered) >= alerts_raised)); do
+  if ((SECONDS - started >= bound)); then
+    echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for the alerts to arrive" >&2
+    break
+  fi
+  sleep 0.2
+done
+alerts_delivered=$(delivered)
+switches=$(cat "$work"/engine-*/kscdp.log | grep -c ' NotificationSupplier: switched from broker ' || true)
+vms_total=$((engines * vms))
+
+summary=$(awk -v e="$engines" -v vd="$vms_done" -v vt="$vms_total" -v ad="$alerts_delivered" -v ar="$alerts_raised" \
+  -v f="$switches" -v s="$seconds" 'BEGIN {
+    printf "fleet: %d engines, %d of %d VMs done, %d of %d alerts delivered, %d broker switches, %.1f s, %.1f evictions/s, %.0f alerts/s",
+      e, vd, vt, ad, ar, f, s, vt / s, ar / s }')
+echo "$summary"
+if ((vms_done != vms_total || alerts_delivered != alerts_raised)); then
+  echo "fleet: not every VM done or not every alert delivered; files in $work" >&2
+  trap - EXIT
+  cleanup
+  exit 1
+fi
+rm -rf "$work"
