@@ -37,8 +37,8 @@ configure_package_config_file(cmake/kscdpConfig.cmake.in
   ${CMAKE_BINARY_DIR}/cmake/kscdpConfig.cmake
   INSTALL_DESTINATION ${KSCDP_CMAKE_DIR}
   PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)
-# CMake writes the version file; it gets the licence line of every installed
-# file of the package.
+# CMake writes the version file from a template of its own; the installed
+# copy starts with the licence line, as kscdpConfig.cmake and kscdp.pc do.
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake.unlabelled
   COMPATIBILITY SameMajorVersion)
 file(READ ${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake.unlabelled KSCDP_VERSION_FILE_TEXT)
