@@ -50,7 +50,7 @@ test-tsan:
 # Every benchmark, built in Release in a tree of its own, and one table of the
 # results against their targets.
 bench: deps
-	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DKSCDP_BUILD_TESTS=OFF
 	cmake --build build-bench -j $(JOBS) --target kscdp_benchmarks
 	bash bench/run.sh build-bench
 
@@ -60,7 +60,7 @@ FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_FUZZ=ON -DKSCDP_BUILD_TESTS=OFF
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKSCDP_FUZZ=ON -DKSCDP_BUILD_TESTS=OFF -DKSCDP_BUILD_BENCH=OFF
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
 

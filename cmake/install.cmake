@@ -37,8 +37,13 @@ configure_package_config_file(cmake/kscdpConfig.cmake.in
   ${CMAKE_BINARY_DIR}/cmake/kscdpConfig.cmake
   INSTALL_DESTINATION ${KSCDP_CMAKE_DIR}
   PATH_VARS CMAKE_INSTALL_LIBDIR CMAKE_INSTALL_INCLUDEDIR)
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake
+# CMake writes the version file from a template of its own; the installed
+# copy starts with the licence line, as kscdpConfig.cmake and kscdp.pc do.
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake.unlabelled
   COMPATIBILITY SameMajorVersion)
+file(READ ${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake.unlabelled KSCDP_VERSION_FILE_TEXT)
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake
+  CONTENT "# SPDX-License-Identifier: MIT\n${KSCDP_VERSION_FILE_TEXT}" @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/cmake/kscdpConfig.cmake ${CMAKE_BINARY_DIR}/cmake/kscdpConfigVersion.cmake
   DESTINATION ${KSCDP_CMAKE_DIR} COMPONENT dev)
 

@@ -31,7 +31,9 @@ set(KSCDP_SAME_RUNTIME "${KSCDP_PACKAGE_NAME_runtime} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${KSCDP_PACKAGE_NAME_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
-# The loader's cache is refreshed through libc's trigger.
+# The loader's cache is refreshed through libc's trigger. CPack also writes an
+# ldconfig call into the package's scripts, which is lintian's one warning
+# (maintscript-calls-ldconfig).
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Keepstone CDP backup engine library
 libkscdp is the library that a continuous-data-protection backup engine

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing and the demo need.
 # Idempotent: installs only what is missing, and refreshes the package lists
-# only when something must be installed.
+# only when something must be installed. Package names carry no compiler
+# version: libclang-rt-dev is the sanitizer and libFuzzer runtime of whichever
+# clang the distribution's clang package is.
 set -euo pipefail
 
 packages=(
@@ -10,7 +12,7 @@ packages=(
   libcurl4-openssl-dev libmosquitto-dev libsqlite3-dev sqlite3 openssl
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang clang-format libclang-rt-14-dev valgrind python3
+  clang clang-format libclang-rt-dev valgrind python3
   dpkg-dev lintian mandoc
 )
 
