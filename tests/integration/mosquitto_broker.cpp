@@ -60,6 +60,7 @@ MosquittoBroker::MosquittoBroker(Options options) : m_options(options) {
   std::string failure;
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
     m_port = freeLoopbackPort();
+    m_plainPort = m_options.certFile.empty() && m_options.passwordFile.empty() ? m_port : freeLoopbackPort();
     if (tryStart(failure)) return;
   }
   std::filesystem::remove_all(m_directory);
@@ -96,8 +97,14 @@ bool MosquittoBroker::tryStart(std::string& failure) {
   const passwd* user = getpwuid(getuid());
   const std::string userName = user != nullptr ? user->pw_name : "root";
   std::ofstream file(config, std::ios::trunc);
-  file << "log_dest file " << log << "\nuser " << userName << "\n";
-  file << "listener " << m_port << " 127.0.0.1\nallow_anonymous true\n";
+  file << "per_listener_settings true\nlog_dest file " << log << "\nuser " << userName << "\n";
+  file << "listener " << m_port << " 127.0.0.1\n";
+  if (!m_options.certFile.empty())
+    file << "certfile " << m_options.certFile << "\nkeyfile " << m_options.keyFile << "\n";
+  if (!m_options.clientCaFile.empty()) file << "cafile " << m_options.clientCaFile << "\nrequire_certificate true\n";
+  file << (m_options.passwordFile.empty() ? "allow_anonymous true\n"
+                                          : "allow_anonymous false\npassword_file " + m_options.passwordFile + "\n");
+  if (m_plainPort != m_port) file << "listener " << m_plainPort << " 127.0.0.1\nallow_anonymous true\n";
   file << (m_options.keepSessions
                ? "persistence true\npersistence_location " + m_directory + "/\nmax_queued_messages 0\n"
                : "persistence false\n");
@@ -116,7 +123,7 @@ bool MosquittoBroker::tryStart(std::string& failure) {
   const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   while (!exited && std::chrono::steady_clock::now() < deadline) {
     exited = waitpid(m_pid, nullptr, WNOHANG) == m_pid;
-    if (!exited && accepts(m_port)) return true;
+    if (!exited && accepts(m_port) && accepts(m_plainPort)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   if (!exited) {

@@ -10,8 +10,8 @@
 namespace testbed {
 
 // Runs /usr/sbin/mosquitto on 127.0.0.1 and a port picked at run time, for
-// anonymous clients, with its configuration, log and any saved state in a
-// temporary directory of its own. stop() and start() play an outage: the
+// anonymous clients unless told otherwise, with its configuration, log and
+// any saved state in a temporary directory of its own. stop() and start() play an outage: the
 // broker comes back on the same port. The broker dies with the test process.
 class MosquittoBroker {
  public:
@@ -20,6 +20,14 @@ class MosquittoBroker {
     // that a subscriber with clean_session false keeps its subscription and
     // the messages published for it while it was away.
     bool keepSessions = false;
+    // With a certificate and key, port() speaks TLS only, and plainPort() is
+    // a second, plain listener for anonymous subscribers.
+    std::string certFile;
+    std::string keyFile;
+    // With a CA, port() admits only clients whose certificate it signed.
+    std::string clientCaFile;
+    // With a mosquitto_passwd file, port() admits only the users it names.
+    std::string passwordFile;
   };
 
   // Starts the broker and returns once it accepts connections. Throws
@@ -31,6 +39,8 @@ class MosquittoBroker {
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
   int port() const { return m_port; }
+  // The plain listener for anonymous clients: port() unless port() is secured.
+  int plainPort() const { return m_plainPort; }
   // "127.0.0.1:<port>", as the "broker" configuration key takes it.
   std::string address() const;
 
@@ -48,6 +58,7 @@ class MosquittoBroker {
   Options m_options;
   std::string m_directory;
   int m_port = 0;
+  int m_plainPort = 0;
   pid_t m_pid = -1;  // -1 while stopped
 };
 

@@ -1,15 +1,20 @@
 // The stand-in NotificationSupplier against a real mosquitto broker and a
 // real subscriber.
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <mosquitto.h>
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mosquitto_broker.h"
@@ -29,6 +34,13 @@ using testbed::MqttSubscriber;
 using Messages = MqttSubscriber::Messages;
 
 const std::chrono::seconds kDeliveryTimeout(20);
+
+// A broker whose subscribers miss nothing across a restart.
+const MosquittoBroker::Options kKeepSessions = [] {
+  MosquittoBroker::Options options;
+  options.keepSessions = true;
+  return options;
+}();
 
 // Event n of a numbered series, as kscdp_alert_raiser raises it too.
 NotificationEvent numbered(int n) {
@@ -61,7 +73,7 @@ std::string testOutbox() {
 // configuration pointing the stand-in at it, with `outbox` as the outbox key.
 struct BrokerWithSubscriber {
   explicit BrokerWithSubscriber(const MosquittoBroker::Options& options, const std::string& outbox = testOutbox())
-      : broker(options), subscriber(broker.port(), kTopic) {
+      : broker(options), subscriber(broker.plainPort(), kTopic) {
     integration::writeConfig("server = master.invalid\nbroker = " + broker.address() + "\noutbox = " + outbox + "\n");
   }
 
@@ -80,8 +92,8 @@ struct BrokerWithSubscriber {
 // a restart), and the master configuration listing both, the first first.
 struct TwoBrokers {
   TwoBrokers()
-      : first({true}),
-        second({true}),
+      : first(kKeepSessions),
+        second(kKeepSessions),
         firstSubscriber(first.port(), BrokerWithSubscriber::kTopic),
         secondSubscriber(second.port(), BrokerWithSubscriber::kTopic) {
     integration::writeConfig("server = master.invalid\nbroker = " + first.address() + ", " + second.address() +
@@ -113,6 +125,51 @@ struct TwoBrokers {
   MqttSubscriber firstSubscriber;
   MqttSubscriber secondSubscriber;
 };
+
+// Waits up to 10 s for a level-16 line of the publisher that holds `text`,
+// logged past `from`.
+bool publisherFailureLogged(const std::string& text, size_t from) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (;;) {
+    const std::string log = integration::logText().substr(from);
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+      const size_t line = log.rfind('\n', at) + 1;  // 0 on the first line
+      if (log.substr(line, at - line).find(" 16 NotificationSupplier: ") != std::string::npos) return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+// kscdp_alert_raiser, running, once it has handed every event over.
+struct Raiser {
+  FILE* output;  // pclose() waits for it
+  pid_t pid;
+  long accepted;
+};
+
+Raiser startRaiser(const std::string& arguments, const std::string& logFile) {
+  const std::string command = "KSU_LOG_FILE=" + logFile + " exec " KSCDP_ALERT_RAISER_PATH " " + arguments;
+  Raiser raiser{popen(command.c_str(), "r"), -1, -1};
+  if (raiser.output == nullptr || std::fscanf(raiser.output, "accepted %ld pid %d", &raiser.accepted, &raiser.pid) != 2)
+    throw std::runtime_error("cannot run " + command);
+  return raiser;
+}
+
+// Armed, the network thread's connection attempt throws, as a failure nobody
+// foresaw would; unarmed, libmosquitto's own function runs.
+std::atomic<bool> g_connectThrows{false};
+
+}  // namespace
+
+extern "C" int mosquitto_connect_async(struct mosquitto* client, const char* host, int port, int keepAlive) {
+  if (g_connectThrows) throw std::runtime_error("connect failed in a test");
+  using Connect = int (*)(struct mosquitto*, const char*, int, int);
+  static const auto real = reinterpret_cast<Connect>(dlsym(RTLD_NEXT, "mosquitto_connect_async"));
+  return real(client, host, port, keepAlive);
+}
+
+namespace {
 
 using NotificationSupplierTest = integration::StandinTest;
 
@@ -159,7 +216,7 @@ TEST_F(NotificationSupplierTest, AlertsWaitForTheFirstBrokerOfTheListThatAnswers
 }
 
 TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
-  BrokerWithSubscriber rig({true});
+  BrokerWithSubscriber rig(kKeepSessions);
   rig.broker.stop();
   NotificationSupplier supplier;
   Messages sent;
@@ -207,18 +264,12 @@ TEST_F(NotificationSupplierTest, WithoutABrokerRefusesBeyondTenThousandAndShutdo
 }
 
 TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPublisherAheadOfItsOwn) {
-  BrokerWithSubscriber rig({true});
+  BrokerWithSubscriber rig(kKeepSessions);
   rig.broker.stop();
-  const std::string raise100 =
-      "KSU_LOG_FILE=" + integration::scratchPath("killed.log") + " exec " KSCDP_ALERT_RAISER_PATH " 1 100";
-  FILE* raiser = popen(raise100.c_str(), "r");
-  ASSERT_NE(raiser, nullptr);
-  long accepted = 0;
-  int pid = 0;
-  ASSERT_EQ(std::fscanf(raiser, "accepted %ld pid %d", &accepted, &pid), 2);
-  kill(pid, SIGKILL);
-  pclose(raiser);
-  ASSERT_EQ(accepted, 100);
+  const Raiser raiser = startRaiser("1 100", integration::scratchPath("killed.log"));
+  kill(raiser.pid, SIGKILL);
+  pclose(raiser.output);
+  ASSERT_EQ(raiser.accepted, 100);
   Messages sent;
   sendNumbered(nullptr, 1, 100, sent);
   {
@@ -233,6 +284,45 @@ TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPub
   NotificationSupplier next;
   sendNumbered(&next, 103, 105, sent);
   EXPECT_EQ(rig.receivedOnce(sent), sent);
+}
+
+TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
+  BrokerWithSubscriber rig({}, "none");
+  g_connectThrows = true;
+  NotificationSupplier supplier;
+  const bool failed =
+      publisherFailureLogged("the notification publisher's thread failed: connect failed in a test", m_logStart);
+  g_connectThrows = false;
+  ASSERT_TRUE(failed);
+  NotificationEvent event = numbered(0);
+  EXPECT_EQ(supplier.send_notification(event), 4);
+  EXPECT_EQ(supplier.send_notification(event), 4);
+  supplier.shutdown();
+  const std::string log = newLog();
+  EXPECT_THAT(log, HasSubstr(" 16 NotificationSupplier: refusing events: the publisher's network thread has ended"));
+  EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
+}
+
+// Writes past 64 KiB fail, as on a full disk: the events the outbox cannot
+// take wait in memory, with one line for each run of failures.
+TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
+  BrokerWithSubscriber rig({});
+  const std::string log = integration::scratchPath("full-disk.log");
+  const Raiser raiser = startRaiser("1 300 65536", log);
+  EXPECT_EQ(pclose(raiser.output), 0);
+  EXPECT_EQ(raiser.accepted, 300);
+  Messages sent;
+  sendNumbered(nullptr, 1, 300, sent);
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  const std::string logged = integration::fileText(log);
+  const auto count = [&](const std::string& text) {
+    size_t found = 0;
+    for (size_t at = logged.find(text); at != std::string::npos; at = logged.find(text, at + 1)) ++found;
+    return found;
+  };
+  const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
+  EXPECT_GE(count(failure), 1u) << logged;
+  EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
 }
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
@@ -270,6 +360,55 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
     if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
   ASSERT_EQ(setAside.size(), 1u);
   EXPECT_EQ(integration::fileText(setAside[0]), garbage);
+}
+
+// A TLS broker that wants a client certificate and a password: each row is
+// the configuration's TLS keys, and the level-16 line that refuses the broker
+// (empty: the alerts are delivered). The certificates are made for the test.
+TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatItCannotTrust) {
+  const std::string dir = integration::scratchPath("tls");
+  const std::string make =
+      "mkdir -p " + dir + " && cd " + dir + " && for name in ca other-ca; do openssl req -x509 -newkey rsa:2048 " +
+      "-nodes -keyout $name.key -out $name.pem -days 2 -subj /CN=$name || exit; done && printf " +
+      "'subjectAltName=IP:127.0.0.1\\n' >san && for name in broker client; do openssl req -newkey rsa:2048 -nodes " +
+      "-keyout $name.key -out $name.csr -subj /CN=$name && openssl x509 -req -in $name.csr -CA ca.pem -CAkey ca.key " +
+      "-CAcreateserial -out $name.pem -days 2 -extfile san || exit; done && mosquitto_passwd -c -b users kscdp " +
+      "right && echo right >right && echo wrong >wrong && cp right open && chmod 600 right wrong && chmod 644 open";
+  ASSERT_EQ(std::system(("(" + make + ") >/dev/null 2>&1").c_str()), 0) << make;
+  MosquittoBroker::Options tls;
+  tls.certFile = dir + "/broker.pem";
+  tls.keyFile = dir + "/broker.key";
+  tls.clientCaFile = dir + "/ca.pem";
+  tls.passwordFile = dir + "/users";
+  BrokerWithSubscriber rig(tls, "none");
+  const std::string client = "broker_cert_file = " + dir + "/client.pem\nbroker_key_file = " + dir + "/client.key\n";
+  const struct {
+    std::string host, caFile, passwordFile, clientKeys, refusal;
+  } cases[] = {
+      {"127.0.0.1", "ca.pem", "right", client, ""},
+      {"127.0.0.1", "other-ca.pem", "right", client, "certificate verify failed"},
+      {"localhost", "ca.pem", "right", client, "host name verification failed"},
+      {"127.0.0.1", "ca.pem", "wrong", client, "refused the connection: Connection Refused: not authorised"},
+      {"127.0.0.1", "ca.pem", "open", client, "the broker password file " + dir + "/open is open to other users"},
+      {"127.0.0.1", "ca.pem", "right", "", "certificate required"},
+  };
+  Messages sent;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.caFile + " " + c.host + " " + c.passwordFile + (c.clientKeys.empty() ? "" : " client"));
+    integration::writeConfig("server = m.invalid\noutbox = none\nbroker_tls = on\nbroker = " + c.host + ":" +
+                             std::to_string(rig.broker.port()) + "\nbroker_ca_file = " + dir + "/" + c.caFile +
+                             "\nbroker_user = kscdp\nbroker_password_file = " + dir + "/" + c.passwordFile + "\n" +
+                             c.clientKeys);
+    const size_t logStart = integration::logText().size();
+    NotificationSupplier supplier;
+    if (c.refusal.empty()) {
+      sendNumbered(&supplier, 1, 3, sent);
+      EXPECT_EQ(rig.receivedOnce(sent), sent);
+    } else {
+      EXPECT_TRUE(publisherFailureLogged(c.refusal, logStart)) << integration::logText().substr(logStart);
+    }
+    supplier.shutdown();
+  }
 }
 
 // The addresses come from "broker", else the first master server; TLS moves
