@@ -137,6 +137,9 @@ TEST_F(EngineCallsTest, ContainedFailuresReturnTheirCode) {
   fake::curl.requestThrows = std::make_exception_ptr(std::runtime_error("socket gone"));
   EXPECT_EQ(call_check_eviction_progress(1, &m_requested), -1);
   expectContained("call_check_eviction_progress", "socket gone");
+  fake::curl.requestThrows = std::make_exception_ptr(42);  // not an exception class
+  EXPECT_EQ(call_check_eviction_progress(1, &m_requested), -1);
+  expectContained("call_check_eviction_progress", "unknown exception");
   fake::curl.requestThrows = nullptr;
   fake::curl.answers.push_back({500, "oops", {}, {}});
   EXPECT_EQ(call_check_eviction_progress(1, &m_requested), 130);
