@@ -2,6 +2,8 @@
 // whatever goes wrong into a log line and its result: no exception leaves.
 #include "engine/backup_engine.h"
 
+#include <cxxabi.h>
+
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 #include <exception>
@@ -9,6 +11,7 @@
 
 #include "gateway/KeepstoneServiceGateway.h"
 #include "platform/ksu_log.h"
+#include "port/cancellation.h"
 #include "rest/CCTCurlWrapper.h"
 #include "rest/ServiceCodes.h"
 #include "services/AlertServiceImpl.h"
@@ -24,13 +27,19 @@ void logContained(const char* function, const char* what) noexcept {
   }
 }
 
-// Runs `operation` and returns its result, or, when it throws, logs the
-// exception under `function` and returns its code: the service layer's or
-// the REST client's own, -1 for anything else.
+// Runs `operation` with the thread's cancellation held off and returns its
+// result, or, when it throws, logs the exception under `function` and
+// returns its code: the service layer's or the REST client's own, -1 for
+// anything else. Only the unwinding of a thread that is ending (a
+// cancellation acted on despite all, or pthread_exit) passes on: swallowing
+// it would abort the process.
 template <typename Operation>
-int contained(const char* function, Operation operation) noexcept {
+int contained(const char* function, Operation operation) {
+  const port::CancellationHeldOff heldOff;
   try {
     return operation();
+  } catch (const abi::__forced_unwind&) {
+    throw;
   } catch (const KSServiceException& e) {
     logContained(function, e.what());
     return e.m_code;

@@ -31,6 +31,18 @@
  * two threads use at once, in a call or a list function, must be guarded by
  * the engine.
  *
+ * Cancellation: each of the four calls holds off the calling thread's
+ * cancellation (pthread_setcancelstate) for its length and then restores the
+ * caller's state. A thread cancelled inside a call finishes the call, with
+ * nothing left held or half done, and acts on the cancellation at its next
+ * cancellation point in the engine's code.
+ *
+ * fork: a forked child starts with no publisher of its own. Its first alert
+ * makes one (using the outbox when the child can take it, else memory), and
+ * its stop_alert_thread waits for that one; the parent's publisher, its
+ * outbox, connection and thread stay the parent's, untouched by the child.
+ * fork() waits until no other thread is inside the library's short guards.
+ *
  * Configuration and log: the master configuration is read afresh from
  * $KEEPSTONE_CONF (default /etc/keepstone/keepstone.conf, keepstone.conf(5))
  * whenever a value is needed; log lines go to $KSU_LOG_FILE, else stderr.

@@ -134,11 +134,20 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
       record->policyName = fieldText(vm->policy_name);
       record->evictionType = vm->evict_type;
       record->masterServerName = masterServerName;
-      backupHandler->handleRequest(record.get());
+      // The node is taken before the request goes out: once a backup runs
+      // for the VM, nothing may keep the VM from the requested list.
+      if (insert_into_vm_list(requested, vm) != KSCDP_OK) {
+        throw KSServiceException(KSCDP_ERR_INTERNAL, "No memory for the VM's node on the requested VM list");
+      }
+      try {
+        backupHandler->handleRequest(record.get());
+      } catch (...) {
+        get_from_vm_list(requested);  // the node taken above, still the head
+        throw;
+      }
 
       vm->job_id = record->jobId;
       vm->evict_state = 1;
-      insert_into_vm_list(requested, vm);
       remove_vm_from_evlist(evictList);
       jobIdText = std::to_string(record->jobId);
     } catch (const KSServiceException& e) {

@@ -21,7 +21,8 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   m_answered = false;
   m_connected = false;
   m_responseCode = 0;
-  m_body.clear();
+  m_body.text.clear();
+  m_body.tooLarge = false;
   m_errorText.clear();
   m_error[0] = '\0';
   if (m_easy == nullptr) m_easy.reset(takeEasyHandle());
@@ -33,7 +34,7 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, settings.timeoutSeconds);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, settings.connectTimeoutSeconds);
-    curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str());
+    curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.empty() ? builtInCaBundle() : settings.caFile.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers.get());
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &m_body);
     if (postBody != nullptr) {
@@ -57,8 +58,13 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
     m_answered = true;
     return result;
   }
-  m_body.clear();
-  m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
+  if (m_body.tooLarge) {
+    m_errorText = "the answer is larger than " + std::to_string(kLargestAnswer / 1024) +
+                  " KiB, more than this interface ever sends; read no further";
+  } else {
+    m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
+  }
+  m_body.text.clear();
   if (function != nullptr) {
     ksu_logmsg_str(16, function,
                    std::string(postBody != nullptr ? "POST " : "GET ") + url + " failed: " + m_errorText +

@@ -37,8 +37,9 @@ class CurlExchange {
   // Performs the exchange once: a POST of `*postBody` when given, else a
   // GET, over http or https only, with the peer and host verified. A POST is
   // sent on a connection of its own, so that libcurl never sends it a second
-  // time when a kept-alive connection turns out dead. CURLE_OK when an
-  // answer came; otherwise errorText() says why, and, unless `function` is
+  // time when a kept-alive connection turns out dead. An answer larger than
+  // kLargestAnswer is a failure, read no further. CURLE_OK when an answer
+  // came; otherwise errorText() says why, and, unless `function` is
   // null, one level-16 log line under `function` names the method, the URL
   // and the error.
   CURLcode perform(const char* function, const std::string& url, const std::string* postBody,
@@ -51,7 +52,7 @@ class CurlExchange {
 
   // The last answer's status code and body (0 and empty without an answer).
   long responseCode() const { return m_responseCode; }
-  std::string& body() { return m_body; }
+  std::string& body() { return m_body.text; }
 
   // The value of the last answer's header `name` (any case); false when it
   // has none or no answer came.
@@ -65,7 +66,7 @@ class CurlExchange {
   HeaderList m_headers;
   std::string m_postBody;
   char m_error[CURL_ERROR_SIZE];
-  std::string m_body;
+  AnswerBody m_body;
   long m_responseCode = 0;
   bool m_answered = false;
   std::string m_errorText;

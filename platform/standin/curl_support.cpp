@@ -13,6 +13,11 @@ class Share {
  public:
   Share() {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return;
+    if (CURL* probe = curl_easy_init()) {
+      char* bundle = nullptr;
+      if (curl_easy_getinfo(probe, CURLINFO_CAINFO, &bundle) == CURLE_OK && bundle != nullptr) m_caBundle = bundle;
+      curl_easy_cleanup(probe);
+    }
     m_handle = curl_share_init();
     if (m_handle == nullptr) return;
     curl_share_setopt(m_handle, CURLSHOPT_LOCKFUNC, &Share::lock);
@@ -34,6 +39,7 @@ class Share {
   Share& operator=(const Share&) = delete;
 
   CURLSH* handle() const { return m_handle; }
+  const char* caBundle() const { return m_caBundle.empty() ? nullptr : m_caBundle.c_str(); }
 
   CURL* takeIdle() {
     port::MutexLock lock(m_idleMutex);
@@ -66,6 +72,7 @@ class Share {
   // One per thread that makes requests at the same time is plenty.
   static const size_t kMaxIdle = 8;
 
+  std::string m_caBundle;  // libcurl's built-in one; empty: none
   CURLSH* m_handle = nullptr;
   // One per kind of shared data, taken and released by libcurl itself.
   std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
@@ -80,9 +87,14 @@ Share& share() {
 
 }  // namespace
 
-size_t appendToBody(char* data, size_t size, size_t count, void* body) {
+size_t appendToBody(char* data, size_t size, size_t count, void* answer) {
+  AnswerBody& body = *static_cast<AnswerBody*>(answer);
+  if (size * count > kLargestAnswer - body.text.size()) {
+    body.tooLarge = true;
+    return 0;
+  }
   try {
-    static_cast<std::string*>(body)->append(data, size * count);
+    body.text.append(data, size * count);
     return size * count;
   } catch (...) {
     return 0;
@@ -103,6 +115,8 @@ CURL* takeEasyHandle() {
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToBody);
   return easy;
 }
+
+const char* builtInCaBundle() { return share().caBundle(); }
 
 void giveBackEasyHandle(CURL* easy) {
   if (easy == nullptr) return;

@@ -29,20 +29,38 @@ namespace standin {
 // Besides libcurl's defaults a handle holds, from its making on, the options
 // that every request of the stand-ins shares: the share handle, http and
 // https only, no signals, peer and host verified, and the answer's body
-// appended to the std::string that CURLOPT_WRITEDATA names. Every other
+// appended to the AnswerBody that CURLOPT_WRITEDATA names. Every other
 // option a request sets it sets each time, as a previous request may have
 // set it otherwise.
 CURL* takeEasyHandle();
+// The CA bundle libcurl verifies peers with when a request names none, as
+// libcurl was built; null when it was built without one. A pooled handle may
+// have been given another bundle, and setting CURLOPT_CAINFO to null would
+// drop the built-in one rather than restore it.
+const char* builtInCaBundle();
 // Drops the pointers a request gave `easy` (error buffer, header list, write
 // target, request body) and keeps it, open connections included, for a
 // later takeEasyHandle(), or cleans it up when enough are kept already. Null
 // is ignored.
 void giveBackEasyHandle(CURL* easy);
 
-// A libcurl write callback appending to the std::string at `body`. Nothing
-// may unwind through libcurl: a failed append returns a short count, which
-// makes the transfer fail instead.
-size_t appendToBody(char* data, size_t size, size_t count, void* body);
+// The largest answer a stand-in reads. The jobs interface and the request
+// daemon answer a few hundred bytes; a peer that sends more than this is not
+// one of them, and reading on would only fill the engine's memory.
+const size_t kLargestAnswer = 1024 * 1024;
+
+// Where a request's answer goes: its body, and whether it was cut off for
+// passing kLargestAnswer.
+struct AnswerBody {
+  std::string text;
+  bool tooLarge = false;
+};
+
+// A libcurl write callback appending to the AnswerBody at `answer`. Nothing
+// may unwind through libcurl: an append that fails or would pass
+// kLargestAnswer returns a short count, which makes the transfer fail and
+// libcurl close its connection.
+size_t appendToBody(char* data, size_t size, size_t count, void* answer);
 
 struct HeaderListRelease {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }

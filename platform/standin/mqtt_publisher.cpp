@@ -340,39 +340,55 @@ void MqttPublisher::drainWakeups() {
 }
 
 void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code) {
-  auto* publisher = static_cast<MqttPublisher*>(self);
-  if (code != 0) {
-    publisher->m_refusedCode = code;
-    return;
+  // libmosquitto calls this from C: nothing may unwind through it.
+  try {
+    auto* publisher = static_cast<MqttPublisher*>(self);
+    if (code != 0) {
+      publisher->m_refusedCode = code;
+      return;
+    }
+    publisher->m_connected = true;
+    publisher->m_outageLogged = false;
+    publisher->m_failedInRound = 0;
+    publisher->m_retryDelay = kFirstRetryDelay;
+    const std::string& left = publisher->m_lastReached;
+    if (left.empty() || left == publisher->m_broker) {
+      ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
+    } else {
+      // A node of the cluster is gone or was passed over: the operator's business.
+      logFailure("switched from broker " + left + " to broker " + publisher->m_broker);
+    }
+    publisher->m_lastReached = publisher->m_broker;
+  } catch (...) {
+    // Only a log line could not be written; the connection stands.
   }
-  publisher->m_connected = true;
-  publisher->m_outageLogged = false;
-  publisher->m_failedInRound = 0;
-  publisher->m_retryDelay = kFirstRetryDelay;
-  const std::string& left = publisher->m_lastReached;
-  if (left.empty() || left == publisher->m_broker) {
-    ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
-  } else {
-    // A node of the cluster is gone or was passed over: the operator's business.
-    logFailure("switched from broker " + left + " to broker " + publisher->m_broker);
-  }
-  publisher->m_lastReached = publisher->m_broker;
 }
 
 void MqttPublisher::onPublish(struct mosquitto* /*client*/, void* self, int messageId) {
-  auto* publisher = static_cast<MqttPublisher*>(self);
-  const int64_t outboxId = publisher->m_events.acknowledge(messageId);
-  if (outboxId != 0) publisher->m_acknowledged.push_back(outboxId);
+  // libmosquitto calls this from C: nothing may unwind through it.
+  try {
+    auto* publisher = static_cast<MqttPublisher*>(self);
+    const int64_t outboxId = publisher->m_events.acknowledge(messageId);
+    if (outboxId != 0) publisher->m_acknowledged.push_back(outboxId);
+  } catch (...) {
+    // The event stays in the outbox and goes out again at the next start:
+    // delivered at least once, as ever.
+  }
 }
 
 void MqttPublisher::onLog(struct mosquitto* /*client*/, void* self, int level, const char* text) {
-  // libmosquitto tells why a TLS handshake failed (host name, certificate)
-  // only through its log; the first error of an attempt is the reason.
-  static const char kPrefix[] = "Error: ";
-  std::string& failure = static_cast<MqttPublisher*>(self)->m_tlsFailure;
-  if (level != MOSQ_LOG_ERR || !failure.empty()) return;
-  failure = std::strncmp(text, kPrefix, sizeof kPrefix - 1) == 0 ? text + sizeof kPrefix - 1 : text;
-  if (!failure.empty() && failure.back() == '.') failure.pop_back();
+  // libmosquitto calls this from C: nothing may unwind through it.
+  try {
+    // libmosquitto tells why a TLS handshake failed (host name, certificate)
+    // only through its log; the first error of an attempt is the reason.
+    static const char kPrefix[] = "Error: ";
+    std::string& failure = static_cast<MqttPublisher*>(self)->m_tlsFailure;
+    if (level != MOSQ_LOG_ERR || !failure.empty()) return;
+    failure = std::strncmp(text, kPrefix, sizeof kPrefix - 1) == 0 ? text + sizeof kPrefix - 1 : text;
+    if (!failure.empty() && failure.back() == '.') failure.pop_back();
+  } catch (...) {
+    // The failure is then reported without libmosquitto's reason.
+  }
 }
 
 }  // namespace standin

@@ -106,6 +106,19 @@ TEST_F(EngineCallsTest, FailingVmStaysOnTopForEveryPass) {
                                       vm30 + "Exception occured: Failed to invoke Ksqd CCT request. Return code:5"}));
 }
 
+// The requested list's node is taken before the request: without one, no
+// backup starts that the engine could not find.
+TEST_F(EngineCallsTest, NoMemoryForARequestedNodeFailsThePassBeforeAnyRequest) {
+  evictList({10, 20});
+  fake::allocator.failAt = 1;  // the next block: the node
+  EXPECT_EQ(call_evict_data(1, m_evictList, &m_requested), 0);
+  EXPECT_TRUE(fake::ksqd.calls.empty());
+  EXPECT_EQ(get_element_from_evlist(m_evictList), &m_vms[1]);
+  EXPECT_EQ(m_requested, nullptr);
+  ASSERT_EQ(fake::notifications.sent.size(), 1u);
+  EXPECT_EQ(fake::notifications.sent[0].messageKey, "eventlog.omra.ksu.cdp.eviction.failed");
+}
+
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
   evictList({10, 20});
   fake::config.readResult = 2;
