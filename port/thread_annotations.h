@@ -22,5 +22,7 @@
 // A function that takes, or gives up, the lock.
 #define ACQUIRE(...) KSCDP_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KSCDP_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+// For the fork handlers, which take a lock in one function and give it back in another.
+#define NO_THREAD_SAFETY_ANALYSIS KSCDP_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 #endif  // KSCDP_PORT_THREAD_ANNOTATIONS_H_

@@ -1,5 +1,7 @@
 #include "services/AlertServiceImpl.h"
 
+#include <pthread.h>
+
 #include <sstream>
 
 #include "platform/ksu_log.h"
@@ -121,19 +123,34 @@ int AlertServiceImpl::handleRequest(ServiceData* data) {
 }
 
 port::Mutex NotificationInterface::m_mutex;
-port::CondVar NotificationInterface::m_sendEnded;
-std::map<const NotificationSupplier*, int> NotificationInterface::m_runningSends;
+port::NoDestructor<port::CondVar> NotificationInterface::m_sendEnded;
+NotificationSupplier* NotificationInterface::m_parentsSupplier = nullptr;
+port::NoDestructor<std::map<const NotificationSupplier*, int>> NotificationInterface::m_runningSends;
+const bool NotificationInterface::m_forkHandlersRegistered =
+    pthread_atfork(&NotificationInterface::prepareFork, &NotificationInterface::parentAfterFork,
+                   &NotificationInterface::childAfterFork) == 0;
+
+void NotificationInterface::prepareFork() NO_THREAD_SAFETY_ANALYSIS { m_mutex.lock(); }
+
+void NotificationInterface::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
+
+void NotificationInterface::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
+  if (m_notificationSupplier != nullptr) m_parentsSupplier = m_notificationSupplier;
+  m_notificationSupplier = nullptr;
+  m_runningSends->clear();  // the sends of threads that the child does not have
+  m_mutex.unlock();
+}
 
 NotificationInterface::SupplierUse::~SupplierUse() {
   port::MutexLock lock(m_mutex);
-  if (--m_runningSends[m_supplier] == 0) m_runningSends.erase(m_supplier);
-  m_sendEnded.notifyAll();
+  if (--(*m_runningSends)[m_supplier] == 0) m_runningSends->erase(m_supplier);
+  m_sendEnded->notifyAll();
 }
 
 NotificationInterface::SupplierUse NotificationInterface::getInstance() {
   port::MutexLock lock(m_mutex);
   if (m_notificationSupplier == nullptr) m_notificationSupplier = new NotificationSupplier();
-  ++m_runningSends[m_notificationSupplier];
+  ++(*m_runningSends)[m_notificationSupplier];
   return SupplierUse(m_notificationSupplier);
 }
 
@@ -142,7 +159,7 @@ void NotificationInterface::destroyInstance() {
   NotificationSupplier* const supplier = m_notificationSupplier;
   m_notificationSupplier = nullptr;
   if (supplier != nullptr) {
-    m_sendEnded.wait(m_mutex, [supplier]() REQUIRES(m_mutex) { return m_runningSends.count(supplier) == 0; });
+    m_sendEnded->wait(m_mutex, [supplier]() REQUIRES(m_mutex) { return m_runningSends->count(supplier) == 0; });
   }
   m_mutex.unlock();
   if (supplier == nullptr) return;

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "port/mutex.h"
+#include "port/no_destructor.h"
 #include "services/KSUServiceImpl.h"
 
 class NotificationSupplier;
@@ -129,13 +130,23 @@ class NotificationInterface {
   static void destroyInstance() EXCLUDES(m_mutex);
 
  private:
+  // fork() waits until no supplier is being made or taken out. A child
+  // starts with none: its parent's, with its connection and thread, is the
+  // parent's, and the child neither uses, shuts down nor deletes it.
+  static void prepareFork();
+  static void parentAfterFork();
+  static void childAfterFork();
+  static const bool m_forkHandlersRegistered;
+
   // Held while a supplier is made or taken out, never across a send or a
-  // shutdown.
+  // shutdown. The holder's objects are never destroyed: an engine thread may
+  // still end a send while the process exits.
   static port::Mutex m_mutex;
-  static port::CondVar m_sendEnded;
+  static port::NoDestructor<port::CondVar> m_sendEnded;
   static NotificationSupplier* m_notificationSupplier GUARDED_BY(m_mutex);  // owned; null when absent
+  static NotificationSupplier* m_parentsSupplier;  // in a forked child: left alone, never deleted
   // Sends running on each supplier not yet deleted.
-  static std::map<const NotificationSupplier*, int> m_runningSends GUARDED_BY(m_mutex);
+  static port::NoDestructor<std::map<const NotificationSupplier*, int>> m_runningSends GUARDED_BY(m_mutex);
 };
 
 #endif  // KSCDP_SERVICES_ALERTSERVICEIMPL_H_

@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fork_hooks.h"
 #include "port/mutex.h"
+#include "port/no_destructor.h"
 
 namespace standin {
 namespace {
@@ -88,13 +90,22 @@ bool readFile(ConfigSnapshot& snapshot, std::unique_ptr<FileIdentity>& identity)
   return true;
 }
 
-// The last parse, and what the file was when it was read.
-port::Mutex g_mutex;
-std::shared_ptr<const ConfigSnapshot> g_snapshot GUARDED_BY(g_mutex);
-std::unique_ptr<FileIdentity> g_identity GUARDED_BY(g_mutex);
-bool g_racy GUARDED_BY(g_mutex) = false;  // read again on the next call whatever stat() says
+// The last parse, and what the file was when it was read. Never destroyed:
+// the publisher's thread reads the configuration while the process exits.
+struct LastRead {
+  port::Mutex mutex;
+  std::shared_ptr<const ConfigSnapshot> snapshot GUARDED_BY(mutex);
+  std::unique_ptr<FileIdentity> identity GUARDED_BY(mutex);
+  bool racy GUARDED_BY(mutex) = false;  // read again on the next call whatever stat() says
+};
+port::NoDestructor<LastRead> g_last;
+
+void lockForFork() NO_THREAD_SAFETY_ANALYSIS { g_last->mutex.lock(); }
+void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_last->mutex.unlock(); }
 
 }  // namespace
+
+const ForkHooks kConfigForkHooks = {&lockForFork, &unlockAfterFork, &unlockAfterFork};
 
 std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback) {
   const auto found = values.settings.find(key);
@@ -152,6 +163,7 @@ std::string ConfigSnapshot::problem() const {
 }
 
 std::shared_ptr<const ConfigSnapshot> currentConfig() {
+  LastRead& last = *g_last;
   auto fresh = std::make_shared<ConfigSnapshot>();
   fresh->path = configFilePath();
   struct stat status {};
@@ -160,9 +172,10 @@ std::shared_ptr<const ConfigSnapshot> currentConfig() {
     return fresh;
   }
   {
-    port::MutexLock lock(g_mutex);
-    if (g_snapshot != nullptr && !g_racy && g_snapshot->path == fresh->path && *g_identity == FileIdentity(status)) {
-      return g_snapshot;
+    port::MutexLock lock(last.mutex);
+    if (last.snapshot != nullptr && !last.racy && last.snapshot->path == fresh->path &&
+        *last.identity == FileIdentity(status)) {
+      return last.snapshot;
     }
   }
   // Read with no lock held. A file edited after its fstat() has other times
@@ -171,10 +184,10 @@ std::shared_ptr<const ConfigSnapshot> currentConfig() {
   if (!readFile(*fresh, identity)) return fresh;
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  port::MutexLock lock(g_mutex);
-  g_racy = identity->changedAround(now);
-  g_identity = std::move(identity);
-  g_snapshot = fresh;
+  port::MutexLock lock(last.mutex);
+  last.racy = identity->changedAround(now);
+  last.identity = std::move(identity);
+  last.snapshot = fresh;
   return fresh;
 }
 

@@ -1,9 +1,11 @@
 #include "curl_support.h"
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "fork_hooks.h"
 #include "port/mutex.h"
 
 namespace standin {
@@ -49,6 +51,24 @@ class Share {
     return easy;
   }
 
+  // Around fork(): no other thread is inside the pool or libcurl's shared
+  // data while the process is copied.
+  void lockForFork() NO_THREAD_SAFETY_ANALYSIS {
+    m_idleMutex.lock();
+    for (std::mutex& mutex : m_mutexes) mutex.lock();
+  }
+  void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS {
+    for (std::mutex& mutex : m_mutexes) mutex.unlock();
+    m_idleMutex.unlock();
+  }
+  // In a child, the kept handles' connections are the parent's: the child
+  // never uses them, nor closes them (a TLS goodbye would end the parent's).
+  void unlockInChild() NO_THREAD_SAFETY_ANALYSIS {
+    m_abandoned.insert(m_abandoned.end(), m_idle.begin(), m_idle.end());
+    m_idle.clear();
+    unlockAfterFork();
+  }
+
   // False when enough handles are kept already.
   bool keepIdle(CURL* easy) {
     port::MutexLock lock(m_idleMutex);
@@ -77,15 +97,31 @@ class Share {
   // One per kind of shared data, taken and released by libcurl itself.
   std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
   port::Mutex m_idleMutex;
-  std::vector<CURL*> m_idle GUARDED_BY(m_idleMutex);  // reset, waiting for reuse
+  std::vector<CURL*> m_idle GUARDED_BY(m_idleMutex);       // reset, waiting for reuse
+  std::vector<CURL*> m_abandoned GUARDED_BY(m_idleMutex);  // a forked child's parent's; never used
 };
+
+std::atomic<Share*> g_share{nullptr};  // once share() made it
 
 Share& share() {
   static Share instance;  // C++ makes this initialisation thread-safe
+  g_share.store(&instance, std::memory_order_release);
   return instance;
 }
 
+void lockForFork() {
+  if (Share* made = g_share.load(std::memory_order_acquire)) made->lockForFork();
+}
+void unlockAfterFork() {
+  if (Share* made = g_share.load(std::memory_order_acquire)) made->unlockAfterFork();
+}
+void unlockInChild() {
+  if (Share* made = g_share.load(std::memory_order_acquire)) made->unlockInChild();
+}
+
 }  // namespace
+
+const ForkHooks kCurlForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
 
 size_t appendToBody(char* data, size_t size, size_t count, void* answer) {
   AnswerBody& body = *static_cast<AnswerBody*>(answer);

@@ -3,7 +3,6 @@
 // appended to the file named by KSU_LOG_FILE, else stderr. The file is
 // reopened when it was moved or removed (logrotate's move-and-create), which
 // is noticed by comparing the open file with the path at most once a second.
-#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,14 +12,16 @@
 #include <ctime>
 #include <string>
 
+#include "fork_hooks.h"
 #include "platform/ksu_log.h"
 #include "port/mutex.h"
+#include "port/no_destructor.h"
 
 namespace {
 
 const time_t kRotationCheckSeconds = 1;
 
-// The log file as it was opened; every member is guarded by g_mutex.
+// The log file as it was opened.
 struct LogSink {
   bool opened = false;   // the first record has looked at KSU_LOG_FILE
   std::string path;      // empty: records go to stderr
@@ -30,8 +31,12 @@ struct LogSink {
   time_t nextCheck = 0;  // CLOCK_MONOTONIC_COARSE seconds
 };
 
-port::Mutex g_mutex;
-LogSink g_sink GUARDED_BY(g_mutex);
+// Never destroyed: the publisher's thread may log while the process exits.
+struct LogState {
+  port::Mutex mutex;
+  LogSink sink GUARDED_BY(mutex);
+};
+port::NoDestructor<LogState> g_state;
 
 time_t monotonicSeconds() {
   timespec now{};
@@ -57,38 +62,40 @@ bool openLogFile(LogSink& sink) {
 
 // The stream for the next record. A file that cannot be reopened keeps
 // receiving records (they are not lost, only rotated away) until it can.
-FILE* sink() REQUIRES(g_mutex) {
-  if (!g_sink.opened) {
-    g_sink.opened = true;
+FILE* sink(LogState& state) REQUIRES(state.mutex) {
+  LogSink& log = state.sink;
+  if (!log.opened) {
+    log.opened = true;
     const char* path = std::getenv("KSU_LOG_FILE");
-    if (path != nullptr && *path != '\0') g_sink.path = path;
-    if (g_sink.path.empty() || !openLogFile(g_sink)) {
-      g_sink.path.clear();
-      g_sink.file = stderr;
+    if (path != nullptr && *path != '\0') log.path = path;
+    if (log.path.empty() || !openLogFile(log)) {
+      log.path.clear();
+      log.file = stderr;
     }
-    g_sink.nextCheck = monotonicSeconds() + kRotationCheckSeconds;
-    return g_sink.file;
+    log.nextCheck = monotonicSeconds() + kRotationCheckSeconds;
+    return log.file;
   }
-  if (g_sink.path.empty()) return g_sink.file;
+  if (log.path.empty()) return log.file;
   const time_t now = monotonicSeconds();
-  if (now < g_sink.nextCheck) return g_sink.file;
-  g_sink.nextCheck = now + kRotationCheckSeconds;
+  if (now < log.nextCheck) return log.file;
+  log.nextCheck = now + kRotationCheckSeconds;
   struct stat status {};
   const bool samePath =
-      stat(g_sink.path.c_str(), &status) == 0 && status.st_dev == g_sink.device && status.st_ino == g_sink.inode;
-  if (!samePath) openLogFile(g_sink);
-  return g_sink.file;
+      stat(log.path.c_str(), &status) == 0 && status.st_dev == log.device && status.st_ino == log.inode;
+  if (!samePath) openLogFile(log);
+  return log.file;
 }
 
 // This process's id, asked of the kernel once and again in a forked child.
 std::atomic<pid_t> g_pid{0};
 
-void forgetPid() { g_pid.store(0, std::memory_order_relaxed); }
-
-// Registered when the library loads; a forked child then asks for its own id.
-struct ForgetPidInForkedChild {
-  ForgetPidInForkedChild() { pthread_atfork(nullptr, nullptr, &forgetPid); }
-} g_forgetPidInForkedChild;
+void lockForFork() NO_THREAD_SAFETY_ANALYSIS { g_state->mutex.lock(); }
+void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_state->mutex.unlock(); }
+// A child asks for its own id.
+void unlockInChild() NO_THREAD_SAFETY_ANALYSIS {
+  g_pid.store(0, std::memory_order_relaxed);
+  g_state->mutex.unlock();
+}
 
 pid_t processId() {
   pid_t pid = g_pid.load(std::memory_order_relaxed);
@@ -148,6 +155,10 @@ void appendTimestamp(std::string& out) {
 
 }  // namespace
 
+namespace standin {
+const ForkHooks kLogForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
+}  // namespace standin
+
 int ksu_logmsg_str(int level, const std::string& function, const std::string& message) {
   std::string line;
   line.reserve(64 + function.size() + message.size());
@@ -161,8 +172,9 @@ int ksu_logmsg_str(int level, const std::string& function, const std::string& me
   line += ": ";
   appendEscaped(line, message);
   line += '\n';
-  port::MutexLock lock(g_mutex);
-  FILE* out = sink();
+  LogState& state = *g_state;
+  port::MutexLock lock(state.mutex);
+  FILE* out = sink(state);
   std::fwrite(line.data(), 1, line.size(), out);
   std::fflush(out);
   return 0;

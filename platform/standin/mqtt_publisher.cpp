@@ -11,10 +11,13 @@
 #include <cstring>
 #include <exception>
 #include <system_error>
+#include <vector>
 
+#include "fork_hooks.h"
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
+#include "port/no_destructor.h"
 #include "protocol.h"
 
 namespace standin {
@@ -66,7 +69,18 @@ std::unique_ptr<Outbox> openOutbox() {
   return outbox;
 }
 
+// Every publisher of the process, for the fork handlers. Never destroyed:
+// the process may exit while a publisher lives.
+struct LivePublishers {
+  port::Mutex mutex;
+  std::vector<MqttPublisher*> publishers GUARDED_BY(mutex);
+};
+port::NoDestructor<LivePublishers> g_live;
+
 }  // namespace
+
+const ForkHooks kPublisherForkHooks = {&MqttPublisher::prepareFork, &MqttPublisher::parentAfterFork,
+                                       &MqttPublisher::childAfterFork};
 
 MqttPublisher::MqttPublisher()
     : m_outbox(openOutbox()),
@@ -92,9 +106,22 @@ MqttPublisher::MqttPublisher()
     close(m_wakeFd);
     throw;
   }
+  try {
+    port::MutexLock lock(g_live->mutex);
+    g_live->publishers.push_back(this);
+  } catch (...) {
+    stop();
+    close(m_wakeFd);
+    throw;
+  }
 }
 
 MqttPublisher::~MqttPublisher() {
+  {
+    port::MutexLock lock(g_live->mutex);
+    std::vector<MqttPublisher*>& live = g_live->publishers;
+    live.erase(std::remove(live.begin(), live.end(), this), live.end());
+  }
   stop();
   close(m_wakeFd);
 }
@@ -135,6 +162,31 @@ int MqttPublisher::publish(std::string payload) {
   }
   wake();
   return kQueued;
+}
+
+void MqttPublisher::prepareFork() NO_THREAD_SAFETY_ANALYSIS {
+  g_live->mutex.lock();
+  for (MqttPublisher* publisher : g_live->publishers) {
+    publisher->m_controlMutex.lock();
+    if (publisher->m_outbox) publisher->m_outbox->holdForFork();
+  }
+}
+
+void MqttPublisher::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS {
+  for (MqttPublisher* publisher : g_live->publishers) {
+    if (publisher->m_outbox) publisher->m_outbox->releaseAfterFork(false);
+    publisher->m_controlMutex.unlock();
+  }
+  g_live->mutex.unlock();
+}
+
+void MqttPublisher::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
+  for (MqttPublisher* publisher : g_live->publishers) {
+    if (publisher->m_outbox) publisher->m_outbox->releaseAfterFork(true);
+    publisher->m_controlMutex.unlock();
+  }
+  g_live->publishers.clear();  // the parent's, which the child never destroys
+  g_live->mutex.unlock();
 }
 
 void MqttPublisher::stop() {

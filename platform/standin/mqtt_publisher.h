@@ -63,6 +63,14 @@ class MqttPublisher {
   // or as not delivered. Later calls do nothing.
   void stop();
 
+  // The fork handlers of every publisher of the process (kPublisherForkHooks):
+  // each holds its publishing and its outbox while the process is copied; a
+  // child lets go of its parent's publishers without touching their
+  // connection, outbox or thread.
+  static void prepareFork();
+  static void parentAfterFork();
+  static void childAfterFork();
+
  private:
   using Clock = std::chrono::steady_clock;
 

@@ -124,7 +124,7 @@ Outbox::Outbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd
 
 Outbox::~Outbox() {
   closeConnections();
-  close(m_lockFd);  // after the database is closed: the next owner finds it whole
+  if (m_lockFd >= 0) close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
 
 bool Outbox::openConnections(std::string& error, bool& damaged) {
@@ -195,6 +195,16 @@ int64_t Outbox::append(const std::string& payload) {
   if (m_appendFailing) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + m_path + " stores events again");
   m_appendFailing = false;
   return sqlite3_last_insert_rowid(m_appender);
+}
+
+void Outbox::holdForFork() { m_writeMutex.lock(); }
+
+void Outbox::releaseAfterFork(bool inChild) {
+  if (inChild && m_lockFd >= 0) {
+    close(m_lockFd);
+    m_lockFd = -1;
+  }
+  m_writeMutex.unlock();
 }
 
 void Outbox::remove(const std::vector<int64_t>& ids) {

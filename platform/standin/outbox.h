@@ -50,6 +50,13 @@ class Outbox {
   // Copies the WAL into the database and syncs both: the batched sync.
   void checkpoint();
 
+  // Around fork(): holds every write in the forking thread, then lets them
+  // go. In a child, also closes the child's copy of the lock file, so that
+  // the parent's ownership ends when the parent lets it go; a child never
+  // uses its parent's outbox.
+  void holdForFork() ACQUIRE(m_writeMutex);
+  void releaseAfterFork(bool inChild) RELEASE(m_writeMutex);
+
  private:
   Outbox(std::string path, int lockFd);
 
@@ -59,7 +66,7 @@ class Outbox {
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
 
   const std::string m_path;
-  const int m_lockFd;  // holds the flock that makes this process the outbox's owner
+  int m_lockFd;  // holds the flock that makes this process the outbox's owner
 
   // The engine's threads append through their own connection; the network
   // thread reads, removes and checkpoints through the other, so a passive

@@ -1,14 +1,19 @@
 // The engine's four calls through the real libkscdp.so, loaded with dlopen as
 // the engine loads it, against the master simulator and a mosquitto broker on
 // loopback: from one thread, and from eight at once.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -228,6 +233,163 @@ TEST_F(EngineEndToEndTest, EightThreadsAtOnce) {
 
   const auto received = m_subscriber.waitForDistinct(outcome.alerts.size(), kDeliveryTimeout);
   EXPECT_EQ(std::set<std::string>(received.begin(), received.end()), outcome.alerts);
+}
+
+// A loopback peer of the jobs interface that reads a request and then, as
+// told, never answers or answers without end (chunks of 1 MiB).
+class LoopbackPeer {
+ public:
+  explicit LoopbackPeer(bool endless) {
+    bind(m_listener, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address);
+    socklen_t length = sizeof m_address;
+    getsockname(m_listener, reinterpret_cast<sockaddr*>(&m_address), &length);
+    listen(m_listener, 4);
+    m_thread = std::thread([this, endless] {
+      const int fd = accept(m_listener, nullptr, nullptr);
+      char request[4096];
+      if (fd < 0 || read(fd, request, sizeof request) <= 0 || !endless) return;
+      const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+      const std::string chunk = "100000\r\n" + std::string(1 << 20, 'x') + "\r\n";
+      for (bool open = write(fd, head.data(), head.size()) > 0; open;) open = write(fd, chunk.data(), chunk.size()) > 0;
+      close(fd);
+    });
+  }
+  ~LoopbackPeer() {
+    shutdown(m_listener, SHUT_RDWR);
+    m_thread.join();
+    close(m_listener);
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(ntohs(m_address.sin_port)); }
+
+ private:
+  sockaddr_in m_address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  const int m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::thread m_thread;
+};
+
+// A poll of job 1 against `rest_url`, on a thread of its own when asked to.
+struct Poll {
+  const EngineLibrary* library;
+  int result = -2;
+  static void* run(void* poll) {
+    auto* self = static_cast<Poll*>(poll);
+    evict_vm_info vm{};
+    vm.job_id = 1;
+    vm_node_list* requested = nullptr;
+    self->library->insert_into_vm_list(&requested, &vm);
+    self->result = self->library->call_check_eviction_progress(1, &requested);
+    self->library->delete_from_vm_list(&requested);
+    pthread_testcancel();  // the engine's next cancellation point
+    return nullptr;
+  }
+};
+
+// The VM "0...0<suffix>" of three hex digits, and whether an alert about it
+// reached `subscriber` within the delivery timeout.
+std::string vmId(const std::string& suffix) { return std::string(29, '0') + suffix; }
+bool alertArrives(testbed::MqttSubscriber& subscriber, const std::string& suffix) {
+  const std::string uuid = "00000000-0000-0000-0000-000000000" + suffix;
+  const auto names = [&uuid](const testbed::MqttSubscriber::Messages& received) {
+    return std::any_of(received.begin(), received.end(),
+                       [&uuid](const std::string& payload) { return payload.find(uuid) != std::string::npos; });
+  };
+  return names(subscriber.waitUntil(names, kDeliveryTimeout));
+}
+
+long residentMegabytes() {
+  long pages = 0, resident = 0;
+  FILE* statm = std::fopen("/proc/self/statm", "r");
+  if (statm != nullptr && std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+  if (statm != nullptr) std::fclose(statm);
+  return resident * sysconf(_SC_PAGESIZE) >> 20;
+}
+
+// The engine's process as the library lives in it: each row ends with an
+// alert raised by the process, which must arrive.
+TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
+  const std::string config =
+      "server = 127.0.0.1\nhost_name = cdp-e2e\nhttp_timeout = 2\nbroker = " + m_broker.address() +
+      "\noutbox = " + integration::scratchPath("e2e-outbox.db") + "\n";
+  const std::string log = integration::logText();
+  const struct {
+    const char* name;
+    std::function<void()> run;
+  } cases[] = {
+      {"a forked child raises and stops on a publisher of its own",
+       [&] {
+         m_library.raise_backup_alert(vmId("f01").c_str(), 501, "");
+         const pid_t child = fork();
+         if (child == 0) {
+           const Clock::time_point start = Clock::now();
+           m_library.raise_backup_alert(vmId("f02").c_str(), 501, "");
+           m_library.stop_alert_thread();
+           _exit(Clock::now() - start < std::chrono::seconds(4) ? 0 : 1);
+         }
+         int status = -1;
+         waitpid(child, &status, 0);
+         EXPECT_EQ(status, 0) << "the child's stop did not see its alert acknowledged";
+         EXPECT_TRUE(alertArrives(m_subscriber, "f01"));
+         EXPECT_TRUE(alertArrives(m_subscriber, "f02"));
+       }},
+      {"a poller cancelled inside a call",
+       [&] {
+         const LoopbackPeer silent(false);
+         integration::writeConfig(config + "rest_url = " + silent.url() + "\n");
+         Poll poll{&m_library};
+         pthread_t thread;
+         ASSERT_EQ(pthread_create(&thread, nullptr, &Poll::run, &poll), 0);
+         std::this_thread::sleep_for(std::chrono::milliseconds(300));
+         pthread_cancel(thread);
+         void* ended = nullptr;
+         pthread_join(thread, &ended);
+         EXPECT_EQ(ended, PTHREAD_CANCELED);
+         EXPECT_NE(poll.result, 0);
+       }},
+      {"an answer without end",
+       [&] {
+         const LoopbackPeer endless(true);
+         integration::writeConfig(config + "rest_url = " + endless.url() + "\n");
+         const long before = residentMegabytes();
+         Poll poll{&m_library};
+         Poll::run(&poll);
+         EXPECT_NE(poll.result, 0);
+         EXPECT_LT(residentMegabytes() - before, 64);
+         EXPECT_NE(integration::logText().find("the answer is larger than 1024 KiB"), std::string::npos);
+       }},
+      {"thirty loads and unloads",
+       [&] {
+         for (int i = 0; i < 30; ++i) {
+           m_library.unload();
+           std::string error;
+           ASSERT_TRUE(m_library.load(KSCDP_LIBRARY_PATH, error)) << error;
+           m_library.raise_backup_alert(vmId("f03").c_str(), 501, "");
+           m_library.stop_alert_thread();
+         }
+       }},
+      {"a process that exits without a stop",
+       [&] {
+         const pid_t child = fork();
+         if (child == 0) {
+           m_library.raise_backup_alert(vmId("f04").c_str(), 501, "");
+           std::exit(0);  // as a return from main
+         }
+         int status = -1;
+         waitpid(child, &status, 0);
+         EXPECT_EQ(status, 0);
+       }},
+  };
+  int row = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    integration::writeConfig(config);
+    c.run();
+    integration::writeConfig(config);
+    const std::string after = "ff" + std::to_string(row++);
+    EXPECT_EQ(m_library.raise_backup_alert(vmId(after).c_str(), 503, ""), 0);
+    EXPECT_EQ(m_library.stop_alert_thread(), 0);
+    EXPECT_TRUE(alertArrives(m_subscriber, after));
+  }
+  EXPECT_EQ(integration::logText().find("not acknowledged", log.size()), std::string::npos);
 }
 
 }  // namespace
