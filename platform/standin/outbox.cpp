@@ -27,8 +27,32 @@ const char kSetUp[] =
     "PRAGMA journal_mode = WAL;"
     "PRAGMA synchronous = NORMAL;"
     "PRAGMA wal_autocheckpoint = 0;"
-    "PRAGMA journal_size_limit = 4194304;"
-    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL);";
+    "PRAGMA journal_size_limit = 4194304;";
+
+// The file's schema, in PRAGMA user_version. Version 1 records when each
+// event was raised (seconds since the epoch; 0 for an event of an older
+// file). Version 0 is a new file, or one of the release before, which kept
+// no version: both are brought to version 1 in place, events kept.
+const int kSchemaVersion = 1;
+const char kUpgradeFromVersion0[] =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL);"
+    "ALTER TABLE events ADD COLUMN raised INTEGER NOT NULL DEFAULT 0;"
+    "PRAGMA user_version = 1;"
+    "COMMIT;";
+
+// The file's schema version, or -1 when it cannot be read.
+int schemaVersion(sqlite3* db, int& code) {
+  sqlite3_stmt* statement = nullptr;
+  int version = -1;
+  code = sqlite3_prepare_v2(db, "PRAGMA user_version", -1, &statement, nullptr);
+  if (code == SQLITE_OK && (code = sqlite3_step(statement)) == SQLITE_ROW) {
+    version = sqlite3_column_int(statement, 0);
+    code = SQLITE_OK;
+  }
+  sqlite3_finalize(statement);
+  return version;
+}
 
 bool isDamage(int code) { return (code & 0xff) == SQLITE_NOTADB || (code & 0xff) == SQLITE_CORRUPT; }
 
@@ -41,10 +65,10 @@ std::string utcStamp() {
   return text;
 }
 
-// Renames the database and its WAL and index aside, so that the sqlite3
-// shell still reads the set-aside copy whole. The name of the copy, or empty.
-std::string setAside(const std::string& path, std::string& error) {
-  const std::string aside = path + ".damaged-" + utcStamp();
+// Renames the database and its WAL and index aside as "<path>.<kind>-<UTC
+// time>", so that the sqlite3 shell still reads the set-aside copy whole. The name of the copy, or empty.
+std::string setAside(const std::string& path, const char* kind, std::string& error) {
+  const std::string aside = path + "." + kind + "-" + utcStamp();
   if (std::rename(path.c_str(), aside.c_str()) != 0) {
     error = "cannot rename it aside: " + std::string(std::strerror(errno));
     return std::string();
@@ -107,16 +131,17 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error
     return nullptr;
   }
   std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
-  bool damaged = false;
-  if (outbox->openConnections(error, damaged)) return outbox;
-  if (!damaged) return nullptr;
+  Unusable unusable = Unusable::kNo;
+  if (outbox->openConnections(error, unusable)) return outbox;
+  if (unusable == Unusable::kNo) return nullptr;
   outbox->closeConnections();
-  const std::string aside = setAside(path, error);
+  const bool newer = unusable == Unusable::kNewer;
+  const std::string aside = setAside(path, newer ? "unknown" : "damaged", error);
   if (aside.empty()) return nullptr;
-  ksu_logmsg_str(
-      kFailureLevel, kLogFunction,
-      "the outbox " + path + " was damaged (" + error + "): set aside as " + aside + ", a new one is started");
-  if (outbox->openConnections(error, damaged)) return outbox;
+  ksu_logmsg_str(kFailureLevel, kLogFunction,
+                 "the outbox " + path + (newer ? " was written by a newer release (" : " was damaged (") + error +
+                     "): set aside as " + aside + ", a new one is started");
+  if (outbox->openConnections(error, unusable)) return outbox;
   return nullptr;
 }
 
@@ -127,21 +152,34 @@ Outbox::~Outbox() {
   if (m_lockFd >= 0) close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
 
-bool Outbox::openConnections(std::string& error, bool& damaged) {
+bool Outbox::openConnections(std::string& error, Unusable& unusable) {
   int code = SQLITE_OK;
-  damaged = false;
+  unusable = Unusable::kNo;
   if (!openConnection(m_path, m_remover, code, error)) {
-    damaged = isDamage(code);
+    if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
   const std::string verdict = quickCheck(m_remover, code);
   if (verdict != "ok") {
-    damaged = code == SQLITE_OK || isDamage(code);
+    if (code == SQLITE_OK || isDamage(code)) unusable = Unusable::kDamaged;
     error = verdict;
     return false;
   }
+  const int version = schemaVersion(m_remover, code);
+  if (version > kSchemaVersion) {
+    unusable = Unusable::kNewer;
+    error = "schema version " + std::to_string(version) + "; this release knows " + std::to_string(kSchemaVersion);
+    return false;
+  }
+  if (version == 0) code = sqlite3_exec(m_remover, kUpgradeFromVersion0, nullptr, nullptr, nullptr);
+  if (version < 0 || code != SQLITE_OK) {
+    error = sqlite3_errmsg(m_remover);
+    sqlite3_exec(m_remover, "ROLLBACK", nullptr, nullptr, nullptr);
+    if (isDamage(code)) unusable = Unusable::kDamaged;
+    return false;
+  }
   if (!openConnection(m_path, m_appender, code, error)) return false;
-  code = sqlite3_prepare_v2(m_appender, "INSERT INTO events (payload) VALUES (?)", -1, &m_insert, nullptr);
+  code = sqlite3_prepare_v2(m_appender, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
   if (code == SQLITE_OK)
     code = sqlite3_prepare_v2(m_remover, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
@@ -184,6 +222,7 @@ std::vector<Outbox::Event> Outbox::waiting() {
 int64_t Outbox::append(const std::string& payload) {
   port::MutexLock lock(m_writeMutex);
   sqlite3_bind_blob(m_insert, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
+  sqlite3_bind_int64(m_insert, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
   const int code = sqlite3_step(m_insert);
   if (code != SQLITE_DONE) {
     logFailure(m_appendFailing, m_appender, "cannot store events in the outbox " + m_path,

@@ -31,7 +31,9 @@ class Outbox {
 
   // Opens the outbox at `path`, creating the file and its directory when
   // missing. A file that is not a database, or a damaged one, is renamed
-  // aside with a time stamp (logged) and a new one started. Null, with the
+  // aside with a time stamp (logged) and a new one started; so is one that a
+  // newer release wrote, whose events this one cannot know how to read. An
+  // outbox of the release before is upgraded in place. Null, with the
   // reason in `error`, when the outbox cannot be used.
   static std::unique_ptr<Outbox> open(const std::string& path, std::string& error);
   ~Outbox();
@@ -60,7 +62,9 @@ class Outbox {
  private:
   Outbox(std::string path, int lockFd);
 
-  bool openConnections(std::string& error, bool& damaged);
+  // Why an outbox file cannot be used and is set aside.
+  enum class Unusable { kNo, kDamaged, kNewer };
+  bool openConnections(std::string& error, Unusable& unusable);
   void closeConnections();
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);

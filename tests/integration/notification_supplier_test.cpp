@@ -5,6 +5,7 @@
 #include <mosquitto.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -329,18 +330,24 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   const std::string blocker = integration::scratchPath("a-file");
   std::ofstream(blocker) << "not a directory";
   const std::string damaged = integration::scratchPath("damaged.db");
+  const std::string newer = integration::scratchPath("newer.db");
   const std::string garbage(10000, 'x');
   const struct {
     std::string outbox;
     bool holdIt;       // another publisher has it open
     bool damageIt;     // the file is not a database
+    std::string sql;   // run on the file first
     std::string logs;  // level 16
   } cases[] = {
-      {blocker + "/outbox.db", false, false,
+      {blocker + "/outbox.db", false, false, "",
        "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
-      {testOutbox(), true, false, "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
-      {damaged, false, true,
+      {testOutbox(), true, false, "", "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
+      {damaged, false, true, "",
        "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged + ".damaged-"},
+      {newer, false, false, "PRAGMA user_version = 2;",
+       "the outbox " + newer +
+           " was written by a newer release (schema version 2; this release knows 1): set aside as " + newer +
+           ".unknown-"},
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;
@@ -348,6 +355,9 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   for (const auto& c : cases) {
     integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + c.outbox + "\n");
     if (c.damageIt) std::ofstream(c.outbox) << garbage;
+    if (!c.sql.empty()) {
+      ASSERT_EQ(std::system(("sqlite3 " + c.outbox + " '" + c.sql + "'").c_str()), 0);
+    }
     std::unique_ptr<NotificationSupplier> holder(c.holdIt ? new NotificationSupplier : nullptr);
     NotificationSupplier supplier;
     sendNumbered(&supplier, number + 1, number + 3, sent);
@@ -356,10 +366,33 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
     EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + c.logs)) << c.outbox;
   }
   std::vector<std::string> setAside;
-  for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath("")))
-    if (entry.path().filename().string().rfind("damaged.db.damaged-", 0) == 0) setAside.push_back(entry.path());
-  ASSERT_EQ(setAside.size(), 1u);
+  for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath(""))) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind("damaged.db.damaged-", 0) == 0 || name.rfind("newer.db.unknown-", 0) == 0) {
+      setAside.push_back(entry.path());
+    }
+  }
+  ASSERT_EQ(setAside.size(), 2u);
+  std::sort(setAside.begin(), setAside.end());
   EXPECT_EQ(integration::fileText(setAside[0]), garbage);
+}
+
+TEST_F(NotificationSupplierTest, AnOutboxOfTheReleaseBeforeIsUpgradedAndItsEventsGoFirst) {
+  BrokerWithSubscriber rig({});
+  const std::string load = "sqlite3 " + testOutbox() + " < " KSCDP_TEST_DATA_DIR "/outbox_unversioned.sql";
+  ASSERT_EQ(std::system((load + " >/dev/null").c_str()), 0);
+  Messages sent;
+  sendNumbered(nullptr, 1, 3, sent);
+  NotificationSupplier supplier;
+  sendNumbered(&supplier, 4, 5, sent);
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  supplier.shutdown();
+  FILE* version = popen(("sqlite3 " + testOutbox() + " 'PRAGMA user_version'").c_str(), "r");
+  ASSERT_NE(version, nullptr);
+  int number = -1;
+  EXPECT_EQ(std::fscanf(version, "%d", &number), 1);
+  pclose(version);
+  EXPECT_EQ(number, 1);
 }
 
 // A TLS broker that wants a client certificate and a password: each row is

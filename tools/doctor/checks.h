@@ -39,6 +39,10 @@ CheckResult checkOutbox(const Configuration& configuration);
 // of it would only repeat that failure.
 bool isUnresolvedMaster(const std::string& host, const Configuration& configuration, bool masterResolves);
 
+// True when the REST interface, the request daemon or a broker is reached by
+// the master's name: a default rest_url or ksqd_url, or an address that names
+// it. Only then can the name's failure to resolve fail this host.
+bool linksUseMastersName(const Configuration& configuration);
 extern const char kUnresolvedMasterReason[];
 extern const char kNoMasterReason[];
 

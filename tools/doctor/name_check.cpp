@@ -61,14 +61,20 @@ CheckResult checkMasterName(const Configuration& configuration, bool& resolves) 
   const auto lookup = std::make_shared<Lookup>();
   std::thread(resolve, configuration.master(), lookup).detach();
   std::unique_lock<std::mutex> lock(lookup->mutex);
+  std::string failure;
+  std::string action;
   if (!lookup->finished.wait_for(lock, kLookupTime, [&] { return lookup->done; })) {
-    return failedResult(kId, kTitle, configuration.master() + " did not resolve within 2 s",
-                        "check that the name servers of /etc/resolv.conf answer from this host");
+    failure = configuration.master() + " did not resolve within 2 s";
+    action = "check that the name servers of /etc/resolv.conf answer from this host";
+  } else if (lookup->error != 0) {
+    failure = configuration.master() + " does not resolve: " + gai_strerror(lookup->error);
+    action = "correct the server line of " + configuration.path + ", or make the name known to DNS or /etc/hosts";
   }
-  if (lookup->error != 0) {
-    return failedResult(
-        kId, kTitle, configuration.master() + " does not resolve: " + gai_strerror(lookup->error),
-        "correct the server line of " + configuration.path + ", or make the name known to DNS or /etc/hosts");
+  if (!failure.empty() && linksUseMastersName(configuration)) return failedResult(kId, kTitle, failure, action);
+  if (!failure.empty()) {
+    return warningResult(kId, kTitle,
+                         failure + "; it does not matter here: rest_url, ksqd_url and broker name other hosts",
+                         action + " before a link falls back to the master's name");
   }
   resolves = true;
   return okResult(kId, kTitle, configuration.master() + " resolves to " + lookup->address);

@@ -1,4 +1,9 @@
 #include "checks.h"
+#include "platform/standin/broker_settings.h"
+#include "platform/standin/ksqd_url.h"
+#include "platform/standin/service_url.h"
+#include "rest/KeepstoneRestApi.h"
+#include "url_parts.h"
 
 namespace doctor {
 
@@ -7,6 +12,28 @@ const char kNoMasterReason[] = "needs a configuration file that names a master s
 
 bool isUnresolvedMaster(const std::string& host, const Configuration& configuration, bool masterResolves) {
   return !masterResolves && host == configuration.master();
+}
+
+bool linksUseMastersName(const Configuration& configuration) {
+  const std::string master = configuration.master();
+  std::string url;
+  std::string problem;
+  UrlParts where;
+  const std::string restDefault = "https://" + standin::hostAndPort(master, keepstone_rest::kPort);
+  if (standin::serviceBaseUrl(configuration.values, "rest_url", restDefault, url, problem) && splitUrl(url, where) &&
+      where.host == master) {
+    return true;
+  }
+  if (standin::ksqdRequestUrl(configuration.values, master, 0, url, problem) && splitUrl(url, where) &&
+      where.host == master) {
+    return true;
+  }
+  standin::BrokerSettings broker;
+  if (!standin::brokerSettings(configuration, broker, problem)) return false;  // the broker check says why
+  for (const standin::BrokerAddress& address : broker.addresses) {
+    if (address.host == master) return true;
+  }
+  return false;
 }
 
 }  // namespace doctor
