@@ -159,6 +159,32 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   for (const master_sim::RecordedRequest& request : m_master.requests()) EXPECT_EQ(request.method, "GET");
 }
 
+// Five alerts that a killed engine left waiting: counted, with the oldest's
+// age and the bytes on disk, in the text and as numbers, and the file left
+// as it was.
+TEST_F(DoctorTest, TellsWhatWaitsInTheOutbox) {
+  writeConfig(kAllWell);
+  const std::string outbox = integration::scratchPath("outbox.db");
+  std::remove(outbox.c_str());
+  const std::string fill =
+      "sqlite3 " + outbox +
+      " 'PRAGMA journal_mode = WAL; CREATE TABLE events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL, raised "
+      "INTEGER NOT NULL DEFAULT 0); PRAGMA user_version = 1; INSERT INTO events (payload, raised) VALUES "
+      "(1, unixepoch() - 600), (2, unixepoch() - 60), (3, 0), (4, unixepoch()), (5, unixepoch());' >/dev/null";
+  ASSERT_EQ(std::system(fill.c_str()), 0);
+  const std::string before = integration::fileText(outbox);
+
+  const DoctorRun text = runDoctor("");
+  EXPECT_NE(text.output.find("5 alerts wait, the oldest raised 60"), std::string::npos) << text.output;
+  const DoctorRun json = runDoctor("--json");
+  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(json.output.c_str(), 0, nullptr), json_decref);
+  json_t* check = json_array_get(json_object_get(document.get(), "checks"), 6);
+  EXPECT_EQ(json_integer_value(json_object_get(check, "waiting")), 5);
+  EXPECT_GE(json_integer_value(json_object_get(check, "oldestAgeSeconds")), 600);
+  EXPECT_GE(json_integer_value(json_object_get(check, "bytesOnDisk")), static_cast<json_int_t>(before.size()));
+  EXPECT_EQ(integration::fileText(outbox), before);
+}
+
 TEST_F(DoctorTest, UnknownArgumentIsBadUsage) { EXPECT_EQ(runDoctor("--no-such-option 2>/dev/null").exitStatus, 2); }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #define KSCDP_TOOLS_DOCTOR_CHECK_RESULT_H_
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace doctor {
 
@@ -17,6 +19,8 @@ struct CheckResult {
   Status status = Status::kOk;
   std::string detail;  // what was found
   std::string action;  // what to do; set for every warning and failure
+  // Figures the detail tells, also given as numbers to a program (--json).
+  std::vector<std::pair<std::string, long long>> figures;
 };
 
 CheckResult okResult(const std::string& id, const std::string& title, const std::string& detail);

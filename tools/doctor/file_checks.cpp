@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "checks.h"
+#include "outbox_backlog.h"
 #include "platform/standin/outbox_settings.h"
 
 namespace doctor {
@@ -33,6 +34,24 @@ int writableProblem(const std::string& path, int flags, bool& inDirectory) {
   if (errno != ENOENT) return errno;
   inDirectory = true;
   return access(directoryOf(path).c_str(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
+// The outbox's line once it can be written: what waits there.
+CheckResult backlogResult(const char* id, const char* title, const std::string& outbox) {
+  OutboxBacklog backlog;
+  std::string error;
+  if (!readOutboxBacklog(outbox, backlog, error)) {
+    return warningResult(id, title, outbox + " can be written but not read: " + error,
+                         "look at it with the sqlite3 shell; the engine sets a damaged outbox aside by itself");
+  }
+  std::string detail = outbox + " can be written; ";
+  detail += backlog.waiting == 0 ? "no alert waits" : std::to_string(backlog.waiting) + " alerts wait";
+  if (backlog.oldestSeconds >= 0) detail += ", the oldest raised " + std::to_string(backlog.oldestSeconds) + " s ago";
+  detail += "; " + std::to_string(backlog.bytesOnDisk) + " bytes on disk";
+  CheckResult result = okResult(id, title, detail);
+  result.figures = {{"waiting", backlog.waiting}, {"bytesOnDisk", backlog.bytesOnDisk}};
+  if (backlog.oldestSeconds >= 0) result.figures.emplace_back("oldestAgeSeconds", backlog.oldestSeconds);
+  return result;
 }
 
 }  // namespace
@@ -73,7 +92,8 @@ CheckResult checkOutbox(const Configuration& configuration) {
     problem = errno;
     inDirectory = true;
   }
-  if (problem == 0) return okResult(kId, kTitle, outbox + (inDirectory ? " can be created" : " can be written"));
+  if (problem == 0 && inDirectory) return okResult(kId, kTitle, outbox + " can be created; no alert waits");
+  if (problem == 0) return backlogResult(kId, kTitle, outbox);
   const std::string where = inDirectory ? "directory " + directoryOf(outbox) : outbox;
   return warningResult(
       kId, kTitle,

@@ -21,6 +21,12 @@ json_t* checkObject(const CheckResult& result) {
     json_decref(check);
     return nullptr;
   }
+  for (const auto& [name, value] : result.figures) {
+    if (check != nullptr && json_object_set_new(check, name.c_str(), json_integer(value)) != 0) {
+      json_decref(check);
+      return nullptr;
+    }
+  }
   return check;
 }
 

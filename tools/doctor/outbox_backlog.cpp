@@ -1,0 +1,62 @@
+#include "outbox_backlog.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <ctime>
+#include <memory>
+
+namespace doctor {
+namespace {
+
+const int kBusyTimeoutMs = 2000;  // the engine's write transactions are short
+
+struct ConnectionClose {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+
+struct StatementFinalize {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
+long long fileSize(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? static_cast<long long>(status.st_size) : 0;
+}
+
+}  // namespace
+
+bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error) {
+  backlog = OutboxBacklog();
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return true;
+  for (const char* suffix : {"", "-wal", "-shm"}) backlog.bytesOnDisk += fileSize(path + suffix);
+
+  sqlite3* opened = nullptr;
+  const int code = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  const std::unique_ptr<sqlite3, ConnectionClose> db(opened);
+  if (code != SQLITE_OK) {
+    error = db != nullptr ? sqlite3_errmsg(db.get()) : sqlite3_errstr(code);
+    return false;
+  }
+  sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
+  // An outbox of the release before has no time raised; a new file no table.
+  sqlite3_stmt* prepared = nullptr;
+  if (sqlite3_prepare_v2(db.get(), "SELECT count(*), min(NULLIF(raised, 0)) FROM events", -1, &prepared, nullptr) !=
+      SQLITE_OK) {
+    sqlite3_prepare_v2(db.get(), "SELECT count(*), NULL FROM events", -1, &prepared, nullptr);
+  }
+  const std::unique_ptr<sqlite3_stmt, StatementFinalize> count(prepared);
+  if (count == nullptr) return true;
+  if (sqlite3_step(count.get()) != SQLITE_ROW) {
+    error = sqlite3_errmsg(db.get());
+    return false;
+  }
+  backlog.waiting = sqlite3_column_int64(count.get(), 0);
+  if (sqlite3_column_type(count.get(), 1) != SQLITE_NULL) {
+    backlog.oldestSeconds = static_cast<long long>(std::time(nullptr)) - sqlite3_column_int64(count.get(), 1);
+  }
+  return true;
+}
+
+}  // namespace doctor
