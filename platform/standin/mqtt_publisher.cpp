@@ -329,7 +329,7 @@ void MqttPublisher::tidyOutbox(Clock::time_point now) {
   if (!m_outbox) return;
   m_outbox->remove(m_acknowledged);
   m_acknowledged.clear();
-  if (now < m_nextCheckpoint) return;
+  if (now < m_nextCheckpoint && !m_outbox->walPastBound()) return;
   m_outbox->checkpoint();
   m_nextCheckpoint = now + kCheckpointInterval;
 }

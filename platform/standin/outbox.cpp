@@ -179,6 +179,8 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
     return false;
   }
   if (!openConnection(m_path, m_appender, code, error)) return false;
+  sqlite3_wal_hook(m_appender, &Outbox::onWalCommit, this);
+  sqlite3_wal_hook(m_remover, &Outbox::onWalCommit, this);
   code = sqlite3_prepare_v2(m_appender, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
   if (code == SQLITE_OK)
     code = sqlite3_prepare_v2(m_remover, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
@@ -263,10 +265,38 @@ void Outbox::remove(const std::vector<int64_t>& ids) {
     return;
   }
   m_removeFailing = false;
+  sqlite3_stmt* any = nullptr;
+  m_drained = sqlite3_prepare_v2(m_remover, "SELECT 1 FROM events LIMIT 1", -1, &any, nullptr) == SQLITE_OK &&
+              sqlite3_step(any) == SQLITE_DONE;
+  sqlite3_finalize(any);
+}
+
+int Outbox::onWalCommit(void* outbox, sqlite3* /*db*/, const char* /*name*/, int frames) noexcept {
+  static_cast<Outbox*>(outbox)->m_walFrames.store(frames, std::memory_order_relaxed);
+  return SQLITE_OK;
 }
 
 void Outbox::checkpoint() {
-  sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  if (!walPastBound() && !m_drained) {
+    sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    return;
+  }
+  port::MutexLock lock(m_writeMutex);
+  shrink();
+}
+
+void Outbox::shrink() {
+  if (m_drained) {
+    m_drained = false;
+    sqlite3_stmt* pages = nullptr;
+    const bool large = sqlite3_prepare_v2(m_remover, "PRAGMA page_count", -1, &pages, nullptr) == SQLITE_OK &&
+                       sqlite3_step(pages) == SQLITE_ROW && sqlite3_column_int(pages, 0) > kVacuumAbovePages;
+    sqlite3_finalize(pages);
+    if (large) sqlite3_exec(m_remover, "VACUUM", nullptr, nullptr, nullptr);
+  }
+  if (sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
+    m_walFrames.store(0, std::memory_order_relaxed);
+  }
 }
 
 void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence) {

@@ -3,6 +3,7 @@
 #ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_H_
 #define KSCDP_PLATFORM_STANDIN_OUTBOX_H_
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -49,8 +50,14 @@ class Outbox {
   int64_t append(const std::string& payload);
   // Removes the events with these ids, in one transaction.
   void remove(const std::vector<int64_t>& ids);
-  // Copies the WAL into the database and syncs both: the batched sync.
+  // Copies the WAL into the database and syncs both: the batched sync. Once
+  // the WAL has passed its bound, also truncates it, holding appends off
+  // meanwhile; and once the outbox is empty after a large backlog, gives the
+  // space back. The network thread's.
   void checkpoint();
+  // Whether the WAL has passed its bound: the network thread should
+  // checkpoint now rather than at its next turn. Thread-safe.
+  bool walPastBound() const { return m_walFrames.load(std::memory_order_relaxed) > kWalBoundFrames; }
 
   // Around fork(): holds every write in the forking thread, then lets them
   // go. In a child, also closes the child's copy of the lock file, so that
@@ -61,6 +68,18 @@ class Outbox {
 
  private:
   Outbox(std::string path, int lockFd);
+
+  // About 4 MiB of WAL with SQLite's 4 KiB pages: what the outbox may hold
+  // beyond its database file while no broker acknowledges anything.
+  static const int kWalBoundFrames = 1024;
+  // After a drain, a database larger than this (in pages) is vacuumed.
+  static const int kVacuumAbovePages = 256;
+
+  // SQLite's WAL hook: notes the WAL's length after each commit. Called from
+  // C; nothing unwinds through it.
+  static int onWalCommit(void* outbox, sqlite3* db, const char* name, int frames) noexcept;
+  // Truncating checkpoint, then VACUUM when the outbox is empty and large.
+  void shrink() REQUIRES(m_writeMutex);
 
   // Why an outbox file cannot be used and is set aside.
   enum class Unusable { kNo, kDamaged, kNewer };
@@ -84,6 +103,8 @@ class Outbox {
   sqlite3* m_remover = nullptr;  // the network thread's
   sqlite3_stmt* m_delete = nullptr;
   bool m_removeFailing = false;
+  bool m_drained = false;  // the last removal left the outbox empty
+  std::atomic<int> m_walFrames{0};
 };
 
 }  // namespace standin

@@ -304,6 +304,43 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
+// The bytes of every file of the outbox at `path`: database, WAL, index.
+long long outboxBytes(const std::string& path) {
+  long long bytes = 0;
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::error_code missing;
+    const auto size = std::filesystem::file_size(path + suffix, missing);
+    if (!missing) bytes += static_cast<long long>(size);
+  }
+  return bytes;
+}
+
+// With the broker away, the outbox takes at most 2 bytes of disk per byte
+// of payload, plus 8 MiB; once the backlog is delivered, in order, it gives
+// the space back.
+TEST_F(NotificationSupplierTest, TheOutboxStaysSmallWhileItFillsAndShrinksWhenDrained) {
+  BrokerWithSubscriber rig(kKeepSessions);
+  rig.broker.stop();
+  NotificationSupplier supplier;
+  Messages sent;
+  long long payloadBytes = 0;
+  for (int n = 1; n <= 12000; ++n) {
+    NotificationEvent event = numbered(n);
+    event.attributes["note"] = std::string(1000, 'n');
+    ASSERT_EQ(supplier.send_notification(event), 0);
+    sent.push_back(standin::notificationPayload(event));
+    payloadBytes += static_cast<long long>(sent.back().size());
+  }
+  EXPECT_LE(outboxBytes(testOutbox()), 2 * payloadBytes + (8 << 20));
+  rig.broker.start();
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
+  while (outboxBytes(testOutbox()) > (4 << 20) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_LE(outboxBytes(testOutbox()), 4 << 20);
+  supplier.shutdown();
+}
+
 // Writes past 64 KiB fail, as on a full disk: the events the outbox cannot
 // take wait in memory, with one line for each run of failures.
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
