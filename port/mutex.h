@@ -21,6 +21,7 @@ class CAPABILITY("mutex") Mutex {
   void unlock() RELEASE() { m_mutex.unlock(); }
 
  private:
+  friend class CondVar;
   std::mutex m_mutex;
 };
 
@@ -37,16 +38,19 @@ class SCOPED_CAPABILITY MutexLock {
 };
 
 // Waits on a Mutex the caller holds; the wait gives it up and takes it back.
+// Allocates nothing, so that one which is never destroyed leaks nothing.
 class CondVar {
  public:
   void notifyAll() { m_condition.notify_all(); }
   template <typename Predicate>
   void wait(Mutex& mutex, Predicate done) REQUIRES(mutex) {
-    m_condition.wait(mutex, done);
+    std::unique_lock<std::mutex> held(mutex.m_mutex, std::adopt_lock);
+    m_condition.wait(held, done);
+    held.release();  // the caller still holds it
   }
 
  private:
-  std::condition_variable_any m_condition;
+  std::condition_variable m_condition;
 };
 
 }  // namespace port

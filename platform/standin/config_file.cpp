@@ -12,6 +12,7 @@
 #include "fork_hooks.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
+#include "unload.h"
 
 namespace standin {
 namespace {
@@ -189,6 +190,13 @@ std::shared_ptr<const ConfigSnapshot> currentConfig() {
   last.identity = std::move(identity);
   last.snapshot = fresh;
   return fresh;
+}
+
+void releaseConfigSnapshot() {
+  port::MutexLock lock(g_last->mutex);
+  g_last->snapshot.reset();
+  g_last->identity.reset();
+  g_last->racy = false;
 }
 
 }  // namespace standin

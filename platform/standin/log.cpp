@@ -16,6 +16,7 @@
 #include "platform/ksu_log.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
+#include "unload.h"
 
 namespace {
 
@@ -156,7 +157,18 @@ void appendTimestamp(std::string& out) {
 }  // namespace
 
 namespace standin {
+
 const ForkHooks kLogForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
+
+void releaseLogSink() {
+  port::MutexLock lock(g_state->mutex);
+  LogSink& sink = g_state->sink;
+  if (sink.file != nullptr && sink.file != stderr) std::fclose(sink.file);
+  sink.file = nullptr;
+  std::string().swap(sink.path);
+  sink.opened = false;
+}
+
 }  // namespace standin
 
 int ksu_logmsg_str(int level, const std::string& function, const std::string& message) {

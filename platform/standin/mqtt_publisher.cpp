@@ -19,6 +19,7 @@
 #include "platform/ksu_log.h"
 #include "port/no_destructor.h"
 #include "protocol.h"
+#include "unload.h"
 
 namespace standin {
 namespace {
@@ -187,6 +188,13 @@ void MqttPublisher::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
   }
   g_live->publishers.clear();  // the parent's, which the child never destroys
   g_live->mutex.unlock();
+}
+
+bool releasePublisherRegistry() {
+  port::MutexLock lock(g_live->mutex);
+  if (!g_live->publishers.empty()) return false;
+  std::vector<MqttPublisher*>().swap(g_live->publishers);
+  return true;
 }
 
 void MqttPublisher::stop() {

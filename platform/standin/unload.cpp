@@ -1,0 +1,18 @@
+// Gives back the stand-ins' process-wide state when the library is unloaded,
+// or when the process exits with no publisher left.
+#include "unload.h"
+
+namespace standin {
+namespace {
+
+struct ReleaseAtUnload {
+  ~ReleaseAtUnload() {
+    // A live publisher's thread may still log and read the configuration.
+    if (!releasePublisherRegistry()) return;
+    releaseConfigSnapshot();
+    releaseLogSink();
+  }
+} g_releaseAtUnload;
+
+}  // namespace
+}  // namespace standin
