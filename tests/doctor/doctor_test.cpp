@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "case_table.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
 #include "standin_environment.h"
@@ -85,46 +86,10 @@ class DoctorTest : public ::testing::Test {
 };
 
 TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
-  const struct {
-    const char* config;        // null: no file at all
-    const char* statuses;      // of the checks, in order
-    const char* namesProblem;  // found, filled, in the first failure's or warning's detail and action
-  } cases[] = {
-      {nullptr, "failed skipped skipped skipped skipped ok skipped", "KEEPSTONE_CONF"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\n# comment\nrest_url http://x\n",
-       "failed skipped skipped skipped skipped ok skipped", "line 4"},
-      {"host_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n",
-       "failed skipped skipped skipped skipped ok ok", "server = <master host>"},
-      {"server = master.invalid\nhost_name = cdp-host\n", "ok failed skipped skipped skipped ok ok",
-       "master.invalid does not resolve"},
-      {"server = master.invalid\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n",
-       "ok warning ok ok ok ok ok", "does not matter here"},
-      {"server = master.invalid\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\n",
-       "ok failed ok ok skipped ok ok", "master.invalid does not resolve"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {down}\nksqd_url = {master}\nbroker = {broker}\n",
-       "ok ok failed ok ok ok ok", "rest_url"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {other-release}\nksqd_url = {master}\nbroker = {broker}\n",
-       "ok ok failed ok ok ok ok", "HTTP 406"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {down}\nbroker = {broker}\n",
-       "ok ok ok failed ok ok ok", "start the request daemon"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = "
-       "127.0.0.1:{down-port}\n",
-       "ok ok ok ok failed ok ok", "start the broker"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = "
-       "127.0.0.1:{down-port}, {broker}\n",
-       "ok ok ok ok warning ok ok", "1 of 2 brokers did not answer: 127.0.0.1:{down-port}: Connection refused"},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = "
-       "127.0.0.1:{down-port},127.0.0.1:{down-port}\n",
-       "ok ok ok ok failed ok ok", "no broker of the list answered: 127.0.0.1:{down-port}: Connection refused"},
-      {kAllWell, "ok ok ok ok ok ok ok", nullptr},
-      {"server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}, "
-       "{broker}\n",
-       "ok ok ok ok ok ok ok", nullptr},
-  };
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.config != nullptr ? test.config : "no configuration file");
-    if (test.config != nullptr) {
-      writeConfig(test.config);
+  for (const cases::Row& test : cases::read("doctor_configs.cases")) {
+    SCOPED_TRACE(test[0]);
+    if (test[0] != "-") {
+      writeConfig(test[0]);
     } else {
       integration::removeConfig();
     }
@@ -148,12 +113,12 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
       }
     }
     EXPECT_EQ(ids, kCheckIds);
-    EXPECT_EQ(statuses, test.statuses) << run.output;
+    EXPECT_EQ(statuses, test[1]) << run.output;
     const bool failed = statuses.find("failed") != std::string::npos;
     EXPECT_EQ(run.exitStatus, failed ? 1 : 0);
     EXPECT_EQ(json_is_true(json_object_get(document.get(), "ok")), !failed);
-    if (test.namesProblem != nullptr) {
-      EXPECT_NE(firstProblem.find(fill(test.namesProblem)), std::string::npos) << firstProblem;
+    if (test[2] != "-") {
+      EXPECT_NE(firstProblem.find(fill(test[2])), std::string::npos) << firstProblem;
     }
   }
   for (const master_sim::RecordedRequest& request : m_master.requests()) EXPECT_EQ(request.method, "GET");

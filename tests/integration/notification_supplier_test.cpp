@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "case_table.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
@@ -484,35 +485,16 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
 // The addresses come from "broker", else the first master server; TLS moves
 // the default port.
 TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
-  const struct {
-    const char* config;
-    const char* address;  // the entries, separated by blanks; null: refused
-    const char* error;    // what the refusal names
-  } cases[] = {
-      {"server = m\nbroker = 10.0.0.9:18830\n", "10.0.0.9:18830", ""},
-      {"server = m\nbroker = n1:1883, n2:1884,[::1]\n", "n1:1883 n2:1884 [::1]:1883", ""},
-      {"server = master.example\nserver = media.example\nbroker =\n", "master.example:1883", ""},
-      {"server = fe80::1%eth0\n", "[fe80::1%eth0]:1883", ""},
-      {"server = m\nbroker_tls = on\n", "m:8883", ""},
-      {"server = m\nbroker = m:1884\nbroker_tls = on\n", "m:1884", ""},
-      {"server = m\nbroker = m:65536\n", nullptr, "broker \"m:65536\" in "},
-      {"server = m\nbroker = n1, n2:65536\n", nullptr, "entry \"n2:65536\" is not host:port"},
-      {"server = m\nbroker = n1,,n2\n", nullptr, "has an empty entry"},
-      {"host_name = h\n", nullptr, "keepstone.conf"},
-      {"server = m\nbroker_tls = yes\n", nullptr, "broker_tls"},
-      {"server = m\nbroker_tls = on\nbroker_cert_file = c.pem\n", nullptr, "broker_key_file"},
-      {"server = m\nbroker_ca_file = ca.pem\n", nullptr, "broker_tls = on"},
-  };
-  for (const auto& c : cases) {
-    integration::writeConfig(c.config);
+  for (const cases::Row& c : cases::read("broker_settings.cases")) {
+    integration::writeConfig(c[0]);
     standin::BrokerSettings settings;
     std::string error;
-    ASSERT_EQ(standin::brokerSettings(*standin::currentConfig(), settings, error), c.address != nullptr) << c.config;
+    ASSERT_EQ(standin::brokerSettings(*standin::currentConfig(), settings, error), c[1] != "-") << c[0];
     std::string addresses;
     for (const standin::BrokerAddress& address : settings.addresses)
       addresses += (addresses.empty() ? "" : " ") + standin::brokerText(address);
-    EXPECT_EQ(addresses, c.address != nullptr ? c.address : "") << c.config;
-    EXPECT_THAT(error, HasSubstr(c.error)) << c.config;
+    EXPECT_EQ(addresses, c[1] != "-" ? c[1] : "") << c[0];
+    EXPECT_THAT(error, HasSubstr(c[2])) << c[0];
   }
 }
 

@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "case_table.h"
 #include "platform/ks_master_config.h"
 #include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
@@ -33,38 +34,24 @@
 namespace {
 
 TEST(MasterConfigFile, EveryReadLoadsWhatTheFileSaysNow) {
-  const struct {
-    const char* text;  // null: no file
-    int result;
-    std::vector<std::string> servers;
-    const char* hostName;
-  } cases[] = {
-      {"  server\t=  m1  \r\n\thost_name=h1", 0, {"m1"}, "h1"},
-      {"server = a\nserver = b=c\n", 0, {"a", "b=c"}, "<none>"},
-      {"server =\nserver = b\n", 0, {"", "b"}, "<none>"},
-      {"# server = x\n   # note\n\nrest_url = http://x\nserver = m\n", 0, {"m"}, "<none>"},
-      {"host_name = h\n", 0, {}, "h"},
-      {"server = m1\nthis is not a setting\n", 22, {}, "<none>"},
-      {"server = m1\n = v\n", 22, {}, "<none>"},
-      {nullptr, ENOENT, {}, "<none>"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text != nullptr ? c.text : "no file");
-    if (c.text != nullptr) {
-      integration::writeConfig(c.text);
+  for (const cases::Row& c : cases::read("master_configs.cases")) {
+    SCOPED_TRACE(c[0]);
+    if (c[0] != "-") {
+      integration::writeConfig(c[0]);
     } else {
       integration::removeConfig();
     }
-    EXPECT_EQ(KS_read_master_config(), c.result);
+    EXPECT_EQ(KS_read_master_config(), std::stoi(c[1]));
     const ks_master_config* config = get_master_config_ptr();
-    std::vector<std::string> servers;
-    for (char** entry = config->server_list; entry != nullptr && *entry != nullptr; ++entry) {
-      servers.emplace_back(*entry);
+    std::string servers;
+    int listed = 0;
+    for (; config->server_list != nullptr && config->server_list[listed] != nullptr; ++listed) {
+      servers += (listed == 0 ? "" : ",") + std::string(config->server_list[listed]);
     }
-    EXPECT_EQ(servers, c.servers);
-    EXPECT_EQ(config->server_list == nullptr, c.result != 0);
-    EXPECT_EQ(config->server_count, static_cast<int>(c.servers.size()));
-    EXPECT_STREQ(config->host_name != nullptr ? config->host_name : "<none>", c.hostName);
+    EXPECT_EQ(servers, c[2]);
+    EXPECT_EQ(config->server_list == nullptr, c[1] != "0");
+    EXPECT_EQ(config->server_count, listed);
+    EXPECT_STREQ(config->host_name != nullptr ? config->host_name : "<none>", c[3].c_str());
   }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "case_table.h"
 #include "fake_platform.h"
 #include "service_error.h"
 #include "services/BackupServiceImpl.h"
@@ -37,40 +38,19 @@ TEST_F(BackupServiceTest, LogsEachStepOfASubmittedBackup) {
 }
 
 TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord) {
-  const std::string notJson = "130 Could not parse Backup API response message";
-  const std::string noJobId = "130 Could not parse ksqd eviction request response. Missing attribute: jobid";
-  const std::string notInteger =
-      "130 Could not parse ksqd eviction request response. Invalid format received for Job id. Not integer.";
-  const std::string daemonFailed = "Failed to invoke Ksqd CCT request. Return code:";
-  const struct {
-    int result;
-    const char* answer;  // null: the daemon hands back none
-    std::string error;
-    uint64_t jobId;
-  } cases[] = {
-      {0, R"({"jobid": 12345, "state": 1})", "", 12345},
-      {0, R"({"jobid": -1})", "", UINT64_MAX},
-      {0, R"({"jobid": 1, "jobid": 12})", "", 12},  // a repeated key is no error: the last one counts
-      {0, R"({"jobid": "12345"})", notInteger, 99},
-      {0, R"({"JobID": 1})", noJobId, 99},
-      {0, R"({"jobid": 1)", notJson, 99},
-      {0, nullptr, notJson, 99},
-      {5, "", "25 " + daemonFailed + "5", 99},
-      {-7, "", "25 " + daemonFailed + "-7", 99},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.answer != nullptr ? c.answer : "no answer");
+  for (const cases::Row& c : cases::read("daemon_answers.cases")) {
+    SCOPED_TRACE(c[1]);
     fake::resetPlatform();
-    fake::ksqd.result = c.result;
-    fake::ksqd.hasAnswer = c.answer != nullptr;
-    fake::ksqd.answer = c.answer != nullptr ? c.answer : "";
+    fake::ksqd.result = std::stoi(c[0]);
+    fake::ksqd.hasAnswer = c[1] != "-";
+    fake::ksqd.answer = fake::ksqd.hasAnswer ? c[1] : "";
     EvictionServiceData record;
     record.policyName = "gold";
     record.jobId = 99;
-    EXPECT_EQ(unit::serviceError([&] { m_handler.handleRequest(&record); }), c.error);
-    EXPECT_EQ(record.jobId, c.jobId);
-    if (c.result != 0) {
-      EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, daemonFailed + std::to_string(c.result)}));
+    EXPECT_EQ(unit::serviceError([&] { m_handler.handleRequest(&record); }), c[2]);
+    EXPECT_EQ(record.jobId, std::stoull(c[3]));
+    if (fake::ksqd.result != 0) {
+      EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, c[2].substr(3)}));
     }
   }
 }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "case_table.h"
 #include "engine/backup_engine.h"
 #include "fake_platform.h"
 
@@ -182,36 +183,19 @@ TEST_F(EngineCallsTest, PollsAtMostTheGivenNumberOfNodesAndOnlyDoneExactlyIsDone
 }
 
 TEST_F(EngineCallsTest, AlertCodesSelectKeyLevelsAndAttributes) {
-  const struct {
-    int code;
-    const char* event;  // "<key> <severity> <priority>"
-    bool namesVm;
-  } cases[] = {
-      {2, "eventlog.omra.ksu.cdp.storage.highwatermark CRITICAL HIGH", false},
-      {18, "eventlog.omra.ksu.cdp.storage.ioerror ERROR HIGH", true},
-      {44, "eventlog.omra.ksu.cdp.eviction.failed ERROR HIGH", true},
-      {45, "eventlog.omra.ksu.cdp.storage.nospace CRITICAL HIGH", false},
-      {501, "eventlog.omra.ksu.cdp.fullsync.started INFO LOW", true},
-      {502, "eventlog.omra.ksu.cdp.fullsync.resumed INFO LOW", true},
-      {503, "eventlog.omra.ksu.cdp.fullsync.done INFO LOW", true},
-      {504, "eventlog.omra.ksu.cdp.fullsync.suspended INFO LOW", true},
-      {505, "eventlog.omra.ksu.cdp.partialimage.generated INFO LOW", true},
-      {506, " INFO LOW", false},
-  };
   const char uuid32[] = "0123456789abcdef0123456789abcdef";
   const Attributes vmAttributes{{"server", "cdp-host.example"}, {"uuid", "01234567-89ab-cdef-0123-456789abcdef"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.code);
+  for (const cases::Row& c : cases::read("alert_codes.cases")) {
+    SCOPED_TRACE(c[0]);
     fake::resetPlatform();
-    EXPECT_EQ(raise_backup_alert(uuid32, c.code, "12345"), 0);
+    EXPECT_EQ(raise_backup_alert(uuid32, std::stoi(c[0]), "12345"), 0);
     ASSERT_EQ(fake::notifications.sent.size(), 1u);
     const NotificationEvent& event = fake::notifications.sent[0];
-    EXPECT_EQ(event.messageKey + " " + event.severity + " " + event.priority, c.event);
-    EXPECT_EQ(event.attributes, c.namesVm ? vmAttributes : Attributes{});
+    EXPECT_EQ(event.messageKey + " " + event.severity + " " + event.priority, c[1]);
+    EXPECT_EQ(event.attributes, c[2] == "yes" ? vmAttributes : Attributes{});
     const char raiseAlert[] = "KeepstoneServiceGateway::raiseAlert";
     const std::string raising = "Raising alert for VM: " + std::string(uuid32) + ", bearing code: ";
-    EXPECT_EQ(fake::logLinesOf(raiseAlert),
-              std::vector<fake::LogLine>({{4, raiseAlert, raising + std::to_string(c.code)}}));
+    EXPECT_EQ(fake::logLinesOf(raiseAlert), std::vector<fake::LogLine>({{4, raiseAlert, raising + c[0]}}));
   }
 }
 

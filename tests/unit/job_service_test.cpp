@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "case_table.h"
 #include "fake_platform.h"
 #include "service_error.h"
 #include "services/JobServiceImpl.h"
@@ -13,7 +14,6 @@ namespace {
 
 const char kLogName[] = "JobServiceImpl::handleRequest";
 const std::string kMissing = "130 Could not parse Jobs API response message, missing attribute: ";
-const std::string kUnparsable = "130 Could not parse Jobs API response message.";
 
 fake::CurlAnswer answer(long code, const std::string& body) { return {code, body, {}, {}}; }
 
@@ -80,30 +80,14 @@ TEST_F(JobServiceTest, RestClientFailureBecomesAServiceFailureWithItsCode) {
 }
 
 TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {
-  const struct {
-    std::string body;
-    std::string outcome;  // "<state> <status>", or the error
-  } cases[] = {
-      {R"({"data":{"attributes":{"state":"DONE","status":0}}})", "DONE 0"},
-      {R"({"data":{"attributes":{"state":"ACTIVE"}}})", "ACTIVE -7"},  // status left as it was
-      {R"({"data":{"attributes":{"state":"DONE","status":4294967297}}})", "DONE 1"},
-      {R"({"data":{"attributes":{"state":"DONE","status":"3"}}})", "DONE 0"},
-      {R"({"data":{"attributes":{"state":"ACTIVE"}},"data":{"attributes":{"state":"DONE","status":2}}})", "DONE 2"},
-      {R"({"data":{"attributes":{"state":"DONE"}})", kUnparsable},
-      {R"({"errorCode":404,"errorMessage":"No job"})", kMissing + "data"},
-      {R"([{"data":{"attributes":{"state":"DONE"}}}])", kMissing + "data"},
-      {R"({"data":[{"attributes":{"state":"DONE"}}]})", kMissing + "attributes"},
-      {R"({"data":{"attributes":[{"state":"DONE"}]}})", kMissing + "jobstate"},
-      {R"({"data":{"attributes":{"state":5,"status":1}}})", kMissing + "jobstate"},
-  };
   fake::resetPlatform();
   const JobServiceImpl handler;
-  for (const auto& c : cases) {
+  for (const cases::Row& c : cases::read("job_answers.cases")) {
     std::string state = "unset";
     int status = -7;
-    const std::string error = unit::serviceError([&] { handler.parseResponse(c.body, state, status); });
+    const std::string error = unit::serviceError([&] { handler.parseResponse(c[0], state, status); });
     const std::string outputs = state + " " + std::to_string(status);
-    EXPECT_EQ(error.empty() ? outputs : error, c.outcome) << c.body.substr(0, 80);
+    EXPECT_EQ(error.empty() ? outputs : error, c[1]) << c[0].substr(0, 80);
     if (!error.empty()) {
       EXPECT_EQ(outputs, "unset -7") << "a failed parse leaves the outputs alone";
     }
