@@ -131,23 +131,12 @@ TEST(StandinLog, FollowsTheFileThroughLogrotatesMoves) {
 using KsqdClient = integration::MasterOnLoopback;
 
 TEST_F(KsqdClient, FailureIsTheDaemonsStatusElseTheHttpStatus) {
-  const struct {
-    const char* policy;
-    master_sim::PolicyFaults faults;
-    int result;
-    std::string answer;  // its start; "<null>": none
-  } cases[] = {
-      {"not json", {0, 0, true}, 0, "<"},
-      {"refused by daemon", {503, 42, false}, 42, "<null>"},
-      {"negative daemon status", {500, -3, false}, -3, "<null>"},
-      {"unknown", {404, 0, false}, 404, "<null>"},
-  };
-  for (const auto& c : cases) {
-    m_master.setPolicyFaults(c.policy, c.faults);
+  for (const cases::Row& c : cases::read("daemon_failures.cases")) {
+    m_master.setPolicyFaults(c[0], {std::stoi(c[1]), std::stoi(c[2]), c[3] == "yes"});
     char* answer = nullptr;
-    const std::string request = std::string(R"({"policy": ")") + c.policy + "\"}";
-    EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, request.c_str(), &answer), c.result) << c.policy;
-    EXPECT_EQ(std::string(answer != nullptr ? answer : "<null>").substr(0, c.answer.size()), c.answer) << c.policy;
+    const std::string request = R"({"policy": ")" + c[0] + "\"}";
+    EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, request.c_str(), &answer), std::stoi(c[4])) << c[0];
+    EXPECT_EQ(std::string(answer != nullptr ? answer : "<null>").substr(0, c[5].size()), c[5]) << c[0];
     std::free(answer);  // the caller's
   }
 }
@@ -232,24 +221,13 @@ TEST_F(KsqdClient, ARequestIsSentOnceEvenWhenTheDaemonDropsTheConnection) {
 // A base URL that is not http or https is refused with one line naming its
 // key; an empty one means the default on the master, where nothing listens.
 TEST_F(KsqdClient, BaseUrlsOtherThanHttpFailWithOneLineNamingTheKeyAndEmptyMeansDefault) {
-  const struct {
-    const char* key;
-    const char* value;
-    const char* logged;  // the one level-16 line
-    int result;          // of the daemon call: the negated libcurl error
-  } cases[] = {
-      {"ksqd_url", "file:///x", "invoke_ksqd_cct_request: ksqd_url \"file:///x\" in ", -1},
-      {"ksqd_url", "", "invoke_ksqd_cct_request: POST http://127.0.0.1:8557/ksqd/1 failed: ", -7},
-      {"rest_url", "ftp://127.0.0.1", "KSClientCURL::get: rest_url \"ftp://127.0.0.1\" in ", 0},
-      {"rest_url", "", "KSClientCURL::get: GET https://127.0.0.1:1556/keepstone/admin/jobs/1 failed: ", 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.key) + " = " + c.value);
-    integration::writeConfig(std::string("server = 127.0.0.1\nhttp_timeout = 5\n") + c.key + " = " + c.value + "\n");
+  for (const cases::Row& c : cases::read("base_urls.cases")) {
+    SCOPED_TRACE(c[0] + " = " + c[1]);
+    integration::writeConfig("server = 127.0.0.1\nhttp_timeout = 5\n" + c[0] + " = " + c[1] + "\n");
     const size_t logStart = integration::logText().size();
-    if (std::string(c.key) == "ksqd_url") {
+    if (c[0] == "ksqd_url") {
       char* answer = nullptr;
-      EXPECT_EQ(invoke_ksqd_cct_request("127.0.0.1", 1, R"({"policy": "gold"})", &answer), c.result);
+      EXPECT_EQ(invoke_ksqd_cct_request("127.0.0.1", 1, R"({"policy": "gold"})", &answer), std::stoi(c[3]));
       EXPECT_EQ(answer, nullptr);
     } else {
       KSCurlRequestParams params;
@@ -261,7 +239,7 @@ TEST_F(KsqdClient, BaseUrlsOtherThanHttpFailWithOneLineNamingTheKeyAndEmptyMeans
       EXPECT_EQ(response.message, "");
     }
     const std::string log = integration::logText().substr(logStart);
-    EXPECT_THAT(log, ::testing::HasSubstr(" 16 " + std::string(c.logged)));
+    EXPECT_THAT(log, ::testing::HasSubstr(" 16 " + c[2]));
     EXPECT_EQ(log.find(" 16 "), log.rfind(" 16 ")) << log;
   }
   EXPECT_TRUE(m_master.requests().empty());
