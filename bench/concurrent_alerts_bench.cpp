@@ -4,13 +4,18 @@
 //   AlertLatency/1   the same while four threads poll jobs the master does not
 //                    know, so that they spend their calls in the 3 s pauses
 //                    between 404 answers;
-//   AlertThroughput/N  alerts per second raised from N threads at once.
+//   AlertThroughput/N  alerts per second raised from N threads at once;
+//   AlertBesideABacklog  a second thread's alert, raised 2 ms after the first
+//                    alert of a process whose outbox holds 99,000 events that
+//                    an earlier run left while the broker was away, and the
+//                    disk those events take per event.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -32,7 +37,14 @@ const int kPollingThreads = 4;
 const int kIoErrorAlert = 18;  // names the VM, not a job
 const uint64_t kUnknownJob = 999999999;
 
+const int kBacklog = 99000;
+
 std::atomic<unsigned long long> g_raised{0};
+
+// The program's files and its configuration, which a benchmark may change
+// and must put back.
+const bench::StandinFiles* g_files = nullptr;
+std::string g_config;
 
 void raiseAlert() {
   char vmId[KSCDP_VM_ID_SIZE];
@@ -112,6 +124,47 @@ void AlertThroughput(benchmark::State& state) {
   state.counters["alerts_per_s"] = static_cast<double>(state.iterations()) * kThroughputAlerts / seconds;
 }
 
+// Bytes of every file of the outbox at `path`: database, WAL, index.
+double outboxBytes(const std::string& path) {
+  double bytes = 0;
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::error_code error;
+    const auto size = std::filesystem::file_size(path + suffix, error);
+    if (!error) bytes += static_cast<double>(size);
+  }
+  return bytes;
+}
+
+void AlertBesideABacklog(benchmark::State& state) {
+  const std::string outbox = g_files->scratchPath("backlog.db");
+  const std::string awayBroker = "127.0.0.1:" + std::to_string(testbed::freeLoopbackPort());
+  double waitedMs = 0;
+  double bytesPerEvent = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    stop_alert_thread();
+    std::filesystem::remove(outbox);
+    g_files->writeConfig("server = 127.0.0.1\nhost_name = bench-host\nbroker = " + awayBroker + "\noutbox = " + outbox +
+                         "\n");
+    for (int i = 0; i < kBacklog; ++i) raiseAlert();
+    stop_alert_thread();  // the broker is away: they wait in the outbox
+    bytesPerEvent = outboxBytes(outbox) / kBacklog;
+    state.ResumeTiming();
+    std::thread first(raiseAlert);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const Clock::time_point start = Clock::now();
+    raiseAlert();
+    waitedMs = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    first.join();
+    state.PauseTiming();
+    stop_alert_thread();
+    g_files->writeConfig(g_config);
+    state.ResumeTiming();
+  }
+  state.counters["second_alert_ms"] = waitedMs;
+  state.counters["bytes_per_waiting_alert"] = bytesPerEvent;
+}
+
 BENCHMARK(AlertLatency)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(AlertThroughput)
     ->Arg(1)
@@ -122,6 +175,7 @@ BENCHMARK(AlertThroughput)
     ->Iterations(1)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true);
+BENCHMARK(AlertBesideABacklog)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
 }  // namespace
 
@@ -131,8 +185,10 @@ int main(int argc, char** argv) {
     testbed::MosquittoBroker broker;
     master_sim::MasterSimulator master;
     if (!master.start()) throw std::runtime_error("the master simulator cannot start");
-    files.writeConfig("server = 127.0.0.1\nhost_name = bench-host\nrest_url = " + master.url() +
-                      "\nbroker = " + broker.address() + "\noutbox = " + files.scratchPath("outbox.db") + "\n");
+    g_files = &files;
+    g_config = "server = 127.0.0.1\nhost_name = bench-host\nrest_url = " + master.url() +
+               "\nbroker = " + broker.address() + "\noutbox = " + files.scratchPath("outbox.db") + "\n";
+    files.writeConfig(g_config);
     // The first alert starts the publisher and its connection, outside the measurement.
     raiseAlert();
     benchmark::RunSpecifiedBenchmarks();

@@ -19,6 +19,7 @@
 #define REQUIRES(...) KSCDP_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 // A function that must not be called with the lock held.
 #define EXCLUDES(...) KSCDP_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRED_BEFORE(...) KSCDP_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 // A function that takes, or gives up, the lock.
 #define ACQUIRE(...) KSCDP_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KSCDP_THREAD_ANNOTATION(release_capability(__VA_ARGS__))

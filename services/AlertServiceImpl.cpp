@@ -122,6 +122,7 @@ int AlertServiceImpl::handleRequest(ServiceData* data) {
   return result;
 }
 
+port::Mutex NotificationInterface::m_makingMutex;
 port::Mutex NotificationInterface::m_mutex;
 port::NoDestructor<port::CondVar> NotificationInterface::m_sendEnded;
 NotificationSupplier* NotificationInterface::m_parentsSupplier = nullptr;
@@ -130,15 +131,22 @@ const bool NotificationInterface::m_forkHandlersRegistered =
     pthread_atfork(&NotificationInterface::prepareFork, &NotificationInterface::parentAfterFork,
                    &NotificationInterface::childAfterFork) == 0;
 
-void NotificationInterface::prepareFork() NO_THREAD_SAFETY_ANALYSIS { m_mutex.lock(); }
+void NotificationInterface::prepareFork() NO_THREAD_SAFETY_ANALYSIS {
+  m_makingMutex.lock();
+  m_mutex.lock();
+}
 
-void NotificationInterface::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS { m_mutex.unlock(); }
+void NotificationInterface::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS {
+  m_mutex.unlock();
+  m_makingMutex.unlock();
+}
 
 void NotificationInterface::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
   if (m_notificationSupplier != nullptr) m_parentsSupplier = m_notificationSupplier;
   m_notificationSupplier = nullptr;
   m_runningSends->clear();  // the sends of threads that the child does not have
   m_mutex.unlock();
+  m_makingMutex.unlock();
 }
 
 NotificationInterface::SupplierUse::~SupplierUse() {
@@ -148,8 +156,22 @@ NotificationInterface::SupplierUse::~SupplierUse() {
 }
 
 NotificationInterface::SupplierUse NotificationInterface::getInstance() {
+  {
+    port::MutexLock lock(m_mutex);
+    if (m_notificationSupplier != nullptr) return borrow();
+  }
+  port::MutexLock making(m_makingMutex);
+  {
+    port::MutexLock lock(m_mutex);
+    if (m_notificationSupplier != nullptr) return borrow();  // made while this alert waited
+  }
+  NotificationSupplier* const made = new NotificationSupplier();
   port::MutexLock lock(m_mutex);
-  if (m_notificationSupplier == nullptr) m_notificationSupplier = new NotificationSupplier();
+  m_notificationSupplier = made;
+  return borrow();
+}
+
+NotificationInterface::SupplierUse NotificationInterface::borrow() {
   ++(*m_runningSends)[m_notificationSupplier];
   return SupplierUse(m_notificationSupplier);
 }

@@ -94,8 +94,9 @@ class AlertServiceImpl : public virtual KSUServiceImpl {
 // Holder of the one NotificationSupplier of the process, shared by alerts on
 // every thread.
 //
-// The supplier is made under a lock by the first alert that needs it, so
-// racing first alerts make one. A send borrows it (SupplierUse) for as long
+// The supplier is made by the first alert that needs it, under a lock of its
+// own, so that racing first alerts make one and an alert that finds one
+// never waits for the making. A send borrows it (SupplierUse) for as long
 // as send_notification runs. destroyInstance takes the supplier out of the
 // holder first, so that an alert after that point makes a new one, waits
 // under the same lock for the sends still running on the old one (each only
@@ -123,7 +124,7 @@ class NotificationInterface {
 
   // Borrows the supplier, making it on first use. A throwing constructor
   // leaves none, so the next call tries again.
-  static SupplierUse getInstance() EXCLUDES(m_mutex);
+  static SupplierUse getInstance() EXCLUDES(m_makingMutex, m_mutex);
   // Shuts the supplier down and deletes it; does nothing when there is none.
   // If shutdown() throws, the supplier goes back into the holder (unless an
   // alert has made a new one meanwhile; it is then deleted all the same).
@@ -133,14 +134,20 @@ class NotificationInterface {
   // fork() waits until no supplier is being made or taken out. A child
   // starts with none: its parent's, with its connection and thread, is the
   // parent's, and the child neither uses, shuts down nor deletes it.
+  // Counts a send on the installed supplier.
+  static SupplierUse borrow() REQUIRES(m_mutex);
+
   static void prepareFork();
   static void parentAfterFork();
   static void childAfterFork();
   static const bool m_forkHandlersRegistered;
 
-  // Held while a supplier is made or taken out, never across a send or a
-  // shutdown. The holder's objects are never destroyed: an engine thread may
-  // still end a send while the process exits.
+  // Held by the alert that makes a supplier, while it makes it; taken
+  // before m_mutex.
+  static port::Mutex m_makingMutex ACQUIRED_BEFORE(m_mutex);
+  // Held while a supplier is installed or taken out, never across its making,
+  // a send or a shutdown. The holder's objects are never destroyed: an engine
+  // thread may still end a send while the process exits.
   static port::Mutex m_mutex;
   static port::NoDestructor<port::CondVar> m_sendEnded;
   static NotificationSupplier* m_notificationSupplier GUARDED_BY(m_mutex);  // owned; null when absent

@@ -90,16 +90,6 @@ MqttPublisher::MqttPublisher()
       m_retryDelay(kFirstRetryDelay) {
   static std::once_flag libraryReady;
   std::call_once(libraryReady, [] { mosquitto_lib_init(); });
-  if (m_outbox) {
-    // An earlier publisher's events go out first, in the order they were raised.
-    const std::vector<Outbox::Event> waiting = m_outbox->waiting();
-    for (const Outbox::Event& event : waiting) m_events.push(event.payload, event.id);
-    if (!waiting.empty()) {
-      ksu_logmsg_str(
-          kProgressLevel, kLogFunction,
-          std::to_string(waiting.size()) + " events waiting in the outbox " + m_outbox->path() + " go out first");
-    }
-  }
   try {
     m_network = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {
@@ -158,7 +148,12 @@ int MqttPublisher::publish(std::string payload) {
       return kRefusedQueueFull;
     }
     const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-    m_events.push(std::move(payload), outboxId);
+    if (m_backlogLoaded) {
+      m_events.push(std::move(payload), outboxId);
+    } else {
+      if (m_firstOwnId == 0) m_firstOwnId = outboxId;
+      m_heldBeforeLoad.push_back(Outbox::Event{outboxId, std::move(payload)});
+    }
     m_refusalLogged = false;
   }
   wake();
@@ -207,7 +202,13 @@ void MqttPublisher::stop() {
   }
   wake();
   m_network.join();
-  const PendingEvents::Dropped undelivered = m_events.clear();
+  PendingEvents::Dropped undelivered = m_events.clear();
+  {
+    port::MutexLock lock(m_controlMutex);  // held only when the thread failed before it queued them
+    for (const Outbox::Event& event : m_heldBeforeLoad)
+      ++(event.id != 0 ? undelivered.inOutbox : undelivered.inMemoryOnly);
+    m_heldBeforeLoad.clear();
+  }
   const std::string broker = m_broker.empty() ? "the broker" : "broker " + m_broker;
   const std::string within = " within " + std::to_string(kShutdownGrace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
@@ -222,8 +223,35 @@ void MqttPublisher::stop() {
   m_outbox.reset();
 }
 
+void MqttPublisher::loadBacklog() {
+  // Pages are read without the control lock, so that an alert raised
+  // meanwhile waits for its own append only. The outbox is this process's
+  // alone: a row from the first id this publisher stored on is its own, and
+  // already held in memory, in the order raised.
+  size_t backlog = 0;
+  for (int64_t last = 0; m_outbox;) {
+    const std::vector<Outbox::Event> page = m_outbox->waiting(last, kBacklogPage);
+    port::MutexLock lock(m_controlMutex);
+    for (const Outbox::Event& event : page) {
+      if (m_firstOwnId != 0 && event.id >= m_firstOwnId) break;
+      m_events.push(event.payload, last = event.id);
+      ++backlog;
+    }
+    if (page.size() < kBacklogPage || last != page.back().id) break;
+  }
+  port::MutexLock lock(m_controlMutex);
+  for (Outbox::Event& event : m_heldBeforeLoad) m_events.push(std::move(event.payload), event.id);
+  std::vector<Outbox::Event>().swap(m_heldBeforeLoad);
+  m_backlogLoaded = true;
+  if (backlog > 0) {
+    ksu_logmsg_str(kProgressLevel, kLogFunction,
+                   std::to_string(backlog) + " events waiting in the outbox " + m_outbox->path() + " go out first");
+  }
+}
+
 void MqttPublisher::run() {
   try {
+    loadBacklog();
     for (;;) {
       const Clock::time_point now = Clock::now();
       Clock::time_point deadline;

@@ -37,7 +37,8 @@ namespace standin {
 //
 // With an outbox (the "outbox" key), every accepted payload is also in the
 // outbox before publish() returns and leaves it once acknowledged; what an
-// earlier publisher left there goes out first. Without one, or when it cannot
+// earlier publisher left there goes out first. The network thread reads that
+// backlog, so neither the constructor nor publish() waits for it. Without one, or when it cannot
 // be used, payloads wait in memory only. Failures are logged at level 16
 // under "NotificationSupplier".
 class MqttPublisher {
@@ -74,6 +75,10 @@ class MqttPublisher {
  private:
   using Clock = std::chrono::steady_clock;
 
+  // Outbox events read at a time while the backlog loads.
+  static const size_t kBacklogPage = 1000;
+
+  void loadBacklog();
   void run();
   bool stopRequested(Clock::time_point& deadline);
   void connect(Clock::time_point now);
@@ -102,6 +107,12 @@ class MqttPublisher {
   Clock::time_point m_stopDeadline GUARDED_BY(m_controlMutex);
   bool m_refusalLogged GUARDED_BY(m_controlMutex) = false;  // one log line per run of refusals
   bool m_threadEnded GUARDED_BY(m_controlMutex) = false;    // the network thread ended on a failure
+  // Until the network thread has queued what earlier publishers left in the
+  // outbox, publish() holds its events here (stored in the outbox or not),
+  // to queue after them.
+  bool m_backlogLoaded GUARDED_BY(m_controlMutex) = false;
+  std::vector<Outbox::Event> m_heldBeforeLoad GUARDED_BY(m_controlMutex);
+  int64_t m_firstOwnId GUARDED_BY(m_controlMutex) = 0;  // of the first held event the outbox stored; 0: none yet
 
   port::Mutex m_stopMutex;  // serialises stop()
   std::thread m_network;

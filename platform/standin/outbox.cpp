@@ -201,10 +201,15 @@ void Outbox::closeConnections() {
   m_appender = m_remover = nullptr;
 }
 
-std::vector<Outbox::Event> Outbox::waiting() {
+std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
   std::vector<Event> events;
   sqlite3_stmt* select = nullptr;
-  int code = sqlite3_prepare_v2(m_remover, "SELECT id, payload FROM events ORDER BY id", -1, &select, nullptr);
+  int code = sqlite3_prepare_v2(m_remover, "SELECT id, payload FROM events WHERE id > ?1 ORDER BY id LIMIT ?2", -1,
+                                &select, nullptr);
+  if (code == SQLITE_OK) {
+    sqlite3_bind_int64(select, 1, static_cast<sqlite3_int64>(after));
+    sqlite3_bind_int64(select, 2, static_cast<sqlite3_int64>(limit));
+  }
   while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
     events.push_back(

@@ -43,8 +43,10 @@ class Outbox {
 
   const std::string& path() const { return m_path; }
 
-  // Every event in the outbox, oldest first. Empty, logged, when it cannot be read.
-  std::vector<Event> waiting();
+  // Up to `limit` events with an id above `after`, oldest first. Empty,
+  // logged, when the outbox cannot be read. The network thread's; appends
+  // may run meanwhile.
+  std::vector<Event> waiting(int64_t after, int64_t limit);
   // Stores one event and returns its id, or 0 when it cannot be stored (one
   // log line per run of failures). Thread-safe.
   int64_t append(const std::string& payload);
