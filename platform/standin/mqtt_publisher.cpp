@@ -223,7 +223,28 @@ void MqttPublisher::stop() {
   m_outbox.reset();
 }
 
+void MqttPublisher::startOutboxAfresh(std::string found) {
+  port::MutexLock lock(m_controlMutex);
+  const std::string path = m_outbox->path();
+  if (!m_outbox->startAfreshAsDamaged(found)) {
+    logFailure("cannot use the outbox " + path + ": " + found + "; alerts wait in memory only");
+    m_outbox.reset();
+  }
+  // What this publisher stored went with the damaged file: store it again.
+  m_firstOwnId = 0;
+  for (Outbox::Event& event : m_heldBeforeLoad) {
+    event.id = m_outbox ? m_outbox->append(event.payload) : 0;
+    if (m_firstOwnId == 0) m_firstOwnId = event.id;
+  }
+}
+
 void MqttPublisher::loadBacklog() {
+  // The whole file is checked here rather than when it is opened, since
+  // reading it all takes longer than an alert may wait.
+  if (m_outbox) {
+    const std::string damage = m_outbox->checkWhole();
+    if (!damage.empty()) startOutboxAfresh(damage);
+  }
   // Pages are read without the control lock, so that an alert raised
   // meanwhile waits for its own append only. The outbox is this process's
   // alone: a row from the first id this publisher stored on is its own, and

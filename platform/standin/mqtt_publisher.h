@@ -78,6 +78,7 @@ class MqttPublisher {
   // Outbox events read at a time while the backlog loads.
   static const size_t kBacklogPage = 1000;
 
+  void startOutboxAfresh(std::string found);
   void loadBacklog();
   void run();
   bool stopRequested(Clock::time_point& deadline);

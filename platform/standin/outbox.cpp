@@ -133,17 +133,28 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error
   std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
   Unusable unusable = Unusable::kNo;
   if (outbox->openConnections(error, unusable)) return outbox;
-  if (unusable == Unusable::kNo) return nullptr;
-  outbox->closeConnections();
-  const bool newer = unusable == Unusable::kNewer;
-  const std::string aside = setAside(path, newer ? "unknown" : "damaged", error);
-  if (aside.empty()) return nullptr;
-  ksu_logmsg_str(kFailureLevel, kLogFunction,
-                 "the outbox " + path + (newer ? " was written by a newer release (" : " was damaged (") + error +
-                     "): set aside as " + aside + ", a new one is started");
-  if (outbox->openConnections(error, unusable)) return outbox;
+  if (unusable != Unusable::kNo && outbox->startAfresh(unusable, error)) return outbox;
   return nullptr;
 }
+
+bool Outbox::startAfresh(Unusable unusable, std::string& error) {
+  closeConnections();
+  const bool newer = unusable == Unusable::kNewer;
+  const std::string aside = setAside(m_path, newer ? "unknown" : "damaged", error);
+  if (aside.empty()) return false;
+  ksu_logmsg_str(kFailureLevel, kLogFunction,
+                 "the outbox " + m_path + (newer ? " was written by a newer release (" : " was damaged (") + error +
+                     "): set aside as " + aside + ", a new one is started");
+  return openConnections(error, unusable);
+}
+
+std::string Outbox::checkWhole() {
+  int code = SQLITE_OK;
+  const std::string verdict = quickCheck(m_remover, code);
+  return verdict == "ok" || (code != SQLITE_OK && !isDamage(code)) ? std::string() : verdict;
+}
+
+bool Outbox::startAfreshAsDamaged(std::string& found) { return startAfresh(Unusable::kDamaged, found); }
 
 Outbox::Outbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
 
@@ -157,12 +168,6 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
   unusable = Unusable::kNo;
   if (!openConnection(m_path, m_remover, code, error)) {
     if (isDamage(code)) unusable = Unusable::kDamaged;
-    return false;
-  }
-  const std::string verdict = quickCheck(m_remover, code);
-  if (verdict != "ok") {
-    if (code == SQLITE_OK || isDamage(code)) unusable = Unusable::kDamaged;
-    error = verdict;
     return false;
   }
   const int version = schemaVersion(m_remover, code);

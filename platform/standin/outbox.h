@@ -31,17 +31,28 @@ class Outbox {
   };
 
   // Opens the outbox at `path`, creating the file and its directory when
-  // missing. A file that is not a database, or a damaged one, is renamed
-  // aside with a time stamp (logged) and a new one started; so is one that a
-  // newer release wrote, whose events this one cannot know how to read. An
-  // outbox of the release before is upgraded in place. Null, with the
-  // reason in `error`, when the outbox cannot be used.
+  // missing. A file that is not a database, or one whose schema is damaged,
+  // is renamed aside with a time stamp (logged) and a new one started; so is
+  // one that a newer release wrote, whose events this one cannot know how to
+  // read. An outbox of the release before is upgraded in place. Null, with
+  // the reason in `error`, when the outbox cannot be used. Reads only the
+  // file's first pages: checkWhole() reads the rest.
   static std::unique_ptr<Outbox> open(const std::string& path, std::string& error);
   ~Outbox();
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
 
   const std::string& path() const { return m_path; }
+
+  // What SQLite's quick check finds wrong in the whole file, empty when
+  // nothing. The network thread's, before it reads the backlog; appends may
+  // run meanwhile.
+  std::string checkWhole();
+  // Sets a damaged outbox aside (logged, naming `found`, what was wrong) and
+  // starts a new one at the same path, keeping the lock; the events stored
+  // so far go with the old file. False, with the reason in `found`, when no
+  // new one could be started. No append may run meanwhile.
+  bool startAfreshAsDamaged(std::string& found);
 
   // Up to `limit` events with an id above `after`, oldest first. Empty,
   // logged, when the outbox cannot be read. The network thread's; appends
@@ -86,6 +97,8 @@ class Outbox {
   // Why an outbox file cannot be used and is set aside.
   enum class Unusable { kNo, kDamaged, kNewer };
   bool openConnections(std::string& error, Unusable& unusable);
+  // Sets the file aside as `unusable` (logged) and opens a new one.
+  bool startAfresh(Unusable unusable, std::string& error);
   void closeConnections();
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);

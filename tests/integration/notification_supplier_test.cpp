@@ -369,23 +369,30 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   std::ofstream(blocker) << "not a directory";
   const std::string damaged = integration::scratchPath("damaged.db");
   const std::string newer = integration::scratchPath("newer.db");
+  const std::string deep = integration::scratchPath("deep.db");  // a database whose table's root page is damaged
   const std::string garbage(10000, 'x');
   const struct {
     std::string outbox;
-    bool holdIt;       // another publisher has it open
-    bool damageIt;     // the file is not a database
-    std::string sql;   // run on the file first
-    std::string logs;  // level 16
+    bool holdIt;          // another publisher has it open
+    bool damageIt;        // the file is not a database
+    std::string prepare;  // a shell command run first
+    std::string logs;     // level 16
   } cases[] = {
       {blocker + "/outbox.db", false, false, "",
        "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
       {testOutbox(), true, false, "", "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
       {damaged, false, true, "",
        "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged + ".damaged-"},
-      {newer, false, false, "PRAGMA user_version = 2;",
+      {newer, false, false, "sqlite3 " + newer + " 'PRAGMA user_version = 2;'",
        "the outbox " + newer +
            " was written by a newer release (schema version 2; this release knows 1): set aside as " + newer +
            ".unknown-"},
+      {deep, false, false,
+       "sqlite3 " + deep + " 'PRAGMA user_version = 1; CREATE TABLE events (id INTEGER PRIMARY KEY, payload BLOB, " +
+           "raised INTEGER); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 50) INSERT " +
+           "INTO events (payload) SELECT randomblob(2000) FROM n' && dd if=/dev/zero of=" + deep +
+           " bs=1 seek=4096 count=8 conv=notrunc 2>/dev/null",
+       "the outbox " + deep + " was damaged (*** in database main ***"},
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;
@@ -393,8 +400,8 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   for (const auto& c : cases) {
     integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + c.outbox + "\n");
     if (c.damageIt) std::ofstream(c.outbox) << garbage;
-    if (!c.sql.empty()) {
-      ASSERT_EQ(std::system(("sqlite3 " + c.outbox + " '" + c.sql + "'").c_str()), 0);
+    if (!c.prepare.empty()) {
+      ASSERT_EQ(std::system(c.prepare.c_str()), 0);
     }
     std::unique_ptr<NotificationSupplier> holder(c.holdIt ? new NotificationSupplier : nullptr);
     NotificationSupplier supplier;
