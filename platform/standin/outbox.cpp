@@ -150,7 +150,7 @@ bool Outbox::startAfresh(Unusable unusable, std::string& error) {
 
 std::string Outbox::checkWhole() {
   int code = SQLITE_OK;
-  const std::string verdict = quickCheck(m_remover, code);
+  const std::string verdict = quickCheck(m_checkpointer, code);
   return verdict == "ok" || (code != SQLITE_OK && !isDamage(code)) ? std::string() : verdict;
 }
 
@@ -166,29 +166,28 @@ Outbox::~Outbox() {
 bool Outbox::openConnections(std::string& error, Unusable& unusable) {
   int code = SQLITE_OK;
   unusable = Unusable::kNo;
-  if (!openConnection(m_path, m_remover, code, error)) {
+  if (!openConnection(m_path, m_checkpointer, code, error)) {
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
-  const int version = schemaVersion(m_remover, code);
+  const int version = schemaVersion(m_checkpointer, code);
   if (version > kSchemaVersion) {
     unusable = Unusable::kNewer;
     error = "schema version " + std::to_string(version) + "; this release knows " + std::to_string(kSchemaVersion);
     return false;
   }
-  if (version == 0) code = sqlite3_exec(m_remover, kUpgradeFromVersion0, nullptr, nullptr, nullptr);
+  if (version == 0) code = sqlite3_exec(m_checkpointer, kUpgradeFromVersion0, nullptr, nullptr, nullptr);
   if (version < 0 || code != SQLITE_OK) {
-    error = sqlite3_errmsg(m_remover);
-    sqlite3_exec(m_remover, "ROLLBACK", nullptr, nullptr, nullptr);
+    error = sqlite3_errmsg(m_checkpointer);
+    sqlite3_exec(m_checkpointer, "ROLLBACK", nullptr, nullptr, nullptr);
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
-  if (!openConnection(m_path, m_appender, code, error)) return false;
-  sqlite3_wal_hook(m_appender, &Outbox::onWalCommit, this);
-  sqlite3_wal_hook(m_remover, &Outbox::onWalCommit, this);
-  code = sqlite3_prepare_v2(m_appender, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
-  if (code == SQLITE_OK)
-    code = sqlite3_prepare_v2(m_remover, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
+  if (!openConnection(m_path, m_writer, code, error)) return false;
+  sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
+  sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
+  code = sqlite3_prepare_v2(m_writer, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
     error = sqlite3_errstr(code);
     return false;
@@ -200,16 +199,17 @@ void Outbox::closeConnections() {
   port::MutexLock lock(m_writeMutex);
   sqlite3_finalize(m_insert);
   sqlite3_finalize(m_delete);
-  sqlite3_close(m_appender);
-  sqlite3_close(m_remover);  // the last connection checkpoints and removes the WAL
+  sqlite3_close(m_writer);
+  sqlite3_close(m_checkpointer);  // the last connection checkpoints and removes the WAL
   m_insert = m_delete = nullptr;
-  m_appender = m_remover = nullptr;
+  m_writer = m_checkpointer = nullptr;
 }
 
 std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
   std::vector<Event> events;
+  port::MutexLock lock(m_writeMutex);  // the connection's statements run one at a time
   sqlite3_stmt* select = nullptr;
-  int code = sqlite3_prepare_v2(m_remover, "SELECT id, payload FROM events WHERE id > ?1 ORDER BY id LIMIT ?2", -1,
+  int code = sqlite3_prepare_v2(m_writer, "SELECT id, payload FROM events WHERE id > ?1 ORDER BY id LIMIT ?2", -1,
                                 &select, nullptr);
   if (code == SQLITE_OK) {
     sqlite3_bind_int64(select, 1, static_cast<sqlite3_int64>(after));
@@ -225,7 +225,7 @@ std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
   sqlite3_finalize(select);
   if (code != SQLITE_DONE) {
     bool logged = false;
-    logFailure(logged, m_remover, "cannot read the events waiting in the outbox " + m_path,
+    logFailure(logged, m_writer, "cannot read the events waiting in the outbox " + m_path,
                "; they stay there, and new events go out meanwhile");
   }
   return events;
@@ -237,7 +237,7 @@ int64_t Outbox::append(const std::string& payload) {
   sqlite3_bind_int64(m_insert, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
   const int code = sqlite3_step(m_insert);
   if (code != SQLITE_DONE) {
-    logFailure(m_appendFailing, m_appender, "cannot store events in the outbox " + m_path,
+    logFailure(m_appendFailing, m_writer, "cannot store events in the outbox " + m_path,
                "; new events wait in memory only until it can be written again");
   }
   sqlite3_reset(m_insert);
@@ -245,7 +245,7 @@ int64_t Outbox::append(const std::string& payload) {
   if (code != SQLITE_DONE) return 0;
   if (m_appendFailing) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + m_path + " stores events again");
   m_appendFailing = false;
-  return sqlite3_last_insert_rowid(m_appender);
+  return sqlite3_last_insert_rowid(m_writer);
 }
 
 void Outbox::holdForFork() { m_writeMutex.lock(); }
@@ -261,22 +261,22 @@ void Outbox::releaseAfterFork(bool inChild) {
 void Outbox::remove(const std::vector<int64_t>& ids) {
   if (ids.empty()) return;
   port::MutexLock lock(m_writeMutex);
-  int code = sqlite3_exec(m_remover, "BEGIN", nullptr, nullptr, nullptr);
+  int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);
   for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
     sqlite3_bind_int64(m_delete, 1, ids[i]);
-    code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_remover);
+    code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_delete);
   }
-  if (code == SQLITE_OK) code = sqlite3_exec(m_remover, "COMMIT", nullptr, nullptr, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) {
-    sqlite3_exec(m_remover, "ROLLBACK", nullptr, nullptr, nullptr);
-    logFailure(m_removeFailing, m_remover, "cannot remove acknowledged events from the outbox " + m_path,
+    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    logFailure(m_removeFailing, m_writer, "cannot remove acknowledged events from the outbox " + m_path,
                "; the next start may deliver them again");
     return;
   }
   m_removeFailing = false;
   sqlite3_stmt* any = nullptr;
-  m_drained = sqlite3_prepare_v2(m_remover, "SELECT 1 FROM events LIMIT 1", -1, &any, nullptr) == SQLITE_OK &&
+  m_drained = sqlite3_prepare_v2(m_writer, "SELECT 1 FROM events LIMIT 1", -1, &any, nullptr) == SQLITE_OK &&
               sqlite3_step(any) == SQLITE_DONE;
   sqlite3_finalize(any);
 }
@@ -288,7 +288,7 @@ int Outbox::onWalCommit(void* outbox, sqlite3* /*db*/, const char* /*name*/, int
 
 void Outbox::checkpoint() {
   if (!walPastBound() && !m_drained) {
-    sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     return;
   }
   port::MutexLock lock(m_writeMutex);
@@ -299,12 +299,12 @@ void Outbox::shrink() {
   if (m_drained) {
     m_drained = false;
     sqlite3_stmt* pages = nullptr;
-    const bool large = sqlite3_prepare_v2(m_remover, "PRAGMA page_count", -1, &pages, nullptr) == SQLITE_OK &&
+    const bool large = sqlite3_prepare_v2(m_checkpointer, "PRAGMA page_count", -1, &pages, nullptr) == SQLITE_OK &&
                        sqlite3_step(pages) == SQLITE_ROW && sqlite3_column_int(pages, 0) > kVacuumAbovePages;
     sqlite3_finalize(pages);
-    if (large) sqlite3_exec(m_remover, "VACUUM", nullptr, nullptr, nullptr);
+    if (large) sqlite3_exec(m_checkpointer, "VACUUM", nullptr, nullptr, nullptr);
   }
-  if (sqlite3_wal_checkpoint_v2(m_remover, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
+  if (sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
     m_walFrames.store(0, std::memory_order_relaxed);
   }
 }

@@ -106,16 +106,17 @@ class Outbox {
   const std::string m_path;
   int m_lockFd;  // holds the flock that makes this process the outbox's owner
 
-  // The engine's threads append through their own connection; the network
-  // thread reads, removes and checkpoints through the other, so a passive
-  // checkpoint never holds up an append. m_writeMutex keeps the two
-  // connections' write transactions apart inside the process, so neither
-  // ever waits in SQLite's busy handler for the other.
+  // Every read and write of the events goes through one connection, under
+  // m_writeMutex: a write by a second connection would make this one drop
+  // its page cache at its next append. The network thread checks and
+  // checkpoints through the other, so a passive checkpoint never holds up an
+  // append; its writes (truncation, vacuum) take m_writeMutex too, so that
+  // neither connection ever waits in SQLite's busy handler for the other.
   port::Mutex m_writeMutex;
-  sqlite3* m_appender = nullptr;
+  sqlite3* m_writer = nullptr;
   sqlite3_stmt* m_insert GUARDED_BY(m_writeMutex) = nullptr;
   bool m_appendFailing GUARDED_BY(m_writeMutex) = false;
-  sqlite3* m_remover = nullptr;  // the network thread's
+  sqlite3* m_checkpointer = nullptr;  // the network thread's
   sqlite3_stmt* m_delete = nullptr;
   bool m_removeFailing = false;
   bool m_drained = false;  // the last removal left the outbox empty
