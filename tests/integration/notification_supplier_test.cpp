@@ -10,7 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -105,20 +105,17 @@ struct TwoBrokers {
   // Waits until each payload of `sent` reached one subscriber or the other;
   // returns those that neither received, in order.
   Messages missingFromBoth(const Messages& sent) {
-    const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
-    for (;;) {
+    for (const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;;) {
       std::set<std::string> received;
-      size_t secondHas = 0;
       for (MqttSubscriber* subscriber : {&firstSubscriber, &secondSubscriber}) {
         const Messages got = subscriber->waitForCount(0, std::chrono::milliseconds(0));
         received.insert(got.begin(), got.end());
-        secondHas = got.size();
       }
       Messages missing;
-      for (const std::string& payload : sent)
-        if (received.count(payload) == 0) missing.push_back(payload);
+      std::copy_if(sent.begin(), sent.end(), std::back_inserter(missing),
+                   [&received](const std::string& payload) { return received.count(payload) == 0; });
       if (missing.empty() || std::chrono::steady_clock::now() >= deadline) return missing;
-      secondSubscriber.waitForCount(secondHas + 1, std::chrono::milliseconds(50));
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
   }
 
@@ -217,21 +214,47 @@ TEST_F(NotificationSupplierTest, AlertsWaitForTheFirstBrokerOfTheListThatAnswers
   }
 }
 
-TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDown) {
+// The bytes of every file of the outbox at `path`: database, WAL, index.
+long long outboxBytes(const std::string& path) {
+  long long bytes = 0;
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::error_code missing;
+    const auto size = std::filesystem::file_size(path + suffix, missing);
+    if (!missing) bytes += static_cast<long long>(size);
+  }
+  return bytes;
+}
+
+// While the broker is away, the outbox takes at most 2 bytes of disk per
+// byte of payload, plus 8 MiB; once the backlog is delivered, in order, it
+// gives the space back.
+TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDownAndTheOutboxStaysSmall) {
   BrokerWithSubscriber rig(kKeepSessions);
   rig.broker.stop();
   NotificationSupplier supplier;
   Messages sent;
-  sendNumbered(&supplier, 1, 20, sent);  // before the broker was ever reached
+  long long payloadBytes = 0;
+  for (int n = 1; n <= 12000; ++n) {  // before the broker was ever reached
+    NotificationEvent event = numbered(n);
+    event.attributes["note"] = std::string(1000, 'n');
+    ASSERT_EQ(supplier.send_notification(event), 0);
+    sent.push_back(standin::notificationPayload(event));
+    payloadBytes += static_cast<long long>(sent.back().size());
+  }
+  EXPECT_LE(outboxBytes(testOutbox()), 2 * payloadBytes + (8 << 20));
   rig.broker.start();
   ASSERT_EQ(rig.receivedOnce(sent), sent);
-  sendNumbered(&supplier, 21, 5000, sent);  // the broker stops while these are on their way
+  const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
+  while (outboxBytes(testOutbox()) > (4 << 20) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_LE(outboxBytes(testOutbox()), 4 << 20);
+  sendNumbered(&supplier, 12001, 17000, sent);  // the broker stops while these are on their way
   rig.broker.stop();
-  sendNumbered(&supplier, 5001, 5050, sent);
+  sendNumbered(&supplier, 17001, 17050, sent);
   rig.broker.start();
-  sendNumbered(&supplier, 5051, 10000, sent);
+  sendNumbered(&supplier, 17051, 22000, sent);
   ASSERT_EQ(rig.receivedOnce(sent), sent);
-  sendNumbered(&supplier, 10001, 10020, sent);
+  sendNumbered(&supplier, 22001, 22020, sent);
   supplier.shutdown();  // shutdown delivers what waits
 
   EXPECT_EQ(rig.receivedOnce(sent), sent);
@@ -305,43 +328,6 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
-// The bytes of every file of the outbox at `path`: database, WAL, index.
-long long outboxBytes(const std::string& path) {
-  long long bytes = 0;
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    std::error_code missing;
-    const auto size = std::filesystem::file_size(path + suffix, missing);
-    if (!missing) bytes += static_cast<long long>(size);
-  }
-  return bytes;
-}
-
-// With the broker away, the outbox takes at most 2 bytes of disk per byte
-// of payload, plus 8 MiB; once the backlog is delivered, in order, it gives
-// the space back.
-TEST_F(NotificationSupplierTest, TheOutboxStaysSmallWhileItFillsAndShrinksWhenDrained) {
-  BrokerWithSubscriber rig(kKeepSessions);
-  rig.broker.stop();
-  NotificationSupplier supplier;
-  Messages sent;
-  long long payloadBytes = 0;
-  for (int n = 1; n <= 12000; ++n) {
-    NotificationEvent event = numbered(n);
-    event.attributes["note"] = std::string(1000, 'n');
-    ASSERT_EQ(supplier.send_notification(event), 0);
-    sent.push_back(standin::notificationPayload(event));
-    payloadBytes += static_cast<long long>(sent.back().size());
-  }
-  EXPECT_LE(outboxBytes(testOutbox()), 2 * payloadBytes + (8 << 20));
-  rig.broker.start();
-  EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const auto deadline = std::chrono::steady_clock::now() + kDeliveryTimeout;
-  while (outboxBytes(testOutbox()) > (4 << 20) && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_LE(outboxBytes(testOutbox()), 4 << 20);
-  supplier.shutdown();
-}
-
 // Writes past 64 KiB fail, as on a full disk: the events the outbox cannot
 // take wait in memory, with one line for each run of failures.
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
@@ -365,50 +351,24 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
 }
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
-  const std::string blocker = integration::scratchPath("a-file");
-  std::ofstream(blocker) << "not a directory";
-  const std::string damaged = integration::scratchPath("damaged.db");
-  const std::string newer = integration::scratchPath("newer.db");
-  const std::string deep = integration::scratchPath("deep.db");  // a database whose table's root page is damaged
-  const std::string garbage(10000, 'x');
-  const struct {
-    std::string outbox;
-    bool holdIt;          // another publisher has it open
-    bool damageIt;        // the file is not a database
-    std::string prepare;  // a shell command run first
-    std::string logs;     // level 16
-  } cases[] = {
-      {blocker + "/outbox.db", false, false, "",
-       "cannot use the outbox " + blocker + "/outbox.db: cannot create its directory"},
-      {testOutbox(), true, false, "", "cannot use the outbox " + testOutbox() + ": another publisher on this host"},
-      {damaged, false, true, "",
-       "the outbox " + damaged + " was damaged (file is not a database): set aside as " + damaged + ".damaged-"},
-      {newer, false, false, "sqlite3 " + newer + " 'PRAGMA user_version = 2;'",
-       "the outbox " + newer +
-           " was written by a newer release (schema version 2; this release knows 1): set aside as " + newer +
-           ".unknown-"},
-      {deep, false, false,
-       "sqlite3 " + deep + " 'PRAGMA user_version = 1; CREATE TABLE events (id INTEGER PRIMARY KEY, payload BLOB, " +
-           "raised INTEGER); WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 50) INSERT " +
-           "INTO events (payload) SELECT randomblob(2000) FROM n' && dd if=/dev/zero of=" + deep +
-           " bs=1 seek=4096 count=8 conv=notrunc 2>/dev/null",
-       "the outbox " + deep + " was damaged (*** in database main ***"},
+  const std::string dir = integration::scratchPath("");
+  const auto fill = [&dir](std::string text) {
+    for (size_t at; (at = text.find("{dir}/")) != std::string::npos;) text.replace(at, 6, dir);
+    return text;
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;
   int number = 0;
-  for (const auto& c : cases) {
-    integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + c.outbox + "\n");
-    if (c.damageIt) std::ofstream(c.outbox) << garbage;
-    if (!c.prepare.empty()) {
-      ASSERT_EQ(std::system(c.prepare.c_str()), 0);
-    }
-    std::unique_ptr<NotificationSupplier> holder(c.holdIt ? new NotificationSupplier : nullptr);
+  for (const cases::Row& c : cases::read("unusable_outboxes.cases")) {
+    integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + fill(c[0]) +
+                             "\n");
+    ASSERT_EQ(std::system(fill(c[2]).c_str()), 0) << c[2];
+    std::unique_ptr<NotificationSupplier> holder(c[1] == "yes" ? new NotificationSupplier : nullptr);
     NotificationSupplier supplier;
     sendNumbered(&supplier, number + 1, number + 3, sent);
     number += 3;
-    EXPECT_EQ(rig.receivedOnce(sent), sent) << c.outbox;
-    EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + c.logs)) << c.outbox;
+    EXPECT_EQ(rig.receivedOnce(sent), sent) << c[0];
+    EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + fill(c[3]))) << c[0];
   }
   std::vector<std::string> setAside;
   for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath(""))) {
@@ -419,7 +379,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
   }
   ASSERT_EQ(setAside.size(), 2u);
   std::sort(setAside.begin(), setAside.end());
-  EXPECT_EQ(integration::fileText(setAside[0]), garbage);
+  EXPECT_EQ(integration::fileText(setAside[0]), std::string(10000, 'x'));
 }
 
 TEST_F(NotificationSupplierTest, AnOutboxOfTheReleaseBeforeIsUpgradedAndItsEventsGoFirst) {
@@ -440,9 +400,9 @@ TEST_F(NotificationSupplierTest, AnOutboxOfTheReleaseBeforeIsUpgradedAndItsEvent
   EXPECT_EQ(number, 1);
 }
 
-// A TLS broker that wants a client certificate and a password: each row is
-// the configuration's TLS keys, and the level-16 line that refuses the broker
-// (empty: the alerts are delivered). The certificates are made for the test.
+// A TLS broker that wants a client certificate and a password, and the
+// configurations that reach it or are refused. The certificates are made for
+// the test.
 TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatItCannotTrust) {
   const std::string dir = integration::scratchPath("tls");
   const std::string make =
@@ -460,30 +420,22 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
   tls.passwordFile = dir + "/users";
   BrokerWithSubscriber rig(tls, "none");
   const std::string client = "broker_cert_file = " + dir + "/client.pem\nbroker_key_file = " + dir + "/client.key\n";
-  const struct {
-    std::string host, caFile, passwordFile, clientKeys, refusal;
-  } cases[] = {
-      {"127.0.0.1", "ca.pem", "right", client, ""},
-      {"127.0.0.1", "other-ca.pem", "right", client, "certificate verify failed"},
-      {"localhost", "ca.pem", "right", client, "host name verification failed"},
-      {"127.0.0.1", "ca.pem", "wrong", client, "refused the connection: Connection Refused: not authorised"},
-      {"127.0.0.1", "ca.pem", "open", client, "the broker password file " + dir + "/open is open to other users"},
-      {"127.0.0.1", "ca.pem", "right", "", "cannot reach broker 127.0.0.1:"},  // no client certificate
-  };
   Messages sent;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.caFile + " " + c.host + " " + c.passwordFile + (c.clientKeys.empty() ? "" : " client"));
-    integration::writeConfig("server = m.invalid\noutbox = none\nbroker_tls = on\nbroker = " + c.host + ":" +
-                             std::to_string(rig.broker.port()) + "\nbroker_ca_file = " + dir + "/" + c.caFile +
-                             "\nbroker_user = kscdp\nbroker_password_file = " + dir + "/" + c.passwordFile + "\n" +
-                             c.clientKeys);
+  for (const cases::Row& c : cases::read("tls_brokers.cases")) {
+    SCOPED_TRACE(c[0] + " " + c[1] + " " + c[2] + " " + c[3]);
+    integration::writeConfig("server = m.invalid\noutbox = none\nbroker_tls = on\nbroker = " + c[0] + ":" +
+                             std::to_string(rig.broker.port()) + "\nbroker_ca_file = " + dir + "/" + c[1] +
+                             "\nbroker_user = kscdp\nbroker_password_file = " + dir + "/" + c[2] + "\n" +
+                             (c[3] == "yes" ? client : ""));
+    std::string refusal = c[4];
+    if (refusal.find("{dir}") != std::string::npos) refusal.replace(refusal.find("{dir}"), 5, dir);
     const size_t logStart = integration::logText().size();
     NotificationSupplier supplier;
-    if (c.refusal.empty()) {
+    if (refusal.empty()) {
       sendNumbered(&supplier, 1, 3, sent);
       EXPECT_EQ(rig.receivedOnce(sent), sent);
     } else {
-      EXPECT_TRUE(publisherFailureLogged(c.refusal, logStart)) << integration::logText().substr(logStart);
+      EXPECT_TRUE(publisherFailureLogged(refusal, logStart)) << integration::logText().substr(logStart);
     }
     supplier.shutdown();
   }

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "case_table.h"
 #include "fake_platform.h"
 #include "services/AlertServiceImpl.h"
 #include "services/ServiceData.h"
@@ -51,55 +52,34 @@ TEST_F(AlertPublishing, ChainCompletesTheRecordPublishesItAndEndsThere) {
                 {4, kAlertLog, std::string("Called Alert (send_notification) for VM: ") + kUuid + "\nRetval: 7"}}));
 }
 
-// The numbering is the engine's: DEBUG is 1 and NOTICE 5. The fallbacks
-// differ: no text for an unknown priority, "UNKNOWN" for an unknown severity.
 TEST(AlertVocabulary, PriorityAndSeverityTextsByNumber) {
-  const struct {
-    int32_t value;
-    const char* priority;
-    const char* severity;
-  } cases[] = {
-      {0, "LOW", "INFO"}, {1, "MEDIUM", "DEBUG"}, {2, "HIGH", "WARNING"},
-      {3, "", "ERROR"},   {4, "", "CRITICAL"},    {5, "", "NOTICE"},
-      {6, "", "UNKNOWN"}, {-1, "", "UNKNOWN"},    {INT32_MIN, "", "UNKNOWN"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(c.value)), c.priority) << c.value;
-    EXPECT_EQ(AlertHelper::getSeverity(static_cast<AlertSeverity>(c.value)), c.severity) << c.value;
+  for (const cases::Row& c : cases::read("alert_vocabulary.cases")) {
+    EXPECT_EQ(AlertHelper::getPriority(static_cast<AlertPriority>(std::stoi(c[0]))), c[1]) << c[0];
+    EXPECT_EQ(AlertHelper::getSeverity(static_cast<AlertSeverity>(std::stoi(c[0]))), c[2]) << c[0];
   }
 }
 
 TEST_F(AlertPublishing, HostServiceAddsThisHostsNameUnlessPresent) {
-  const struct {
-    const char* name;
-    bool hasHostName;
-    Attributes given;
-    Attributes completed;
-    const char* loggedVm;  // null: the alert line is empty
-  } cases[] = {
-      {"no attributes", true, {}, {}, nullptr},
-      {"server already present",
-       true,
-       {{"uuid", "12345678a"}, {"server", "engine's own"}},
-       {{"server", "engine's own"}, {"uuid", "12345678-a"}},
-       "12345678-a"},
-      {"no uuid", true, {{"jobid", "3"}}, {{"jobid", "3"}, {"server", "cdp-host.example"}}, ""},
-      {"no host name", false, {{"uuid", "x"}}, {{"server", ""}, {"uuid", "x"}}, "x"},
+  const auto attributes = [](const std::string& text) {
+    Attributes parsed;
+    std::istringstream pairs(text);
+    for (std::string pair; std::getline(pairs, pair, ',');)
+      parsed[pair.substr(0, pair.find('='))] = pair.substr(pair.find('=') + 1);
+    return parsed;
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const cases::Row& c : cases::read("host_service.cases")) {
+    SCOPED_TRACE(c[0]);
     fake::resetPlatform();
-    fake::config.hasHostName = c.hasHostName;
+    fake::config.hasHostName = c[1] == "yes";
     AlertServiceData record;
-    record.attributes = c.given;
+    record.attributes = attributes(c[2]);
     HostServiceImpl host;
     AlertServiceImpl alert;
     host.setNext(&alert);
     host.handleRequest(&record);
     ASSERT_EQ(fake::notifications.sent.size(), 1u);
-    EXPECT_EQ(fake::notifications.sent[0].attributes, c.completed);
-    const std::string called = "Called Alert (send_notification) for VM: ";
-    const std::string logged = c.loggedVm == nullptr ? "" : called + c.loggedVm + "\nRetval: 0";
+    EXPECT_EQ(fake::notifications.sent[0].attributes, attributes(c[3]));
+    const std::string logged = c[4] == "-" ? "" : "Called Alert (send_notification) for VM: " + c[4] + "\nRetval: 0";
     EXPECT_EQ(fake::logLinesOf(kAlertLog), (std::vector<fake::LogLine>{{4, kAlertLog, logged}}));
   }
 }

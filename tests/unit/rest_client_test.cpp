@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "case_table.h"
 #include "fake_platform.h"
 #include "rest/CCTCurlWrapper.h"
 
@@ -44,21 +45,15 @@ TEST_F(RestClientTest, ClientGetsTheFirstServerAndTheFixedArguments) {
 }
 
 TEST_F(RestClientTest, AnswerFillsTheResponseAndIsLogged) {
-  const struct {
-    fake::CurlAnswer answer;
-    int result;
-    std::string response;
-  } cases[] = {
-      {{200, "{}", {{"x-keepstone-warning", "disk nearly full"}}, {}}, 0, "200|{}|disk nearly full"},
-      {{404, "", {}, 227}, 0, "404||earlier warning"},  // no warning header
-      {{500, "oops", {}, 5}, 5, "500|oops|earlier warning"},
-  };
-  for (const auto& c : cases) {
+  for (const cases::Row& c : cases::read("rest_answers.cases")) {
     fake::resetPlatform();
-    fake::curl.answers = {c.answer};
-    EXPECT_EQ(request(0), c.result);
-    EXPECT_EQ(response(), c.response);
-    const std::string logged = "Curl request status: " + std::to_string(c.answer.code) + ", message: " + c.answer.body;
+    fake::CurlAnswer answer{std::stol(c[0]), c[1], {}, {}};
+    if (c[2] != "-") answer.headers["x-keepstone-warning"] = c[2];
+    if (c[3] != "-") answer.headerLookupResult = std::stoi(c[3]);
+    fake::curl.answers = {answer};
+    EXPECT_EQ(request(0), std::stoi(c[4]));
+    EXPECT_EQ(response(), c[5]);
+    const std::string logged = "Curl request status: " + c[0] + ", message: " + c[1];
     EXPECT_EQ(fake::logLinesOf(kLogName), (std::vector<fake::LogLine>{{4, kLogName, logged}}));
   }
 }
