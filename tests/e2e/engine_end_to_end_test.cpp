@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -294,9 +295,7 @@ bool childrenCanBeJudged() {
 
 long residentMegabytes() {
   long pages = 0, resident = 0;
-  FILE* statm = std::fopen("/proc/self/statm", "r");
-  if (statm != nullptr && std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
-  if (statm != nullptr) std::fclose(statm);
+  std::ifstream("/proc/self/statm") >> pages >> resident;
   return resident * sysconf(_SC_PAGESIZE) >> 20;
 }
 
@@ -315,18 +314,31 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
       {"a forked child raises and stops on a publisher of its own", true,
        [&] {
          m_library.raise_backup_alert(vmId("f01").c_str(), 501, "");
+         int alive[2];
+         ASSERT_EQ(pipe(alive), 0);
          const pid_t child = fork();
          if (child == 0) {
            const Clock::time_point start = Clock::now();
            m_library.raise_backup_alert(vmId("f02").c_str(), 501, "");
            m_library.stop_alert_thread();
-           _exit(Clock::now() - start < std::chrono::seconds(4) ? 0 : 1);
+           const bool quick = Clock::now() - start < std::chrono::seconds(4);
+           char end;
+           close(alive[1]);
+           _exit(quick && read(alive[0], &end, 1) == 0 ? 0 : 1);  // lives until the parent has a new publisher
          }
+         // The parent's next publisher owns the outbox while the child lives.
+         m_library.stop_alert_thread();
+         m_library.raise_backup_alert(vmId("f05").c_str(), 501, "");
+         close(alive[0]);
+         close(alive[1]);
          int status = -1;
          waitpid(child, &status, 0);
+         const std::string parent = " " + std::to_string(getpid()) + " 16 NotificationSupplier: cannot use the outbox";
+         EXPECT_EQ(integration::logText().find(parent, log.size()), std::string::npos);
          EXPECT_EQ(status, 0) << "the child's stop did not see its alert acknowledged";
          EXPECT_TRUE(alertArrives(m_subscriber, "f01"));
          EXPECT_TRUE(alertArrives(m_subscriber, "f02"));
+         EXPECT_TRUE(alertArrives(m_subscriber, "f05"));
        }},
       {"a poller cancelled inside a call", false,
        [&] {

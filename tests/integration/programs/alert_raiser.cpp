@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "numbered_event.h"
 #include "platform/notification.h"
 
 int main(int argc, char** argv) {
@@ -34,14 +35,7 @@ int main(int argc, char** argv) {
   long accepted = 0;
   NotificationSupplier supplier;
   for (long n = first; n <= last; ++n) {
-    NotificationEvent event{1,
-                            "Keepstone",
-                            "CDP",
-                            "CDP Backup Engine",
-                            "LOW",
-                            "INFO",
-                            "eventlog.omra.ksu.cdp.fullsync.done",
-                            {{"seq", std::to_string(n)}}};
+    NotificationEvent event = numbered(n);
     if (supplier.send_notification(event) == 0) ++accepted;
   }
   std::printf("accepted %ld pid %d\n", accepted, static_cast<int>(getpid()));
