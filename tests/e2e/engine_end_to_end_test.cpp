@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>

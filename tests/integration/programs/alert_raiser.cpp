@@ -15,7 +15,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
 #include "numbered_event.h"
 #include "platform/notification.h"
