@@ -296,6 +296,7 @@ TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPub
   NotificationSupplier next;
   sendNumbered(&next, 103, 105, sent);
   EXPECT_EQ(rig.receivedOnce(sent), sent);
+  EXPECT_THAT(newLog(), Not(HasSubstr("cannot read the events waiting")));
 }
 
 TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
