@@ -432,7 +432,6 @@ void MqttPublisher::finish() {
   closeClient();
   if (!m_outbox) return;
   m_outbox->remove(m_acknowledged);
-  m_acknowledged.clear();
 }
 
 void MqttPublisher::wake() {
