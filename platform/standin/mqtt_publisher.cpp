@@ -39,6 +39,11 @@ const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::seconds kLongestPoll(1);         // the client's keep-alive needs a turn this often
 const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
+// Acknowledged events leave the outbox in batches: a removal is a commit
+// that appends wait for. One that is lost only lets the next start deliver
+// the event again, as an acknowledgement lost on the way would.
+const std::chrono::milliseconds kRemovalInterval(100);
+const size_t kRemovalBatch = 500;
 
 const char kLogFunction[] = "NotificationSupplier";
 const int kFailureLevel = 16;
@@ -384,8 +389,11 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
 
 void MqttPublisher::tidyOutbox(Clock::time_point now) {
   if (!m_outbox) return;
-  m_outbox->remove(m_acknowledged);
-  m_acknowledged.clear();
+  if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
+    m_outbox->remove(m_acknowledged);
+    m_acknowledged.clear();
+    m_nextRemoval = now + kRemovalInterval;
+  }
   if (now < m_nextCheckpoint && !m_outbox->walPastBound()) return;
   m_outbox->checkpoint();
   m_nextCheckpoint = now + kCheckpointInterval;

@@ -131,6 +131,7 @@ class MqttPublisher {
   bool m_outageLogged = false;
   std::string m_tlsFailure;             // the first error libmosquitto logged in this attempt
   std::vector<int64_t> m_acknowledged;  // outbox ids of acknowledged events, removed in batches
+  Clock::time_point m_nextRemoval;
   Clock::time_point m_nextCheckpoint;
   Clock::time_point m_connectDeadline;
   Clock::time_point m_nextAttempt;
