@@ -243,7 +243,7 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDownAndTheOutboxSt
   supplier.shutdown();  // shutdown delivers what waits
 
   EXPECT_EQ(rig.receivedOnce(sent), sent);
-  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address()));
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: cannot reach broker " + rig.broker.address() + ": "));
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: lost the connection to broker " + rig.broker.address()));
   EXPECT_THAT(newLog(), Not(HasSubstr("not delivered")));
   NotificationEvent late = numbered(0);
