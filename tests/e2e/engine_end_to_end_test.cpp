@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -366,13 +367,17 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
        }},
       {"thirty loads and unloads", false,
        [&] {
+         const auto openFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+         long opened = 0;  // once the library is loaded afresh
          for (int i = 0; i < 30; ++i) {
            m_library.unload();
            std::string error;
            ASSERT_TRUE(m_library.load(KSCDP_LIBRARY_PATH, error)) << error;
            m_library.raise_backup_alert(vmId("f03").c_str(), 501, "");
            m_library.stop_alert_thread();
+           if (i == 0) opened = openFiles();
          }
+         EXPECT_EQ(openFiles(), opened);
        }},
       {"a process that exits without a stop", true,
        [&] {
