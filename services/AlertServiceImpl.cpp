@@ -127,9 +127,9 @@ port::Mutex NotificationInterface::m_mutex;
 port::NoDestructor<port::CondVar> NotificationInterface::m_sendEnded;
 NotificationSupplier* NotificationInterface::m_parentsSupplier = nullptr;
 port::NoDestructor<std::map<const NotificationSupplier*, int>> NotificationInterface::m_runningSends;
-const bool NotificationInterface::m_forkHandlersRegistered =
+const int NotificationInterface::m_forkHandlerRegistration =
     pthread_atfork(&NotificationInterface::prepareFork, &NotificationInterface::parentAfterFork,
-                   &NotificationInterface::childAfterFork) == 0;
+                   &NotificationInterface::childAfterFork);
 
 void NotificationInterface::prepareFork() NO_THREAD_SAFETY_ANALYSIS {
   m_makingMutex.lock();

@@ -140,7 +140,7 @@ class NotificationInterface {
   static void prepareFork();
   static void parentAfterFork();
   static void childAfterFork();
-  static const bool m_forkHandlersRegistered;
+  static const int m_forkHandlerRegistration;  // pthread_atfork's result: the handlers are registered at load
 
   // Held by the alert that makes a supplier, while it makes it; taken
   // before m_mutex.

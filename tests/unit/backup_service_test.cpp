@@ -48,6 +48,9 @@ TEST_F(BackupServiceTest, OnlyAnIntegerJobIdInASuccessfulAnswerChangesTheRecord)
     record.jobId = 99;
     EXPECT_EQ(unit::serviceError([&] { m_handler.handleRequest(&record); }), c[2]);
     EXPECT_EQ(record.jobId, std::stoull(c[3]));
+    unsigned long parsed = 99;  // what the parse alone leaves
+    unit::serviceError([&] { m_handler.parseRequestResponse(fake::ksqd.answer, parsed); });
+    EXPECT_EQ(parsed, std::stoull(c[4]));
     if (fake::ksqd.result != 0) {
       EXPECT_EQ(fake::logLines.back(), (fake::LogLine{16, kHandle, c[2].substr(3)}));
     }

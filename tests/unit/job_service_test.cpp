@@ -85,7 +85,7 @@ TEST(JobResponseParsing, ReadsStateAndStatusOrNamesWhatIsMissing) {
   for (const cases::Row& c : cases::read("job_answers.cases")) {
     std::string state = "unset";
     int status = -7;
-    const std::string error = unit::serviceError([&] { handler.parseResponse(c[0], state, status); });
+    const std::string error = unit::serviceError([&] { EXPECT_EQ(handler.parseResponse(c[0], state, status), 0); });
     const std::string outputs = state + " " + std::to_string(status);
     EXPECT_EQ(error.empty() ? outputs : error, c[1]) << c[0].substr(0, 80);
     if (!error.empty()) {
