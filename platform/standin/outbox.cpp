@@ -269,9 +269,10 @@ void Outbox::remove(const std::vector<int64_t>& ids) {
   }
   if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
   if (code != SQLITE_OK) {
-    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    // Logged before the rollback, whose own message would replace the reason.
     logFailure(m_removeFailing, m_writer, "cannot remove acknowledged events from the outbox " + m_path,
                "; the next start may deliver them again");
+    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
     return;
   }
   m_removeFailing = false;

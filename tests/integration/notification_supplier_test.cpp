@@ -317,7 +317,8 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
 }
 
 // Writes past 64 KiB fail, as on a full disk: the events the outbox cannot
-// take wait in memory, with one line for each run of failures.
+// take wait in memory, with one line for each run of failures. A removal
+// that fails says why, and what follows from it.
 TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   BrokerWithSubscriber rig({});
   const std::string log = integration::scratchPath("full-disk.log");
@@ -336,6 +337,8 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
   EXPECT_GE(count(failure), 1u) << logged;
   EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
+  EXPECT_EQ(count("cannot remove acknowledged events"), count("; the next start may deliver them again\n")) << logged;
+  EXPECT_EQ(count("cannot rollback"), 0u) << "a removal's failure must keep its reason: " << logged;
 }
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
