@@ -2,6 +2,11 @@
 // rule, the same media type and the stand-ins' one request path, with peer
 // and host verified against ca_file.
 #include <jansson.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "checks.h"
 #include "platform/standin/curl_exchange.h"
@@ -69,6 +74,13 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   }
 
   standin::CurlSettings settings = standin::httpSettings(configuration).curl;
+  // libcurl reads ca_file only once the handshake needs it, so that a peer
+  // that hangs up first would hide an unreadable one.
+  const bool https = strncasecmp(url.c_str(), "https:", 6) == 0;
+  if (https && !settings.caFile.empty() && access(settings.caFile.c_str(), R_OK) != 0) {
+    return failedResult(kId, kTitle, "cannot read ca_file " + settings.caFile + ": " + std::strerror(errno),
+                        "set ca_file in " + configuration.path + " to a CA bundle that this user can read");
+  }
   settings.connectTimeoutSeconds = kConnectSeconds;
   settings.timeoutSeconds = kExchangeSeconds;
   standin::CurlExchange exchange;
