@@ -395,7 +395,7 @@ void MqttPublisher::tidyOutbox(Clock::time_point now) {
     m_nextRemoval = now + kRemovalInterval;
   }
   if (now < m_nextCheckpoint && !m_outbox->walPastBound()) return;
-  m_outbox->checkpoint();
+  m_outbox->requestCheckpoint();
   m_nextCheckpoint = now + kCheckpointInterval;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -132,9 +133,12 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error
   }
   std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
   Unusable unusable = Unusable::kNo;
-  if (outbox->openConnections(error, unusable)) return outbox;
-  if (unusable != Unusable::kNo && outbox->startAfresh(unusable, error)) return outbox;
-  return nullptr;
+  if (!outbox->openConnections(error, unusable) &&
+      (unusable == Unusable::kNo || !outbox->startAfresh(unusable, error))) {
+    return nullptr;
+  }
+  outbox->m_checkpointThread = std::thread(&Outbox::checkpointLoop, outbox.get());
+  return outbox;
 }
 
 bool Outbox::startAfresh(Unusable unusable, std::string& error) {
@@ -149,6 +153,7 @@ bool Outbox::startAfresh(Unusable unusable, std::string& error) {
 }
 
 std::string Outbox::checkWhole() {
+  port::MutexLock noCheckpoint(m_checkpointMutex);
   int code = SQLITE_OK;
   const std::string verdict = quickCheck(m_checkpointer, code);
   return verdict == "ok" || (code != SQLITE_OK && !isDamage(code)) ? std::string() : verdict;
@@ -159,6 +164,14 @@ bool Outbox::startAfreshAsDamaged(std::string& found) { return startAfresh(Unusa
 Outbox::Outbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
 
 Outbox::~Outbox() {
+  if (m_checkpointThread.joinable()) {
+    {
+      port::MutexLock lock(m_requestMutex);
+      m_stopping = true;
+      m_requestChanged.notifyAll();
+    }
+    m_checkpointThread.join();
+  }
   closeConnections();
   if (m_lockFd >= 0) close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
@@ -187,7 +200,8 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
   sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
   sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
   code = sqlite3_prepare_v2(m_writer, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
-  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
+  if (code == SQLITE_OK)
+    code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id BETWEEN ?1 AND ?2", -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
     error = sqlite3_errstr(code);
     return false;
@@ -196,6 +210,7 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
 }
 
 void Outbox::closeConnections() {
+  port::MutexLock noCheckpoint(m_checkpointMutex);
   port::MutexLock lock(m_writeMutex);
   sqlite3_finalize(m_insert);
   sqlite3_finalize(m_delete);
@@ -248,7 +263,10 @@ int64_t Outbox::append(const std::string& payload) {
   return sqlite3_last_insert_rowid(m_writer);
 }
 
-void Outbox::holdForFork() { m_writeMutex.lock(); }
+void Outbox::holdForFork() {
+  m_checkpointMutex.lock();
+  m_writeMutex.lock();
+}
 
 void Outbox::releaseAfterFork(bool inChild) {
   if (inChild && m_lockFd >= 0) {
@@ -256,14 +274,21 @@ void Outbox::releaseAfterFork(bool inChild) {
     m_lockFd = -1;
   }
   m_writeMutex.unlock();
+  m_checkpointMutex.unlock();
 }
 
 void Outbox::remove(const std::vector<int64_t>& ids) {
   if (ids.empty()) return;
+  std::vector<int64_t> sorted(ids);
+  std::sort(sorted.begin(), sorted.end());
   port::MutexLock lock(m_writeMutex);
   int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);
-  for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
-    sqlite3_bind_int64(m_delete, 1, ids[i]);
+  // One statement for each run of consecutive ids: acknowledgements come
+  // mostly in order, so a batch is mostly one run.
+  for (size_t first = 0, last = 0; code == SQLITE_OK && first < sorted.size(); first = ++last) {
+    while (last + 1 < sorted.size() && sorted[last + 1] <= sorted[last] + 1) ++last;
+    sqlite3_bind_int64(m_delete, 1, sorted[first]);
+    sqlite3_bind_int64(m_delete, 2, sorted[last]);
     code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_delete);
   }
@@ -287,13 +312,49 @@ int Outbox::onWalCommit(void* outbox, sqlite3* /*db*/, const char* /*name*/, int
   return SQLITE_OK;
 }
 
+void Outbox::requestCheckpoint() {
+  port::MutexLock lock(m_requestMutex);
+  m_checkpointWanted = true;
+  m_requestChanged.notifyAll();
+}
+
+void Outbox::checkpointLoop() {
+  for (;;) {
+    {
+      port::MutexLock lock(m_requestMutex);
+      m_requestChanged.wait(m_requestMutex,
+                            [this]() REQUIRES(m_requestMutex) { return m_checkpointWanted || m_stopping; });
+      if (m_stopping) return;
+      m_checkpointWanted = false;
+    }
+    port::MutexLock working(m_checkpointMutex);
+    checkpoint();
+  }
+}
+
 void Outbox::checkpoint() {
-  if (!walPastBound() && !m_drained) {
-    sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+  if (m_drained) {
+    port::MutexLock lock(m_writeMutex);
+    shrink();
     return;
   }
+  // Appends go on while the bulk is copied and synced.
+  if (copyWholeWal() || !walPastBound()) return;
+  // The few frames appended meanwhile are copied with appends held off. The
+  // WAL is then wholly in the database, and the next append starts it over,
+  // cut back to journal_size_limit.
   port::MutexLock lock(m_writeMutex);
-  shrink();
+  copyWholeWal();
+}
+
+bool Outbox::copyWholeWal() {
+  int inWal = 0;
+  int copied = 0;
+  const bool whole =
+      sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_PASSIVE, &inWal, &copied) == SQLITE_OK &&
+      copied == inWal;
+  if (whole) m_walFrames.store(0, std::memory_order_relaxed);
+  return whole;
 }
 
 void Outbox::shrink() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "port/mutex.h"
@@ -63,21 +64,23 @@ class Outbox {
   int64_t append(const std::string& payload);
   // Removes the events with these ids, in one transaction.
   void remove(const std::vector<int64_t>& ids);
-  // Copies the WAL into the database and syncs both: the batched sync. Once
-  // the WAL has passed its bound, also truncates it, holding appends off
-  // meanwhile; and once the outbox is empty after a large backlog, gives the
-  // space back. The network thread's.
-  void checkpoint();
-  // Whether the WAL has passed its bound: the network thread should
-  // checkpoint now rather than at its next turn. Thread-safe.
+  // Asks the outbox's own thread to copy the WAL into the database and sync
+  // both: the batched sync. Once the WAL has passed its bound, that thread
+  // also copies what was appended meanwhile, holding appends off for that
+  // short while, so that the next append starts the WAL over; and once the
+  // outbox is empty after a large backlog, it gives the space back. Returns
+  // at once: neither a sync nor a copy holds up the caller. Thread-safe.
+  void requestCheckpoint();
+  // Whether the WAL has passed its bound: the network thread should ask for
+  // a checkpoint now rather than at its next turn. Thread-safe.
   bool walPastBound() const { return m_walFrames.load(std::memory_order_relaxed) > kWalBoundFrames; }
 
-  // Around fork(): holds every write in the forking thread, then lets them
-  // go. In a child, also closes the child's copy of the lock file, so that
-  // the parent's ownership ends when the parent lets it go; a child never
-  // uses its parent's outbox.
-  void holdForFork() ACQUIRE(m_writeMutex);
-  void releaseAfterFork(bool inChild) RELEASE(m_writeMutex);
+  // Around fork(): holds every write and checkpoint in the forking thread,
+  // then lets them go. In a child, also closes the child's copy of the lock
+  // file, so that the parent's ownership ends when the parent lets it go; a
+  // child never uses its parent's outbox, nor its checkpoint thread.
+  void holdForFork() ACQUIRE(m_checkpointMutex, m_writeMutex);
+  void releaseAfterFork(bool inChild) RELEASE(m_checkpointMutex, m_writeMutex);
 
  private:
   Outbox(std::string path, int lockFd);
@@ -91,8 +94,15 @@ class Outbox {
   // SQLite's WAL hook: notes the WAL's length after each commit. Called from
   // C; nothing unwinds through it.
   static int onWalCommit(void* outbox, sqlite3* db, const char* name, int frames) noexcept;
+  // The checkpoint thread: one checkpoint() per request, until the outbox
+  // closes.
+  void checkpointLoop();
+  void checkpoint() REQUIRES(m_checkpointMutex);
+  // A passive checkpoint. True when it copied the whole WAL, which the next
+  // append then starts over.
+  bool copyWholeWal() REQUIRES(m_checkpointMutex);
   // Truncating checkpoint, then VACUUM when the outbox is empty and large.
-  void shrink() REQUIRES(m_writeMutex);
+  void shrink() REQUIRES(m_checkpointMutex, m_writeMutex);
 
   // Why an outbox file cannot be used and is set aside.
   enum class Unusable { kNo, kDamaged, kNewer };
@@ -108,19 +118,28 @@ class Outbox {
 
   // Every read and write of the events goes through one connection, under
   // m_writeMutex: a write by a second connection would make this one drop
-  // its page cache at its next append. The network thread checks and
-  // checkpoints through the other, so a passive checkpoint never holds up an
-  // append; its writes (truncation, vacuum) take m_writeMutex too, so that
-  // neither connection ever waits in SQLite's busy handler for the other.
+  // its page cache at its next append. The checkpoint thread checkpoints
+  // through the other, so a passive checkpoint never holds up an append; its
+  // writes (the last frames, truncation, vacuum) take m_writeMutex too, so
+  // that neither connection ever waits in SQLite's busy handler for the
+  // other. m_checkpointMutex, held through each checkpoint and the quick
+  // check, is taken before m_writeMutex.
+  port::Mutex m_checkpointMutex;
   port::Mutex m_writeMutex;
   sqlite3* m_writer = nullptr;
   sqlite3_stmt* m_insert GUARDED_BY(m_writeMutex) = nullptr;
   bool m_appendFailing GUARDED_BY(m_writeMutex) = false;
-  sqlite3* m_checkpointer = nullptr;  // the network thread's
+  sqlite3* m_checkpointer = nullptr;
   sqlite3_stmt* m_delete = nullptr;
   bool m_removeFailing = false;
-  bool m_drained = false;  // the last removal left the outbox empty
+  std::atomic<bool> m_drained{false};  // the last removal left the outbox empty
   std::atomic<int> m_walFrames{0};
+
+  port::Mutex m_requestMutex;
+  port::CondVar m_requestChanged;
+  bool m_checkpointWanted GUARDED_BY(m_requestMutex) = false;
+  bool m_stopping GUARDED_BY(m_requestMutex) = false;
+  std::thread m_checkpointThread;
 };
 
 }  // namespace standin
