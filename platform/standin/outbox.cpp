@@ -5,7 +5,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -200,8 +199,7 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
   sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
   sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
   code = sqlite3_prepare_v2(m_writer, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
-  if (code == SQLITE_OK)
-    code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id BETWEEN ?1 AND ?2", -1, &m_delete, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
     error = sqlite3_errstr(code);
     return false;
@@ -279,16 +277,10 @@ void Outbox::releaseAfterFork(bool inChild) {
 
 void Outbox::remove(const std::vector<int64_t>& ids) {
   if (ids.empty()) return;
-  std::vector<int64_t> sorted(ids);
-  std::sort(sorted.begin(), sorted.end());
   port::MutexLock lock(m_writeMutex);
   int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);
-  // One statement for each run of consecutive ids: acknowledgements come
-  // mostly in order, so a batch is mostly one run.
-  for (size_t first = 0, last = 0; code == SQLITE_OK && first < sorted.size(); first = ++last) {
-    while (last + 1 < sorted.size() && sorted[last + 1] <= sorted[last] + 1) ++last;
-    sqlite3_bind_int64(m_delete, 1, sorted[first]);
-    sqlite3_bind_int64(m_delete, 2, sorted[last]);
+  for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
+    sqlite3_bind_int64(m_delete, 1, ids[i]);
     code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_delete);
   }
