@@ -20,7 +20,7 @@ namespace standin {
 // One table, events(id INTEGER PRIMARY KEY, payload BLOB): a larger id is a
 // later event. An appended event is in the WAL, in the kernel's buffers,
 // before append() returns, so it survives the process being killed; the WAL
-// reaches the disk at each checkpoint(), not at every event. One process at a
+// reaches the disk at each checkpoint, not at every event. One process at a
 // time owns the file, through an flock on "<path>.lock"; the sqlite3 shell may
 // read it meanwhile. Failures are logged at level 16 under
 // "NotificationSupplier".
