@@ -217,6 +217,19 @@ class DroppingDaemon {
   std::thread m_thread;
 };
 
+// The HTTP client's payload operation POSTs JSON.
+TEST_F(KsqdClient, APayloadRequestOfTheHttpClientIsAJsonPost) {
+  KSCurlRequestParams params;
+  params.uri = "ksqd/1";
+  params.requestType = PAYLOAD_REQUEST;
+  params.payload = R"({"policy": "gold"})";
+  KSCurlResponse response{0, "", ""};
+  EXPECT_EQ(KSCurlWrapper().makeRequest(params, response), 0);
+  ASSERT_EQ(m_master.requests().size(), 1u);
+  EXPECT_EQ(m_master.requests()[0].method + " " + m_master.requests()[0].headers.at("Content-Type"),
+            "POST application/json");
+}
+
 TEST_F(KsqdClient, ARequestIsSentOnceEvenWhenTheDaemonDropsTheConnection) {
   DroppingDaemon daemon;
   integration::writeConfig("server = 127.0.0.1\nhttp_timeout = 5\nksqd_url = " + daemon.url() + "\n");

@@ -61,10 +61,15 @@ TEST(PendingEvents, HandsOverOldestFirstWithinTheWindowAndKeepsTheUnacknowledged
   events.push("e", 15);
   EXPECT_EQ(events.acknowledge(1), 13);
 
+  Connection third{5, 20, {}};
+  events.handOver(3, third.publish());  // "d" and "e", still unacknowledged
   const standin::PendingEvents::Dropped dropped = events.clear();
   EXPECT_EQ(dropped.inOutbox, 1u);      // "e"
   EXPECT_EQ(dropped.inMemoryOnly, 1u);  // "d"
   EXPECT_EQ(events.size(), 0u);
+  events.push("f", 0);  // a cleared queue starts as a new one
+  events.handOver(3, third.publish());
+  EXPECT_EQ(third.given, (std::vector<std::string>{"d", "e", "f"}));
 }
 
 }  // namespace
