@@ -219,10 +219,7 @@ class DroppingDaemon {
 
 // The HTTP client's payload operation POSTs JSON.
 TEST_F(KsqdClient, APayloadRequestOfTheHttpClientIsAJsonPost) {
-  KSCurlRequestParams params;
-  params.uri = "ksqd/1";
-  params.requestType = PAYLOAD_REQUEST;
-  params.payload = R"({"policy": "gold"})";
+  const KSCurlRequestParams params{"ksqd/1", R"({"policy": "gold"})", PAYLOAD_REQUEST};
   KSCurlResponse response{0, "", ""};
   EXPECT_EQ(KSCurlWrapper().makeRequest(params, response), 0);
   ASSERT_EQ(m_master.requests().size(), 1u);
