@@ -43,6 +43,16 @@
  * outbox, connection and thread stay the parent's, untouched by the child.
  * fork() waits until no other thread is inside the library's short guards.
  *
+ * Unloading: when the library is unloaded (dlclose) or the process exits
+ * with an alert publisher that no stop_alert_thread took down, the publisher
+ * waits up to about 1 s for the alerts in flight to be acknowledged and ends
+ * its thread, so that none of the library's code runs once it is unmapped.
+ * What the broker has not acknowledged by then stays in the outbox and goes
+ * out from the next publisher, in the next load or the next process (without
+ * an outbox it is lost, and logged). After stop_alert_thread, unloading has
+ * nothing to stop. No engine thread may be inside a call while the library
+ * is unloaded.
+ *
  * Configuration and log: the master configuration is read afresh from
  * $KEEPSTONE_CONF (default /etc/keepstone/keepstone.conf, keepstone.conf(5))
  * whenever a value is needed; log lines go to $KSU_LOG_FILE, else stderr.

@@ -125,11 +125,22 @@ int AlertServiceImpl::handleRequest(ServiceData* data) {
 port::Mutex NotificationInterface::m_makingMutex;
 port::Mutex NotificationInterface::m_mutex;
 port::NoDestructor<port::CondVar> NotificationInterface::m_sendEnded;
-NotificationSupplier* NotificationInterface::m_parentsSupplier = nullptr;
 port::NoDestructor<std::map<const NotificationSupplier*, int>> NotificationInterface::m_runningSends;
-const int NotificationInterface::m_forkHandlerRegistration =
+
+namespace {
+
+// The holder's fork handlers, registered when the library loads; glibc
+// forgets them when it is unloaded. They run before the stand-ins' own
+// (registered when that library loaded, first) in prepare, and after them in
+// the parent and the child, whatever order the engine loaded things in.
+struct ForkHandlers {
+  ForkHandlers() {
     pthread_atfork(&NotificationInterface::prepareFork, &NotificationInterface::parentAfterFork,
                    &NotificationInterface::childAfterFork);
+  }
+} g_forkHandlers;
+
+}  // namespace
 
 void NotificationInterface::prepareFork() NO_THREAD_SAFETY_ANALYSIS {
   m_makingMutex.lock();
@@ -142,8 +153,7 @@ void NotificationInterface::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void NotificationInterface::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
-  if (m_notificationSupplier != nullptr) m_parentsSupplier = m_notificationSupplier;
-  m_notificationSupplier = nullptr;
+  m_notificationSupplier = nullptr;  // the parent's: the child leaves it alone and never deletes it
   m_runningSends->clear();  // the sends of threads that the child does not have
   m_mutex.unlock();
   m_makingMutex.unlock();
@@ -176,14 +186,18 @@ NotificationInterface::SupplierUse NotificationInterface::borrow() {
   return SupplierUse(m_notificationSupplier);
 }
 
-void NotificationInterface::destroyInstance() {
-  m_mutex.lock();
+NotificationSupplier* NotificationInterface::takeOut() {
+  port::MutexLock lock(m_mutex);
   NotificationSupplier* const supplier = m_notificationSupplier;
   m_notificationSupplier = nullptr;
   if (supplier != nullptr) {
     m_sendEnded->wait(m_mutex, [supplier]() REQUIRES(m_mutex) { return m_runningSends->count(supplier) == 0; });
   }
-  m_mutex.unlock();
+  return supplier;
+}
+
+void NotificationInterface::destroyInstance() {
+  NotificationSupplier* const supplier = takeOut();
   if (supplier == nullptr) return;
   try {
     supplier->shutdown();
@@ -198,3 +212,21 @@ void NotificationInterface::destroyInstance() {
   }
   delete supplier;
 }
+
+void NotificationInterface::releaseAtUnload() { delete takeOut(); }
+
+namespace {
+
+// Made after the holder's own objects, so torn down before them: when the
+// library is unloaded, and when the process exits.
+struct ReleaseAtUnload {
+  ~ReleaseAtUnload() {
+    try {
+      NotificationInterface::releaseAtUnload();
+    } catch (...) {
+      // Nothing may leave a destructor; the supplier's own stop logs its failures.
+    }
+  }
+} g_releaseAtUnload;
+
+}  // namespace

@@ -129,18 +129,28 @@ class NotificationInterface {
   // If shutdown() throws, the supplier goes back into the holder (unless an
   // alert has made a new one meanwhile; it is then deleted all the same).
   static void destroyInstance() EXCLUDES(m_mutex);
+  // The library is being unloaded, or the process exits, with a supplier that
+  // no stop_alert_thread took down: deletes it without shutdown(), which a
+  // supplier takes as leaving at once. Its delivery thread is gone when this
+  // returns, so no code of the library runs once it is unmapped; what the
+  // broker has not acknowledged stays in the outbox for the next publisher.
+  static void releaseAtUnload() EXCLUDES(m_mutex);
 
- private:
-  // fork() waits until no supplier is being made or taken out. A child
-  // starts with none: its parent's, with its connection and thread, is the
-  // parent's, and the child neither uses, shuts down nor deletes it.
-  // Counts a send on the installed supplier.
-  static SupplierUse borrow() REQUIRES(m_mutex);
-
+  // The fork handlers, registered when the library loads: fork() waits until
+  // no supplier is being made or taken out. A child starts with none: its
+  // parent's, with its connection and thread, is the parent's, and the child
+  // neither uses, shuts down nor deletes it.
   static void prepareFork();
   static void parentAfterFork();
   static void childAfterFork();
-  static const int m_forkHandlerRegistration;  // pthread_atfork's result: the handlers are registered at load
+
+ private:
+  // Takes the supplier out of the holder and waits until no send uses it;
+  // null when there is none.
+  static NotificationSupplier* takeOut() EXCLUDES(m_mutex);
+  // Counts a send on the installed supplier.
+  static SupplierUse borrow() REQUIRES(m_mutex);
+
 
   // Held by the alert that makes a supplier, while it makes it; taken
   // before m_mutex.
@@ -151,7 +161,6 @@ class NotificationInterface {
   static port::Mutex m_mutex;
   static port::NoDestructor<port::CondVar> m_sendEnded;
   static NotificationSupplier* m_notificationSupplier GUARDED_BY(m_mutex);  // owned; null when absent
-  static NotificationSupplier* m_parentsSupplier;  // in a forked child: left alone, never deleted
   // Sends running on each supplier not yet deleted.
   static port::NoDestructor<std::map<const NotificationSupplier*, int>> m_runningSends GUARDED_BY(m_mutex);
 };

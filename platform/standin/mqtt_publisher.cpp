@@ -34,6 +34,7 @@ const int kKeepAliveSeconds = 30;
 const size_t kLargestPayload = 268435455 - (2 + sizeof kNotificationTopic - 1) - 2;
 
 const std::chrono::seconds kShutdownGrace(5);
+const std::chrono::seconds kUnloadGrace(1);  // an engine's exit or dlclose must not wait long
 const std::chrono::seconds kConnectTimeout(10);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
@@ -118,7 +119,7 @@ MqttPublisher::~MqttPublisher() {
     std::vector<MqttPublisher*>& live = g_live->publishers;
     live.erase(std::remove(live.begin(), live.end(), this), live.end());
   }
-  stop();
+  stopWithin(kUnloadGrace);
   close(m_wakeFd);
 }
 
@@ -197,13 +198,15 @@ bool releasePublisherRegistry() {
   return true;
 }
 
-void MqttPublisher::stop() {
+void MqttPublisher::stop() { stopWithin(kShutdownGrace); }
+
+void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   port::MutexLock serial(m_stopMutex);
   if (!m_network.joinable()) return;
   {
     port::MutexLock lock(m_controlMutex);
     m_stopRequested = true;
-    m_stopDeadline = Clock::now() + kShutdownGrace;
+    m_stopDeadline = Clock::now() + grace;
   }
   wake();
   m_network.join();
@@ -215,7 +218,7 @@ void MqttPublisher::stop() {
     m_heldBeforeLoad.clear();
   }
   const std::string broker = m_broker.empty() ? "the broker" : "broker " + m_broker;
-  const std::string within = " within " + std::to_string(kShutdownGrace.count()) + " s of shutdown";
+  const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
     logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
                ": they wait in the outbox " + m_outbox->path() + " for the next start");

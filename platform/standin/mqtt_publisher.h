@@ -51,7 +51,10 @@ class MqttPublisher {
 
   // Starts the network thread; throws std::system_error when it cannot.
   MqttPublisher();
-  // Stops first if stop() has not been called.
+  // Without stop() first (the library is being unloaded, or the process
+  // exits), leaves at once: waits up to 1 s for what is in flight, then
+  // stops as stop() does, so that no thread runs the library's code once it
+  // is unmapped.
   ~MqttPublisher();
   MqttPublisher(const MqttPublisher&) = delete;
   MqttPublisher& operator=(const MqttPublisher&) = delete;
@@ -78,6 +81,8 @@ class MqttPublisher {
   // Outbox events read at a time while the backlog loads.
   static const size_t kBacklogPage = 1000;
 
+  // stop(), waiting up to `grace` for acknowledgements.
+  void stopWithin(std::chrono::seconds grace);
   void startOutboxAfresh(std::string found);
   void loadBacklog();
   void run();

@@ -406,4 +406,54 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
   EXPECT_EQ(integration::logText().find("not acknowledged", log.size()), std::string::npos);
 }
 
+// "127.0.0.1:<port>" of a loopback port that nothing listens on.
+std::string deadBroker() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  close(fd);
+  return "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+}
+
+// An engine that unloads the library without stop_alert_thread: each row runs
+// kscdp_unload_cycles (under valgrind when this test runs under it), which
+// must end by itself with both libraries unmapped after every dlclose. Every
+// alert it raised arrives, if not before the unload then from the outbox
+// through the next publisher.
+TEST_F(EngineEndToEndTest, UnloadingWithoutAStop) {
+  const struct {
+    const char* name;
+    bool brokerUp;
+    int cycles;
+    const char* how;
+    int firstVm;
+  } cases[] = {
+      {"30 cycles with the broker up, no stop", true, 30, "dlclose", 100},
+      {"dlclose while the broker is down, no stop, 5 cycles", false, 5, "dlclose", 200},
+      {"one cycle, exit at once", false, 1, "exit", 300},
+  };
+  const std::string config = "server = 127.0.0.1\nhost_name = cdp-e2e\noutbox = " +
+                             integration::scratchPath("unload-outbox.db") + "\nbroker = ";
+  const std::string checker = RUNNING_ON_VALGRIND ? "valgrind -q --error-exitcode=1 --leak-check=full "
+                                                    "--errors-for-leak-kinds=definite,indirect "
+                                                  : "";
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    integration::writeConfig(config + (c.brokerUp ? m_broker.address() : deadBroker()) + "\n");
+    const std::string command = checker + KSCDP_UNLOAD_CYCLES_PATH + " " + KSCDP_LIBRARY_PATH + " " +
+                                std::to_string(c.cycles) + " " + c.how + " " + std::to_string(c.firstVm);
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    integration::writeConfig(config + m_broker.address() + "\n");
+    m_library.raise_backup_alert(vmId("fff").c_str(), 503, "");
+    m_library.stop_alert_thread();
+    for (int cycle = 0; cycle < c.cycles; ++cycle) {
+      EXPECT_TRUE(alertArrives(m_subscriber, std::to_string(c.firstVm + cycle))) << "cycle " << cycle;
+    }
+  }
+}
+
 }  // namespace
