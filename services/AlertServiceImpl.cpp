@@ -154,7 +154,7 @@ void NotificationInterface::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS {
 
 void NotificationInterface::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
   m_notificationSupplier = nullptr;  // the parent's: the child leaves it alone and never deletes it
-  m_runningSends->clear();  // the sends of threads that the child does not have
+  m_runningSends->clear();           // the sends of threads that the child does not have
   m_mutex.unlock();
   m_makingMutex.unlock();
 }

@@ -151,7 +151,6 @@ class NotificationInterface {
   // Counts a send on the installed supplier.
   static SupplierUse borrow() REQUIRES(m_mutex);
 
-
   // Held by the alert that makes a supplier, while it makes it; taken
   // before m_mutex.
   static port::Mutex m_makingMutex ACQUIRED_BEFORE(m_mutex);

@@ -436,8 +436,9 @@ TEST_F(EngineEndToEndTest, UnloadingWithoutAStop) {
       {"dlclose while the broker is down, no stop, 5 cycles", false, 5, "dlclose", 200},
       {"one cycle, exit at once", false, 1, "exit", 300},
   };
-  const std::string config = "server = 127.0.0.1\nhost_name = cdp-e2e\noutbox = " +
-                             integration::scratchPath("unload-outbox.db") + "\nbroker = ";
+  const std::string config =
+      "server = 127.0.0.1\nhost_name = cdp-e2e\noutbox = " + integration::scratchPath("unload-outbox.db") +
+      "\nbroker = ";
   const std::string checker = RUNNING_ON_VALGRIND ? "valgrind -q --error-exitcode=1 --leak-check=full "
                                                     "--errors-for-leak-kinds=definite,indirect "
                                                   : "";
