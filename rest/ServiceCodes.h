@@ -1,15 +1,11 @@
-// The levels of the library's log lines and the codes of its service
-// exceptions, by name. The codes reach the engine as results, so their values
-// are part of the interface.
+// The codes of the library's service exceptions, by name, with the levels of
+// its log lines. The codes reach the engine as results, so their values are
+// part of the interface.
 #ifndef KSCDP_REST_SERVICECODES_H_
 #define KSCDP_REST_SERVICECODES_H_
 
 #include "engine/backup_engine.h"
-
-// Levels passed to ksu_logmsg_str.
-const int TRACE_LEVEL = 2;     // raw traces: the daemon's answer, identifier conversions
-const int PROGRESS_LEVEL = 4;  // each request, each result
-const int FAILURE_LEVEL = 16;  // failures, and the details of each VM evicted
+#include "platform/ksu_log.h"
 
 // Codes of KSServiceException, the results the engine sees (named for it in
 // backup_engine.h). The REST client's own codes pass through the job handler

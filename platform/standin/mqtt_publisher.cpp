@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fork_hooks.h"
+#include "guest_outbox.h"
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
@@ -40,6 +41,7 @@ const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::seconds kLongestPoll(1);         // the client's keep-alive needs a turn this often
 const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
+const std::chrono::seconds kAdoptionInterval(1);    // how long a guest's event may wait for its owner
 // Acknowledged events leave the outbox in batches: a removal is a commit
 // that appends wait for. One that is lost only lets the next start deliver
 // the event again, as an acknowledgement lost on the way would.
@@ -47,10 +49,8 @@ const std::chrono::milliseconds kRemovalInterval(100);
 const size_t kRemovalBatch = 500;
 
 const char kLogFunction[] = "NotificationSupplier";
-const int kFailureLevel = 16;
-const int kProgressLevel = 4;
 
-void logFailure(const std::string& message) { ksu_logmsg_str(kFailureLevel, kLogFunction, message); }
+void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, message); }
 
 int openWakeFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -63,7 +63,9 @@ int openWakeFd() {
 }
 
 // The outbox the configuration names, or null (logged unless it is "none").
-std::unique_ptr<Outbox> openOutbox() {
+// When another process owns it, `guest` gets this process's guest file
+// beside it instead.
+std::unique_ptr<Outbox> openOutbox(std::unique_ptr<GuestOutbox>& guest) {
   std::string path;
   std::string error;
   if (!readOutboxPath(path, error)) {
@@ -71,9 +73,23 @@ std::unique_ptr<Outbox> openOutbox() {
     return nullptr;
   }
   if (path.empty()) return nullptr;
-  std::unique_ptr<Outbox> outbox = Outbox::open(path, error);
-  if (!outbox) logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
-  return outbox;
+  bool fullSync = true;
+  if (!readOutboxSync(fullSync, error)) logFailure(error + "; every alert is synced to the disk meanwhile");
+  bool ownedElsewhere = false;
+  std::unique_ptr<Outbox> outbox = Outbox::open(path, fullSync, error, ownedElsewhere);
+  if (outbox) return outbox;
+  if (ownedElsewhere) {
+    const std::string why = error;
+    guest = GuestOutbox::open(path, fullSync, error);
+    if (guest) {
+      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
+                     "the outbox " + path + " is not this process's (" + why + "): alerts wait in " + guest->path() +
+                         " until its owner sends them");
+      return nullptr;
+    }
+  }
+  logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+  return nullptr;
 }
 
 // Every publisher of the process, for the fork handlers. Never destroyed:
@@ -90,10 +106,7 @@ const ForkHooks kPublisherForkHooks = {&MqttPublisher::prepareFork, &MqttPublish
                                        &MqttPublisher::childAfterFork};
 
 MqttPublisher::MqttPublisher()
-    : m_outbox(openOutbox()),
-      m_events(m_outbox ? kOutboxCapacity : kMemoryCapacity),
-      m_wakeFd(openWakeFd()),
-      m_retryDelay(kFirstRetryDelay) {
+    : m_outbox(openOutbox(m_guest)), m_events(capacity()), m_wakeFd(openWakeFd()), m_retryDelay(kFirstRetryDelay) {
   static std::once_flag libraryReady;
   std::call_once(libraryReady, [] { mosquitto_lib_init(); });
   try {
@@ -145,10 +158,13 @@ int MqttPublisher::publish(std::string payload) {
       m_refusalLogged = true;
       return kRefusedThreadEnded;
     }
+    if (m_guest && m_guest->append(payload)) {
+      m_refusalLogged = false;
+      return kQueued;  // the outbox's owner sends it
+    }
     if (m_events.full()) {
       if (!m_refusalLogged) {
-        logFailure("refusing events: " + std::to_string(m_outbox ? kOutboxCapacity : kMemoryCapacity) +
-                   " events are waiting for the broker");
+        logFailure("refusing events: " + std::to_string(capacity()) + " events are waiting for the broker");
       }
       m_refusalLogged = true;
       return kRefusedQueueFull;
@@ -229,6 +245,7 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   }
   port::MutexLock lock(m_controlMutex);
   m_outbox.reset();
+  m_guest.reset();
 }
 
 void MqttPublisher::startOutboxAfresh(std::string found) {
@@ -273,9 +290,36 @@ void MqttPublisher::loadBacklog() {
   std::vector<Outbox::Event>().swap(m_heldBeforeLoad);
   m_backlogLoaded = true;
   if (backlog > 0) {
-    ksu_logmsg_str(kProgressLevel, kLogFunction,
+    ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
                    std::to_string(backlog) + " events waiting in the outbox " + m_outbox->path() + " go out first");
   }
+}
+
+size_t MqttPublisher::capacity() const { return m_outbox || m_guest ? kOutboxCapacity : kMemoryCapacity; }
+
+void MqttPublisher::takeOverOutbox(Clock::time_point now) {
+  m_nextAdoption = now + kAdoptionInterval;
+  std::string path;
+  std::string error;
+  bool fullSync = true;
+  bool ownedElsewhere = false;
+  if (!readOutboxPath(path, error) || path.empty()) return;
+  readOutboxSync(fullSync, error);
+  std::unique_ptr<Outbox> outbox = Outbox::open(path, fullSync, error, ownedElsewhere);
+  if (!outbox) return;  // still another's, or not usable: the guest file serves meanwhile
+  {
+    // Alerts wait meanwhile, so that none goes to the guest file after its
+    // last events were moved out of it.
+    port::MutexLock lock(m_controlMutex);
+    m_guest.reset();
+    outbox->adoptGuests();
+    m_outbox = std::move(outbox);
+    m_backlogLoaded = false;
+    m_firstOwnId = 0;
+  }
+  ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
+                 "the outbox " + path + " is this process's now: its events go out from here");
+  loadBacklog();
 }
 
 void MqttPublisher::run() {
@@ -285,6 +329,9 @@ void MqttPublisher::run() {
       const Clock::time_point now = Clock::now();
       Clock::time_point deadline;
       const bool stopping = stopRequested(deadline);
+      // A guest that is stopping tries at once: its events then go out
+      // within the grace, rather than waiting for the next owner.
+      if (m_guest && (stopping || now >= m_nextAdoption)) takeOverOutbox(now);
       if (stopping && (m_events.size() == 0 || now >= deadline)) break;
       if (m_client == nullptr) {
         if (now >= m_nextAttempt) connect(now);
@@ -392,6 +439,12 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
 
 void MqttPublisher::tidyOutbox(Clock::time_point now) {
   if (!m_outbox) return;
+  if (now >= m_nextAdoption) {
+    std::vector<Outbox::Event> adopted = m_outbox->adoptGuests();
+    port::MutexLock lock(m_controlMutex);
+    for (Outbox::Event& event : adopted) m_events.push(std::move(event.payload), event.id);
+    m_nextAdoption = now + kAdoptionInterval;
+  }
   if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
     m_outbox->remove(m_acknowledged);
     m_acknowledged.clear();
@@ -472,7 +525,7 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
     publisher->m_retryDelay = kFirstRetryDelay;
     const std::string& left = publisher->m_lastReached;
     if (left.empty() || left == publisher->m_broker) {
-      ksu_logmsg_str(kProgressLevel, kLogFunction, "connected to broker " + publisher->m_broker);
+      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connected to broker " + publisher->m_broker);
     } else {
       // A node of the cluster is gone or was passed over: the operator's business.
       logFailure("switched from broker " + left + " to broker " + publisher->m_broker);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "broker_settings.h"
+#include "guest_outbox.h"
 #include "outbox.h"
 #include "pending_events.h"
 #include "port/mutex.h"
@@ -38,9 +39,12 @@ namespace standin {
 // With an outbox (the "outbox" key), every accepted payload is also in the
 // outbox before publish() returns and leaves it once acknowledged; what an
 // earlier publisher left there goes out first. The network thread reads that
-// backlog, so neither the constructor nor publish() waits for it. Without one, or when it cannot
-// be used, payloads wait in memory only. Failures are logged at level 16
-// under "NotificationSupplier".
+// backlog, so neither the constructor nor publish() waits for it. While
+// another process owns the outbox (or this one was forked from its owner),
+// payloads go to a guest file beside it instead, which the owner sends; the
+// publisher becomes the owner once the outbox is free. Without an outbox, or
+// when it cannot be used, payloads wait in memory only. Failures are logged
+// at level 16 under "NotificationSupplier".
 class MqttPublisher {
  public:
   static const int kQueued = 0;
@@ -83,6 +87,12 @@ class MqttPublisher {
 
   // stop(), waiting up to `grace` for acknowledgements.
   void stopWithin(std::chrono::seconds grace);
+  // How many events may wait: more with an outbox, where they wait on disk.
+  size_t capacity() const;
+  // A guest becomes the outbox's owner once the owner is gone: it opens the
+  // outbox, moves its own guest file's events in and loads the backlog.
+  // Tried every second, and when stop() is called; the network thread's.
+  void takeOverOutbox(Clock::time_point now);
   void startOutboxAfresh(std::string found);
   void loadBacklog();
   void run();
@@ -102,8 +112,13 @@ class MqttPublisher {
   static void onPublish(struct mosquitto* client, void* self, int messageId);
   static void onLog(struct mosquitto* client, void* self, int level, const char* text);
 
-  // Null without an outbox. Set in the constructor; stop() closes it once the
-  // network thread is gone and publish() can no longer reach it.
+  // Where accepted events are stored: m_outbox when this process owns the
+  // outbox, m_guest while another does (its owner sends them), neither
+  // without one. Set in the constructor (m_guest first, declared first), then
+  // changed only under m_controlMutex by the network thread (damage, taking
+  // over) and by stop() once that thread is gone. publish() reads them under
+  // the lock; the network thread, their only other writer, without it.
+  std::unique_ptr<GuestOutbox> m_guest;
   std::unique_ptr<Outbox> m_outbox;
   PendingEvents m_events;
   const int m_wakeFd;  // eventfd: publish() and stop() wake the network thread through it
@@ -138,6 +153,7 @@ class MqttPublisher {
   std::vector<int64_t> m_acknowledged;  // outbox ids of acknowledged events, removed in batches
   Clock::time_point m_nextRemoval;
   Clock::time_point m_nextCheckpoint;
+  Clock::time_point m_nextAdoption;
   Clock::time_point m_connectDeadline;
   Clock::time_point m_nextAttempt;
   Clock::duration m_retryDelay;

@@ -3,43 +3,52 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 
+#include "guest_outbox.h"
+#include "outbox_schema.h"
 #include "platform/ksu_log.h"
+#include "port/no_destructor.h"
 
 namespace standin {
 namespace {
 
 const char kLogFunction[] = "NotificationSupplier";
-const int kFailureLevel = 16;
-const int kProgressLevel = 4;
 const int kBusyTimeoutMs = 5000;  // the sqlite3 shell of an operator reading the file
 
 // WAL with synchronous NORMAL: a commit is a write() to the WAL, and only a
-// checkpoint syncs. Checkpoints are the network thread's, never an append's.
+// checkpoint syncs. Checkpoints are the outbox's own thread's, never an
+// append's. With FULL, every commit also syncs the WAL.
 const char kSetUp[] =
     "PRAGMA journal_mode = WAL;"
-    "PRAGMA synchronous = NORMAL;"
     "PRAGMA wal_autocheckpoint = 0;"
     "PRAGMA journal_size_limit = 4194304;";
 
-// The file's schema, in PRAGMA user_version. Version 1 records when each
-// event was raised (seconds since the epoch; 0 for an event of an older
-// file). Version 0 is a new file, or one of the release before, which kept
-// no version: both are brought to version 1 in place, events kept.
-const int kSchemaVersion = 1;
-const char kUpgradeFromVersion0[] =
-    "BEGIN IMMEDIATE;"
-    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL);"
-    "ALTER TABLE events ADD COLUMN raised INTEGER NOT NULL DEFAULT 0;"
-    "PRAGMA user_version = 1;"
-    "COMMIT;";
+// The files of the outboxes that this process's parent had open when it
+// forked: their SQLite bookkeeping is the parent's, so this process never
+// opens them. Never destroyed: a publisher's thread may look while the
+// process exits.
+struct InheritedFiles {
+  port::Mutex mutex;
+  std::vector<std::pair<dev_t, ino_t>> files GUARDED_BY(mutex);
+};
+port::NoDestructor<InheritedFiles> g_inherited;
+
+bool inheritedFromParent(const std::string& path) {
+  struct stat file {};
+  if (stat(path.c_str(), &file) != 0) return false;
+  port::MutexLock lock(g_inherited->mutex);
+  const auto& files = g_inherited->files;
+  return std::find(files.begin(), files.end(), std::make_pair(file.st_dev, file.st_ino)) != files.end();
+}
 
 // The file's schema version, or -1 when it cannot be read.
 int schemaVersion(sqlite3* db, int& code) {
@@ -77,12 +86,16 @@ std::string setAside(const std::string& path, const char* kind, std::string& err
   return aside;
 }
 
-bool openConnection(const std::string& path, sqlite3*& db, int& code, std::string& error) {
+bool openConnection(const std::string& path, bool fullSync, sqlite3*& db, int& code, std::string& error) {
   code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (code == SQLITE_OK) {
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     code = sqlite3_exec(db, kSetUp, nullptr, nullptr, nullptr);
+  }
+  if (code == SQLITE_OK) {
+    code = sqlite3_exec(db, fullSync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL", nullptr, nullptr,
+                        nullptr);
   }
   if (code != SQLITE_OK) {
     error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
@@ -107,9 +120,21 @@ std::string quickCheck(sqlite3* db, int& code) {
   return verdict;
 }
 
+// The value of a one-row pragma such as "PRAGMA page_count"; -1 when it
+// cannot be read.
+int64_t pragmaValue(sqlite3* db, const char* pragma) {
+  sqlite3_stmt* statement = nullptr;
+  int64_t value = -1;
+  if (sqlite3_prepare_v2(db, pragma, -1, &statement, nullptr) == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
+    value = sqlite3_column_int64(statement, 0);
+  sqlite3_finalize(statement);
+  return value;
+}
+
 }  // namespace
 
-std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error) {
+std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere) {
+  ownedElsewhere = false;
   const std::filesystem::path file(path);
   std::error_code made;
   if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), made);
@@ -126,17 +151,27 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, std::string& error
   if (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
     const int saved = errno;
     close(lockFd);
-    error = saved == EWOULDBLOCK ? "another publisher on this host (another engine?) holds it"
-                                 : "cannot lock " + lockPath + ": " + std::strerror(saved);
+    ownedElsewhere = saved == EWOULDBLOCK;
+    error = ownedElsewhere ? "another process on this host holds it"
+                           : "cannot lock " + lockPath + ": " + std::strerror(saved);
+    return nullptr;
+  }
+  if (inheritedFromParent(path)) {
+    close(lockFd);
+    ownedElsewhere = true;
+    error = "this process was forked from one that has it open";
     return nullptr;
   }
   std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
+  outbox->m_fullSync = fullSync;
   Unusable unusable = Unusable::kNo;
-  if (!outbox->openConnections(error, unusable) &&
+  if (!outbox->openConnections(fullSync, error, unusable) &&
       (unusable == Unusable::kNo || !outbox->startAfresh(unusable, error))) {
     return nullptr;
   }
+  outbox->adoptGuests();  // before any append: what guests left is part of the backlog
   outbox->m_checkpointThread = std::thread(&Outbox::checkpointLoop, outbox.get());
+  outbox->requestCheckpoint();  // gives back the free pages a killed process left
   return outbox;
 }
 
@@ -145,10 +180,10 @@ bool Outbox::startAfresh(Unusable unusable, std::string& error) {
   const bool newer = unusable == Unusable::kNewer;
   const std::string aside = setAside(m_path, newer ? "unknown" : "damaged", error);
   if (aside.empty()) return false;
-  ksu_logmsg_str(kFailureLevel, kLogFunction,
+  ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
                  "the outbox " + m_path + (newer ? " was written by a newer release (" : " was damaged (") + error +
                      "): set aside as " + aside + ", a new one is started");
-  return openConnections(error, unusable);
+  return openConnections(m_fullSync, error, unusable);
 }
 
 std::string Outbox::checkWhole() {
@@ -171,21 +206,27 @@ Outbox::~Outbox() {
     }
     m_checkpointThread.join();
   }
+  {
+    port::MutexLock noCheckpoint(m_checkpointMutex);
+    port::MutexLock lock(m_writeMutex);
+    if (m_checkpointer != nullptr) shrink();
+  }
   closeConnections();
   if (m_lockFd >= 0) close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
 
-bool Outbox::openConnections(std::string& error, Unusable& unusable) {
+bool Outbox::openConnections(bool fullSync, std::string& error, Unusable& unusable) {
   int code = SQLITE_OK;
   unusable = Unusable::kNo;
-  if (!openConnection(m_path, m_checkpointer, code, error)) {
+  if (!openConnection(m_path, fullSync, m_checkpointer, code, error)) {
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
   const int version = schemaVersion(m_checkpointer, code);
-  if (version > kSchemaVersion) {
+  if (version > kOutboxSchemaVersion) {
     unusable = Unusable::kNewer;
-    error = "schema version " + std::to_string(version) + "; this release knows " + std::to_string(kSchemaVersion);
+    error =
+        "schema version " + std::to_string(version) + "; this release knows " + std::to_string(kOutboxSchemaVersion);
     return false;
   }
   if (version == 0) code = sqlite3_exec(m_checkpointer, kUpgradeFromVersion0, nullptr, nullptr, nullptr);
@@ -195,16 +236,24 @@ bool Outbox::openConnections(std::string& error, Unusable& unusable) {
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
-  if (!openConnection(m_path, m_writer, code, error)) return false;
+  if (!openConnection(m_path, fullSync, m_writer, code, error)) return false;
   sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
   sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
-  code = sqlite3_prepare_v2(m_writer, "INSERT INTO events (payload, raised) VALUES (?, ?)", -1, &m_insert, nullptr);
-  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_writer, "DELETE FROM events WHERE id = ?", -1, &m_delete, nullptr);
+  code = sqlite3_prepare_v2(m_writer, kInsertEvent, -1, &m_insert, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_writer, kDeleteEvent, -1, &m_delete, nullptr);
   if (code != SQLITE_OK) {
     error = sqlite3_errstr(code);
     return false;
   }
+  noteIdentity();
   return true;
+}
+
+void Outbox::noteIdentity() {
+  struct stat file {};
+  if (stat(m_path.c_str(), &file) != 0) return;
+  m_device = file.st_dev;
+  m_inode = file.st_ino;
 }
 
 void Outbox::closeConnections() {
@@ -222,8 +271,7 @@ std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
   std::vector<Event> events;
   port::MutexLock lock(m_writeMutex);  // the connection's statements run one at a time
   sqlite3_stmt* select = nullptr;
-  int code = sqlite3_prepare_v2(m_writer, "SELECT id, payload FROM events WHERE id > ?1 ORDER BY id LIMIT ?2", -1,
-                                &select, nullptr);
+  int code = sqlite3_prepare_v2(m_writer, kSelectEventsAfter, -1, &select, nullptr);
   if (code == SQLITE_OK) {
     sqlite3_bind_int64(select, 1, static_cast<sqlite3_int64>(after));
     sqlite3_bind_int64(select, 2, static_cast<sqlite3_int64>(limit));
@@ -256,7 +304,7 @@ int64_t Outbox::append(const std::string& payload) {
   sqlite3_reset(m_insert);
   sqlite3_clear_bindings(m_insert);
   if (code != SQLITE_DONE) return 0;
-  if (m_appendFailing) ksu_logmsg_str(kProgressLevel, kLogFunction, "the outbox " + m_path + " stores events again");
+  if (m_appendFailing) ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "the outbox " + m_path + " stores events again");
   m_appendFailing = false;
   return sqlite3_last_insert_rowid(m_writer);
 }
@@ -267,9 +315,11 @@ void Outbox::holdForFork() {
 }
 
 void Outbox::releaseAfterFork(bool inChild) {
-  if (inChild && m_lockFd >= 0) {
-    close(m_lockFd);
+  if (inChild) {
+    if (m_lockFd >= 0) close(m_lockFd);
     m_lockFd = -1;
+    port::MutexLock lock(g_inherited->mutex);
+    g_inherited->files.emplace_back(m_device, m_inode);
   }
   m_writeMutex.unlock();
   m_checkpointMutex.unlock();
@@ -325,42 +375,117 @@ void Outbox::checkpointLoop() {
 }
 
 void Outbox::checkpoint() {
-  if (m_drained) {
+  if (m_checkpointer == nullptr) return;  // closed: the outbox could not start afresh
+  if (m_drained.exchange(false)) {
     port::MutexLock lock(m_writeMutex);
     shrink();
     return;
   }
   // Appends go on while the bulk is copied and synced.
-  if (copyWholeWal() || !walPastBound()) return;
+  const bool pastBound = walPastBound();
+  copyWal();
+  if (!pastBound) return;
   // The few frames appended meanwhile are copied with appends held off. The
-  // WAL is then wholly in the database, and the next append starts it over,
-  // cut back to journal_size_limit.
+  // WAL is then wholly in the database with no append under way, so the next
+  // append starts it over, cut back to journal_size_limit. (A whole copy
+  // while an append runs does not: that append began reading the WAL.)
   port::MutexLock lock(m_writeMutex);
-  copyWholeWal();
+  copyWal();
 }
 
-bool Outbox::copyWholeWal() {
+void Outbox::copyWal() {
   int inWal = 0;
   int copied = 0;
-  const bool whole =
-      sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_PASSIVE, &inWal, &copied) == SQLITE_OK &&
-      copied == inWal;
-  if (whole) m_walFrames.store(0, std::memory_order_relaxed);
-  return whole;
+  if (sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_PASSIVE, &inWal, &copied) == SQLITE_OK &&
+      copied == inWal) {
+    m_walFrames.store(0, std::memory_order_relaxed);
+  }
 }
 
 void Outbox::shrink() {
-  if (m_drained) {
-    m_drained = false;
-    sqlite3_stmt* pages = nullptr;
-    const bool large = sqlite3_prepare_v2(m_checkpointer, "PRAGMA page_count", -1, &pages, nullptr) == SQLITE_OK &&
-                       sqlite3_step(pages) == SQLITE_ROW && sqlite3_column_int(pages, 0) > kVacuumAbovePages;
-    sqlite3_finalize(pages);
-    if (large) sqlite3_exec(m_checkpointer, "VACUUM", nullptr, nullptr, nullptr);
+  const int64_t pages = pragmaValue(m_checkpointer, "PRAGMA page_count");
+  const int64_t free = pragmaValue(m_checkpointer, "PRAGMA freelist_count");
+  if (free > kFreePagesBound && pages - free <= kVacuumLivePages) {
+    sqlite3_exec(m_checkpointer, "VACUUM", nullptr, nullptr, nullptr);
   }
   if (sqlite3_wal_checkpoint_v2(m_checkpointer, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK) {
     m_walFrames.store(0, std::memory_order_relaxed);
   }
+}
+
+std::vector<Outbox::Event> Outbox::adoptGuests() {
+  std::vector<Event> adopted;
+  const std::filesystem::path file(m_path);
+  const std::string outboxName = file.filename().string();
+  std::error_code listed;
+  for (const auto& entry : std::filesystem::directory_iterator(
+           file.has_parent_path() ? file.parent_path() : std::filesystem::path("."), listed)) {
+    if (isGuestOutboxName(entry.path().filename().string(), outboxName)) adoptGuest(entry.path().string(), adopted);
+  }
+  return adopted;
+}
+
+void Outbox::adoptGuest(const std::string& guestPath, std::vector<Event>& adopted) {
+  const int fd = ::open(guestPath.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return;
+  const bool guestGone = flock(fd, LOCK_EX | LOCK_NB) == 0;
+  sqlite3* guest = nullptr;
+  std::vector<GuestEvent> found;
+  bool readWhole = false;
+  if (sqlite3_open_v2(guestPath.c_str(), &guest, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(guest, kBusyTimeoutMs);
+    sqlite3_stmt* select = nullptr;
+    int code = sqlite3_prepare_v2(guest, kSelectEventsAfter, -1, &select, nullptr);
+    sqlite3_bind_int64(select, 1, 0);
+    sqlite3_bind_int64(select, 2, -1);  // no limit
+    while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
+      const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
+      found.push_back(
+          GuestEvent{sqlite3_column_int64(select, 0),
+                     std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1))),
+                     sqlite3_column_int64(select, 2)});
+      code = SQLITE_OK;
+    }
+    sqlite3_finalize(select);
+    readWhole = code == SQLITE_DONE;
+  }
+  // Stored here before they leave there: a failure in between sends an
+  // event twice rather than losing it.
+  bool empty = readWhole && found.empty();
+  if (!found.empty() && storeAdopted(found, adopted)) {
+    sqlite3_stmt* remove = nullptr;
+    empty = sqlite3_prepare_v2(guest, kDeleteEventsUpTo, -1, &remove, nullptr) == SQLITE_OK &&
+            sqlite3_bind_int64(remove, 1, found.back().id) == SQLITE_OK && sqlite3_step(remove) == SQLITE_DONE &&
+            readWhole;
+    sqlite3_finalize(remove);
+  }
+  sqlite3_close(guest);
+  if (guestGone && empty) unlink(guestPath.c_str());
+  close(fd);  // after the database: closing a descriptor of it would drop SQLite's locks
+}
+
+bool Outbox::storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted) {
+  port::MutexLock lock(m_writeMutex);
+  const size_t before = adopted.size();
+  int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);
+  for (size_t i = 0; code == SQLITE_OK && i < events.size(); ++i) {
+    sqlite3_bind_blob(m_insert, 1, events[i].payload.data(), static_cast<int>(events[i].payload.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(m_insert, 2, events[i].raised);
+    code = sqlite3_step(m_insert) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
+    sqlite3_reset(m_insert);
+    if (code == SQLITE_OK) adopted.push_back(Event{sqlite3_last_insert_rowid(m_writer), events[i].payload});
+  }
+  sqlite3_clear_bindings(m_insert);
+  if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK) {
+    logFailure(m_adoptFailing, m_writer, "cannot move the events of other processes into the outbox " + m_path,
+               "; they wait where those processes stored them");
+    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
+    adopted.resize(before);
+    return false;
+  }
+  m_adoptFailing = false;
+  return true;
 }
 
 void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence) {
@@ -368,7 +493,7 @@ void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, cons
     std::string reason = sqlite3_errmsg(db);
     const int systemError = sqlite3_system_errno(db);
     if (systemError != 0) reason += std::string(" (") + std::strerror(systemError) + ")";
-    ksu_logmsg_str(kFailureLevel, kLogFunction, what + ": " + reason + consequence);
+    ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, what + ": " + reason + consequence);
   }
   logged = true;
 }

@@ -3,6 +3,8 @@
 #ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_H_
 #define KSCDP_PLATFORM_STANDIN_OUTBOX_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -17,13 +19,14 @@ struct sqlite3_stmt;
 
 namespace standin {
 
-// One table, events(id INTEGER PRIMARY KEY, payload BLOB): a larger id is a
-// later event. An appended event is in the WAL, in the kernel's buffers,
-// before append() returns, so it survives the process being killed; the WAL
-// reaches the disk at each checkpoint, not at every event. One process at a
-// time owns the file, through an flock on "<path>.lock"; the sqlite3 shell may
-// read it meanwhile. Failures are logged at level 16 under
-// "NotificationSupplier".
+// The file's format is in outbox_schema.h. An appended event is in the WAL,
+// in the kernel's buffers, before append() returns, so it survives the
+// process being killed; with `fullSync` it is also on the disk, and survives
+// a power loss. Otherwise the WAL reaches the disk at each checkpoint, about
+// once a second. One process at a time owns the file, through an flock on
+// "<path>.lock"; the sqlite3 shell may read it meanwhile, and other processes
+// store their events in guest files beside it (guest_outbox.h), which the
+// owner adopts. Failures are logged at level 16 under "NotificationSupplier".
 class Outbox {
  public:
   struct Event {
@@ -32,13 +35,16 @@ class Outbox {
   };
 
   // Opens the outbox at `path`, creating the file and its directory when
-  // missing. A file that is not a database, or one whose schema is damaged,
-  // is renamed aside with a time stamp (logged) and a new one started; so is
-  // one that a newer release wrote, whose events this one cannot know how to
-  // read. An outbox of the release before is upgraded in place. Null, with
-  // the reason in `error`, when the outbox cannot be used. Reads only the
-  // file's first pages: checkWhole() reads the rest.
-  static std::unique_ptr<Outbox> open(const std::string& path, std::string& error);
+  // missing, and adopts what guests left beside it. A file that is not a
+  // database, or one whose schema is damaged, is renamed aside with a time
+  // stamp (logged) and a new one started; so is one that a newer release
+  // wrote, whose events this one cannot know how to read. A file of an older
+  // version is upgraded in place. Null, with the reason in `error`, when the
+  // outbox cannot be used; `ownedElsewhere` is then true when another process
+  // owns it, or this process was forked from one that had it open: events
+  // then go to a guest file. Reads only the file's first pages:
+  // checkWhole() reads the rest.
+  static std::unique_ptr<Outbox> open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere);
   ~Outbox();
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
@@ -64,6 +70,12 @@ class Outbox {
   int64_t append(const std::string& payload);
   // Removes the events with these ids, in one transaction.
   void remove(const std::vector<int64_t>& ids);
+  // Moves into this outbox what guests stored beside it, and removes the
+  // files of guests that are gone. Returns the moved events under their ids
+  // here, in each guest's order; an event may be moved twice (a failure
+  // between storing it here and removing it there), never lost. The network
+  // thread's; appends may run meanwhile.
+  std::vector<Event> adoptGuests();
   // Asks the outbox's own thread to copy the WAL into the database and sync
   // both: the batched sync. Once the WAL has passed its bound, that thread
   // also copies what was appended meanwhile, holding appends off for that
@@ -77,7 +89,8 @@ class Outbox {
 
   // Around fork(): holds every write and checkpoint in the forking thread,
   // then lets them go. In a child, also closes the child's copy of the lock
-  // file, so that the parent's ownership ends when the parent lets it go; a
+  // file, so that the parent's ownership ends when the parent lets it go, and
+  // marks the file as one this process may never open (see GuestOutbox); a
   // child never uses its parent's outbox, nor its checkpoint thread.
   void holdForFork() ACQUIRE(m_checkpointMutex, m_writeMutex);
   void releaseAfterFork(bool inChild) RELEASE(m_checkpointMutex, m_writeMutex);
@@ -88,8 +101,11 @@ class Outbox {
   // About 4 MiB of WAL with SQLite's 4 KiB pages: what the outbox may hold
   // beyond its database file while no broker acknowledges anything.
   static const int kWalBoundFrames = 1024;
-  // After a drain, a database larger than this (in pages) is vacuumed.
-  static const int kVacuumAbovePages = 256;
+  // Free pages past this (4 MiB) go back to the file system once the outbox
+  // holds little: after a drain, when it opens and when it closes.
+  static const int kFreePagesBound = 1024;
+  // What the outbox may hold (in pages) for that: a VACUUM copies it all.
+  static const int kVacuumLivePages = 256;
 
   // SQLite's WAL hook: notes the WAL's length after each commit. Called from
   // C; nothing unwinds through it.
@@ -98,23 +114,39 @@ class Outbox {
   // closes.
   void checkpointLoop();
   void checkpoint() REQUIRES(m_checkpointMutex);
-  // A passive checkpoint. True when it copied the whole WAL, which the next
-  // append then starts over.
-  bool copyWholeWal() REQUIRES(m_checkpointMutex);
-  // Truncating checkpoint, then VACUUM when the outbox is empty and large.
+  // A passive checkpoint: copies what no reader still needs from the WAL.
+  void copyWal() REQUIRES(m_checkpointMutex);
+  // VACUUM when free pages pass their bound and the outbox holds little,
+  // then a truncating checkpoint.
   void shrink() REQUIRES(m_checkpointMutex, m_writeMutex);
+  // An event as a guest stored it.
+  struct GuestEvent {
+    int64_t id;
+    std::string payload;
+    int64_t raised;
+  };
+  // adoptGuests() for one guest file.
+  void adoptGuest(const std::string& guestPath, std::vector<Event>& adopted);
+  // Stores a guest's events here in one transaction, appending them with
+  // their ids here to `adopted`; false (logged) when it cannot.
+  bool storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted);
 
   // Why an outbox file cannot be used and is set aside.
   enum class Unusable { kNo, kDamaged, kNewer };
-  bool openConnections(std::string& error, Unusable& unusable);
+  bool openConnections(bool fullSync, std::string& error, Unusable& unusable);
   // Sets the file aside as `unusable` (logged) and opens a new one.
   bool startAfresh(Unusable unusable, std::string& error);
+  // Notes which file the connections have open, for releaseAfterFork().
+  void noteIdentity();
   void closeConnections();
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
 
   const std::string m_path;
   int m_lockFd;  // holds the flock that makes this process the outbox's owner
+  bool m_fullSync = false;
+  dev_t m_device = 0;  // of the database file the connections have open
+  ino_t m_inode = 0;
 
   // Every read and write of the events goes through one connection, under
   // m_writeMutex: a write by a second connection would make this one drop
@@ -132,7 +164,10 @@ class Outbox {
   sqlite3* m_checkpointer = nullptr;
   sqlite3_stmt* m_delete = nullptr;
   bool m_removeFailing = false;
-  std::atomic<bool> m_drained{false};  // the last removal left the outbox empty
+  bool m_adoptFailing = false;
+  // The last removal left the outbox empty: the next checkpoint looks for
+  // free pages to give back. So does the first.
+  std::atomic<bool> m_drained{true};
   std::atomic<int> m_walFrames{0};
 
   port::Mutex m_requestMutex;

@@ -21,4 +21,13 @@ bool readOutboxPath(std::string& path, std::string& error) {
   return true;
 }
 
+bool readOutboxSync(bool& full, std::string& error) {
+  const std::shared_ptr<const ConfigSnapshot> config = currentConfig();
+  const std::string value = setting(config->values, "outbox_sync", "normal");
+  full = value != "normal";
+  if (value == "normal" || value == "full") return true;
+  error = "outbox_sync in " + config->path + " is \"" + value + "\": write normal or full";
+  return false;
+}
+
 }  // namespace standin

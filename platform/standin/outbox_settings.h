@@ -1,5 +1,5 @@
-// Where the notification publisher keeps its outbox: the "outbox" key of the
-// configuration file.
+// Where the notification publisher keeps its outbox and how it syncs it: the
+// "outbox" and "outbox_sync" keys of the configuration file.
 #ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_SETTINGS_H_
 #define KSCDP_PLATFORM_STANDIN_OUTBOX_SETTINGS_H_
 
@@ -14,6 +14,12 @@ extern const char kDefaultOutboxPath[];
 // for "outbox = none" (events wait in memory only). On failure returns false
 // and says why in `error`.
 bool readOutboxPath(std::string& path, std::string& error);
+
+// From the configuration file as it stands: `full` is true for "outbox_sync =
+// full" (every accepted event on the disk before it is accepted), false for
+// "normal" or no key. On any other value returns false, says why in `error`
+// and sets `full`, the safer reading.
+bool readOutboxSync(bool& full, std::string& error);
 
 }  // namespace standin
 

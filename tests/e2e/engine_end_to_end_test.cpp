@@ -457,4 +457,61 @@ TEST_F(EngineEndToEndTest, UnloadingWithoutAStop) {
   }
 }
 
+// How many events wait in the outbox at `path` and in the guest files beside
+// it.
+int eventsWaiting(const std::string& path) {
+  const std::string count = "for f in " + path + " " + path +
+                            ".guest-*; do [ -f $f ] && sqlite3 $f 'SELECT count(*) FROM events'; done | "
+                            "awk '{ n += $1 } END { print n + 0 }'";
+  FILE* pipe = popen(count.c_str(), "r");
+  int events = -1;
+  if (pipe != nullptr && std::fscanf(pipe, "%d", &events) != 1) events = -1;
+  if (pipe != nullptr) pclose(pipe);
+  return events;
+}
+
+// A forked child's alerts are kept as its parent's are, whatever the parent's
+// publisher is doing when the child raises them: with the broker away, the
+// parent's one alert and the child's three all wait in the outbox once both
+// processes have stopped.
+TEST_F(EngineEndToEndTest, AForkedChildsAlertsAreKeptWithTheBrokerAway) {
+  if (!childrenCanBeJudged()) GTEST_SKIP() << "a forked child cannot be judged here";
+  enum class Parent { kAlive, kInsideItsStop, kStopped };
+  const struct {
+    const char* name;
+    Parent parent;
+  } cases[] = {
+      {"the parent alive", Parent::kAlive},
+      {"the parent inside its stop", Parent::kInsideItsStop},
+      {"the parent stopped", Parent::kStopped},
+  };
+  int row = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string outbox = integration::scratchPath("fork-" + std::to_string(row++) + ".db");
+    integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + deadBroker() +
+                             "\noutbox = " + outbox + "\n");
+    m_library.raise_backup_alert(vmId("e00").c_str(), 501, "");
+    std::thread stopping;
+    if (c.parent == Parent::kStopped) m_library.stop_alert_thread();
+    if (c.parent == Parent::kInsideItsStop) {
+      stopping = std::thread([this] { m_library.stop_alert_thread(); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+      for (const char* vm : {"e01", "e02", "e03"}) m_library.raise_backup_alert(vmId(vm).c_str(), 501, "");
+      m_library.stop_alert_thread();
+      _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    if (stopping.joinable()) stopping.join();
+    m_library.stop_alert_thread();
+    EXPECT_EQ(eventsWaiting(outbox), 4);
+    EXPECT_FALSE(std::filesystem::exists(outbox + "-wal"));
+  }
+}
+
 }  // namespace

@@ -1,0 +1,22 @@
+#include "outbox_schema.h"
+
+namespace standin {
+
+const char kCreateEventsTable[] =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL,"
+    " raised INTEGER NOT NULL DEFAULT 0);"
+    "PRAGMA user_version = 1;"
+    "COMMIT;";
+const char kUpgradeFromVersion0[] =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE IF NOT EXISTS events (id INTEGER PRIMARY KEY, payload BLOB NOT NULL);"
+    "ALTER TABLE events ADD COLUMN raised INTEGER NOT NULL DEFAULT 0;"
+    "PRAGMA user_version = 1;"
+    "COMMIT;";
+const char kInsertEvent[] = "INSERT INTO events (payload, raised) VALUES (?, ?)";
+const char kSelectEventsAfter[] = "SELECT id, payload, raised FROM events WHERE id > ?1 ORDER BY id LIMIT ?2";
+const char kDeleteEvent[] = "DELETE FROM events WHERE id = ?";
+const char kDeleteEventsUpTo[] = "DELETE FROM events WHERE id <= ?";
+
+}  // namespace standin
