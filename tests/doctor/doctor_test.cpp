@@ -4,7 +4,6 @@
 // and start no backup.
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <csignal>
@@ -19,6 +18,7 @@
 #include "case_table.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
+#include "program_run.h"
 #include "standin_environment.h"
 
 namespace {
@@ -29,11 +29,7 @@ const char kCheckIds[] = "config master-name rest daemon broker log outbox";
 const char kAllWell[] =
     "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n";
 
-struct DoctorRun {
-  int exitStatus = -1;
-  std::string output;
-  double seconds = 0;
-};
+using DoctorRun = integration::ProgramRun;
 
 // A master simulator, one of another release (another jobs media type), a
 // broker, and a loopback port where nothing listens. The doctor finds the
@@ -68,16 +64,7 @@ class DoctorTest : public ::testing::Test {
   }
 
   static DoctorRun runDoctor(const std::string& arguments) {
-    DoctorRun run;
-    const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = popen((KSCDP_DOCTOR_PATH " " + arguments).c_str(), "r");
-    if (pipe == nullptr) return run;
-    char buffer[4096];
-    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, got);
-    const int status = pclose(pipe);
-    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return integration::runProgram(KSCDP_DOCTOR_PATH " " + std::string(arguments));
   }
 
   master_sim::MasterSimulator m_master;
