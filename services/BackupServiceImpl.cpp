@@ -1,5 +1,6 @@
 #include "services/BackupServiceImpl.h"
 
+#include <cxxabi.h>
 #include <jansson.h>
 
 #include <boost/make_shared.hpp>
@@ -46,10 +47,13 @@ std::string mayHaveStarted(const EvictionServiceData& request) {
 // while building or writing it: once the daemon has answered, a log line
 // must not fail the request.
 template <typename Compose>
-void logAfterAnswer(int level, Compose compose) noexcept {
+void logAfterAnswer(int level, Compose compose) {
   try {
     ksu_logmsg_str(level, HANDLE_REQUEST_FUNCTION, compose());
-  } catch (const std::exception&) {
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread that is ending
+  } catch (...) {
+    // The line is lost; the request stands.
   }
 }
 

@@ -73,8 +73,10 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   const CURLcode sent = exchange.perform(kFunction, url, &body, settings);
   const long status = exchange.responseCode();
   const bool accepted = status >= 200 && status <= 299;
-  if (sent != CURLE_OK)
+  if (sent != CURLE_OK) {
+    // A 2xx answer cut off for its size still says the daemon accepted.
     return accepted && exchange.answerTooLarge() ? static_cast<int>(status) : -static_cast<int>(sent);
+  }
 
   if (!accepted) {
     const int daemonStatus = ksqdStatus(exchange);
