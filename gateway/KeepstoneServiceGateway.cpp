@@ -1,7 +1,9 @@
 #include "gateway/KeepstoneServiceGateway.h"
 
 #include <boost/make_shared.hpp>
+#include <charconv>
 #include <cstring>
+#include <limits>
 #include <sstream>
 
 #include "gateway/OperationHandlers.h"
@@ -121,7 +123,9 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
     const boost::shared_ptr<EvictionServiceData> record = boost::make_shared<EvictionServiceData>();
     std::ostringstream message;
     int alertCode = EVICTION_START_ALERT;
-    std::string jobIdText;
+    // Room for any job id, taken before the request: once a backup runs,
+    // writing its id down must not need memory.
+    std::string jobIdText(std::numeric_limits<uint64_t>::digits10 + 1, '0');
     try {
       message << "VM: " << fieldText(vm->vm_id) << "\nPolicy: " << fieldText(vm->policy_name)
               << "\nVM Size: " << vm->vm_size << "\nEviction Type: " << vm->evict_type;
@@ -135,7 +139,9 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
       record->evictionType = vm->evict_type;
       record->masterServerName = masterServerName;
       // The node is taken before the request goes out: once a backup runs
-      // for the VM, nothing may keep the VM from the requested list.
+      // for the VM, nothing may keep the VM from the requested list. The
+      // handler throws only while no backup runs, or when the daemon's
+      // answer holds no job id to follow.
       if (insert_into_vm_list(requested, vm) != KSCDP_OK) {
         throw KSServiceException(KSCDP_ERR_INTERNAL, "No memory for the VM's node on the requested VM list");
       }
@@ -146,14 +152,18 @@ void KeepstoneServiceGateway::requestEviction(int passes, evict_vm_list* evictLi
         throw;
       }
 
+      // The backup runs: nothing from here to the alert may throw.
       vm->job_id = record->jobId;
       vm->evict_state = 1;
       remove_vm_from_evlist(evictList);
-      jobIdText = std::to_string(record->jobId);
+      const std::to_chars_result written =
+          std::to_chars(jobIdText.data(), jobIdText.data() + jobIdText.size(), record->jobId);
+      jobIdText.resize(static_cast<size_t>(written.ptr - jobIdText.data()));
     } catch (const KSServiceException& e) {
       message << "Exception occured: " << e.what();
       ksu_logmsg_str(FAILURE_LEVEL, function, message.str());
       alertCode = EVICTION_FAILED_ALERT;
+      jobIdText.clear();
     }
     raiseAlert(record->vmId, alertCode, jobIdText);
   }

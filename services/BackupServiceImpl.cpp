@@ -1,5 +1,6 @@
 #include "services/BackupServiceImpl.h"
 
+#include <cxxabi.h>
 #include <jansson.h>
 
 #include <boost/make_shared.hpp>
@@ -32,6 +33,30 @@ struct FreeDeleter {
 };
 using MallocText = std::unique_ptr<char, FreeDeleter>;
 
+// A failure of the daemon client that is the daemon's own success status: it
+// accepted the request, but its answer could not be handed back.
+bool acceptedUnread(int result) { return result >= 200 && result <= 299; }
+
+// What a failure after the daemon accepted the request adds to its message,
+// so that an operator can tell a later request for the VM from a first one.
+std::string mayHaveStarted(const EvictionServiceData& request) {
+  return "; the request daemon accepted the request, so a backup may have started for VM " + request.vmId;
+}
+
+// Logs the message that `compose` builds, or nothing when memory runs out
+// while building or writing it: once the daemon has answered, a log line
+// must not fail the request.
+template <typename Compose>
+void logAfterAnswer(int level, Compose compose) {
+  try {
+    ksu_logmsg_str(level, HANDLE_REQUEST_FUNCTION, compose());
+  } catch (const abi::__forced_unwind&) {
+    throw;  // a thread that is ending
+  } catch (...) {
+    // The line is lost; the request stands.
+  }
+}
+
 // Each message is built in a stream of its own.
 template <typename... Parts>
 std::string message(const Parts&... parts) {
@@ -61,22 +86,30 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
   if (result != 0) {
     // The daemon client hands back no answer when it fails, so there is
     // nothing to release here.
-    const std::string failure = message("Failed to invoke Ksqd CCT request. Return code:", result);
+    const std::string failure = message("Failed to invoke Ksqd CCT request. Return code:", result,
+                                        acceptedUnread(result) ? mayHaveStarted(*request) : "");
     ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_FUNCTION, failure);
     throw KSServiceException(DAEMON_REQUEST_FAILED_CODE, failure);
   }
 
-  // From here the answer is ours, released on every way out. A success
-  // without an answer reads as an empty answer, which is not JSON.
+  // From here a backup runs, and only an answer without a job id may fail
+  // the request: the gateway would lose the VM's job for anything else. The
+  // answer is ours, released on every way out; a success without one reads
+  // as an empty answer, which is not JSON.
   const MallocText ownedAnswer(answer);
-  const std::string response = ownedAnswer != nullptr ? ownedAnswer.get() : "";
-  ksu_logmsg_str(TRACE_LEVEL, HANDLE_REQUEST_FUNCTION,
-                 message("invoked  ksqd cct request: json_output=", response, " ret Val:", result));
+  const char* response = ownedAnswer != nullptr ? ownedAnswer.get() : "";
+  logAfterAnswer(TRACE_LEVEL,
+                 [&] { return message("invoked  ksqd cct request: json_output=", response, " ret Val:", result); });
 
   unsigned long jobId = 0;
-  parseRequestResponse(response, jobId);
+  try {
+    parseRequestResponse(response, jobId);
+  } catch (const std::bad_alloc&) {
+    throw KSServiceException(DAEMON_REQUEST_FAILED_CODE,
+                             "No memory to read the request daemon's answer" + mayHaveStarted(*request));
+  }
   request->jobId = jobId;
-  ksu_logmsg_str(PROGRESS_LEVEL, HANDLE_REQUEST_FUNCTION, message("BackupServiceImpl: Backup JobID: ", jobId));
+  logAfterAnswer(PROGRESS_LEVEL, [&] { return message("BackupServiceImpl: Backup JobID: ", jobId); });
   return forward(data);
 }
 
@@ -94,7 +127,13 @@ std::string BackupServiceImpl::createRequestPayload(const std::string& policyNam
 }
 
 int BackupServiceImpl::parseRequestResponse(const std::string& response, unsigned long& jobId) const {
-  const JsonReference answer(json_loads(response.c_str(), 0, nullptr));
+  return parseRequestResponse(response.c_str(), jobId);
+}
+
+int BackupServiceImpl::parseRequestResponse(const char* response, unsigned long& jobId) const {
+  json_error_t error;
+  const JsonReference answer(json_loads(response, 0, &error));
+  if (answer == nullptr && json_error_code(&error) == json_error_out_of_memory) throw std::bad_alloc();
   if (answer == nullptr) {
     throw KSServiceException(UNPARSABLE_ANSWER_CODE, "Could not parse Backup API response message");
   }

@@ -20,7 +20,13 @@ class BackupServiceImpl : public virtual KSUServiceImpl {
   // Takes an EvictionServiceData (anything else is KSServiceException 20),
   // submits the manual backup request and writes the job id into the record.
   // A failed daemon call is KSServiceException 25, an answer without an
-  // integer "jobid" 130; the record's jobId is then unchanged.
+  // integer "jobid" 130; the record's jobId is then unchanged. Once the
+  // daemon has answered nothing else fails: a log line that cannot be made
+  // is left out. When the daemon accepted the request but its answer cannot
+  // be read (the daemon client's failure codes 200 to 299, or no memory to
+  // parse it) the code-25 message says that a backup may have started for
+  // the record's vmId.
+  // Memory that runs out before the request goes out throws std::bad_alloc.
   int handleRequest(ServiceData* data) override;
 
   // The request text {"policy": "<policyName>"}. An empty name is
@@ -31,7 +37,9 @@ class BackupServiceImpl : public virtual KSUServiceImpl {
   // 0; otherwise throws KSServiceException 130. `jobId` is set to 0 when
   // "jobid" is present but not an integer, and left alone when the answer is
   // not JSON or has no "jobid".
+  // Throws std::bad_alloc when memory ran out reading the answer.
   int parseRequestResponse(const std::string& response, unsigned long& jobId) const;
+  int parseRequestResponse(const char* response, unsigned long& jobId) const;
 
  private:
   // Made with the handler, so that a handler exists only when the master

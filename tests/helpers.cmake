@@ -23,6 +23,7 @@ target_link_libraries(kscdp_testbed PRIVATE PkgConfig::MOSQUITTO)
 if(KSCDP_BUILD_TESTS)
   find_package(GTest REQUIRED)
   add_library(kscdp_test_support STATIC
+    ${CMAKE_CURRENT_LIST_DIR}/integration/program_run.cpp
     ${CMAKE_CURRENT_LIST_DIR}/integration/standin_environment.cpp)
   target_compile_options(kscdp_test_support PRIVATE ${KSCDP_WARNINGS})
   target_link_libraries(kscdp_test_support PUBLIC kscdp_master_sim_core kscdp_testbed GTest::gtest)

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "fork_hooks.h"
 #include "port/mutex.h"
@@ -18,6 +19,35 @@ namespace standin {
 namespace {
 
 const char kBlanks[] = " \t\r";
+
+const char* const kKnownKeys[] = {
+    "server",
+    "host_name",
+    "rest_url",
+    "ksqd_url",
+    "broker",
+    "ca_file",
+    "cert_file",
+    "key_file",
+    "metrics_file",
+    "metrics_interval",
+    "http_timeout",
+    "outbox",
+    "outbox_sync",
+    "broker_tls",
+    "broker_ca_file",
+    "broker_cert_file",
+    "broker_key_file",
+    "broker_user",
+    "broker_password_file",
+};
+
+bool isKnownKey(const std::string& key) {
+  for (const char* known : kKnownKeys) {
+    if (key == known) return true;
+  }
+  return false;
+}
 
 // A file whose times are this close to the moment it was parsed may have
 // been edited again since without its times moving: file systems stamp times
@@ -108,6 +138,11 @@ void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_last->mutex.unlock(); }
 
 const ForkHooks kConfigForkHooks = {&lockForFork, &unlockAfterFork, &unlockAfterFork};
 
+const std::vector<std::string>& knownConfigKeys() {
+  static port::NoDestructor<std::vector<std::string>> keys(std::begin(kKnownKeys), std::end(kKnownKeys));
+  return *keys;
+}
+
 std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback) {
   const auto found = values.settings.find(key);
   return found != values.settings.end() ? found->second : fallback;
@@ -144,6 +179,7 @@ int parseConfigText(const std::string& text, ConfigValues& out, int& badLine) {
       parsed.hostName = value;
     } else {
       parsed.settings[key] = value;
+      if (!isKnownKey(key)) parsed.unknownKeys.push_back({key, lineNumber});
     }
   }
   out = std::move(parsed);

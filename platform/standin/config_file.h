@@ -13,12 +13,25 @@
 
 namespace standin {
 
+// A line whose key is not one of knownConfigKeys(): the library ignores it,
+// and kscdp-doctor warns about it.
+struct UnknownKey {
+  std::string key;
+  int line = 0;  // from 1
+};
+
 struct ConfigValues {
   std::vector<std::string> servers;  // every "server" line, in order
   bool hasHostName = false;
   std::string hostName;                         // the last "host_name" line
   std::map<std::string, std::string> settings;  // every other key, last value wins
+  std::vector<UnknownKey> unknownKeys;          // in the order of their lines
 };
+
+// Every key the file may hold: the library's own two, the stand-ins' keys,
+// and those reserved for features still to come (metrics_file,
+// metrics_interval, outbox_sync, cert_file, key_file). The one list of them.
+const std::vector<std::string>& knownConfigKeys();
 
 // The value of `key`, or `fallback` when the key is absent.
 std::string setting(const ConfigValues& values, const std::string& key, const std::string& fallback);

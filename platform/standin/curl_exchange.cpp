@@ -59,6 +59,7 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
     return result;
   }
   if (m_body.tooLarge) {
+    curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &m_responseCode);
     m_errorText = "the answer is larger than " + std::to_string(kLargestAnswer / 1024) +
                   " KiB, more than this interface ever sends; read no further";
   } else {

@@ -51,7 +51,11 @@ class CurlExchange {
   bool connected() const { return m_connected; }
 
   // The last answer's status code and body (0 and empty without an answer).
+  // An answer cut off for passing kLargestAnswer keeps its status code, with
+  // an empty body.
   long responseCode() const { return m_responseCode; }
+  // Whether the last answer was cut off for passing kLargestAnswer.
+  bool answerTooLarge() const { return m_body.tooLarge; }
   std::string& body() { return m_body.text; }
 
   // The value of the last answer's header `name` (any case); false when it

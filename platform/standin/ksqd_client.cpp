@@ -1,12 +1,15 @@
 // The request-daemon client over HTTP: each request is one POST of the
 // request text to <ksqd_url>/ksqd/<kind>.
 //
-// Results: 0 with a malloc'ed copy of a 2xx body as the answer; for any other
-// status the daemon's X-Ksqd-Status (when present and non-zero) or else the
-// HTTP status; the negated libcurl error when no answer came at all (-1, an
-// unsupported protocol, when "ksqd_url" is not http or https); EINVAL for
-// unusable arguments and ENOMEM when memory ran out. Only a 0 result touches
-// the caller's answer pointer.
+// Results: 0 with a malloc'ed copy of a 2xx body as the answer; the 2xx
+// status itself when the body cannot be handed back (larger than
+// kLargestAnswer, or no memory for its copy), since the daemon accepted the
+// request and a job may have started; for any other status the daemon's
+// X-Ksqd-Status (when present and non-zero) or else the HTTP status; the
+// negated libcurl error when no answer came at all (-1, an unsupported
+// protocol, when "ksqd_url" is not http or https); EINVAL for unusable
+// arguments and ENOMEM when memory ran out before the request went out. Only
+// a 0 result touches the caller's answer pointer.
 //
 // A request is sent at most once: on a connection of its own, since libcurl
 // would send it again on a new one when a kept-alive connection turned out
@@ -68,16 +71,20 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
 
   const std::string body(request);
   const CURLcode sent = exchange.perform(kFunction, url, &body, settings);
-  if (sent != CURLE_OK) return -static_cast<int>(sent);
-
   const long status = exchange.responseCode();
-  if (status < 200 || status > 299) {
+  const bool accepted = status >= 200 && status <= 299;
+  if (sent != CURLE_OK) {
+    // A 2xx answer cut off for its size still says the daemon accepted.
+    return accepted && exchange.answerTooLarge() ? static_cast<int>(status) : -static_cast<int>(sent);
+  }
+
+  if (!accepted) {
     const int daemonStatus = ksqdStatus(exchange);
     return daemonStatus != 0 ? daemonStatus : static_cast<int>(status);
   }
   const std::string& answerText = exchange.body();
   auto* copy = static_cast<char*>(std::malloc(answerText.size() + 1));
-  if (copy == nullptr) throw std::bad_alloc();
+  if (copy == nullptr) return static_cast<int>(status);
   std::memcpy(copy, answerText.c_str(), answerText.size() + 1);
   *answer = copy;
   return 0;

@@ -4,16 +4,21 @@
 // and start no backup.
 #include <gtest/gtest.h>
 #include <jansson.h>
-#include <sys/wait.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "case_table.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
+#include "program_run.h"
 #include "standin_environment.h"
 
 namespace {
@@ -24,11 +29,7 @@ const char kCheckIds[] = "config master-name rest daemon broker log outbox";
 const char kAllWell[] =
     "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n";
 
-struct DoctorRun {
-  int exitStatus = -1;
-  std::string output;
-  double seconds = 0;
-};
+using DoctorRun = integration::ProgramRun;
 
 // A master simulator, one of another release (another jobs media type), a
 // broker, and a loopback port where nothing listens. The doctor finds the
@@ -63,16 +64,7 @@ class DoctorTest : public ::testing::Test {
   }
 
   static DoctorRun runDoctor(const std::string& arguments) {
-    DoctorRun run;
-    const auto started = std::chrono::steady_clock::now();
-    FILE* pipe = popen((KSCDP_DOCTOR_PATH " " + arguments).c_str(), "r");
-    if (pipe == nullptr) return run;
-    char buffer[4096];
-    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, got);
-    const int status = pclose(pipe);
-    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    run.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return integration::runProgram(KSCDP_DOCTOR_PATH " " + std::string(arguments));
   }
 
   master_sim::MasterSimulator m_master;
@@ -148,6 +140,105 @@ TEST_F(DoctorTest, TellsWhatWaitsInTheOutbox) {
   EXPECT_GE(json_integer_value(json_object_get(check, "oldestAgeSeconds")), 600);
   EXPECT_GE(json_integer_value(json_object_get(check, "bytesOnDisk")), static_cast<json_int_t>(before.size()));
   EXPECT_EQ(integration::fileText(outbox), before);
+}
+
+// The files beside `path` whose names begin with its own, with their sizes.
+std::string filesBeside(const std::string& path) {
+  const std::filesystem::path file(path);
+  std::set<std::string> listing;
+  for (const auto& entry : std::filesystem::directory_iterator(file.parent_path())) {
+    const std::string name = entry.path().filename();
+    if (name.rfind(file.filename(), 0) == 0) listing.insert(name + " " + std::to_string(entry.file_size()));
+  }
+  std::string text;
+  for (const std::string& line : listing) text += line + "\n";
+  return text;
+}
+
+// filesBeside(path) once it stayed the same for half a second (an engine
+// copies its WAL into the database on its own thread after an append), or
+// after 5 s.
+std::string settledFilesBeside(const std::string& path) {
+  std::string listing = filesBeside(path);
+  for (int tries = 0; tries < 10; ++tries) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    const std::string now = filesBeside(path);
+    if (now == listing) break;
+    listing = now;
+  }
+  return listing;
+}
+
+// The outbox check's status and detail in a --json run, and its figures
+// "waiting <n> bytesOnDisk <n>".
+struct OutboxCheck {
+  std::string status;
+  std::string detail;
+  std::string figures;
+};
+OutboxCheck outboxCheck(const DoctorRun& run) {
+  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
+  json_t* check = json_array_get(json_object_get(document.get(), "checks"), 6);
+  const char* status = json_string_value(json_object_get(check, "status"));
+  const char* detail = json_string_value(json_object_get(check, "detail"));
+  return {status != nullptr ? status : "", detail != nullptr ? detail : "",
+          "waiting " + std::to_string(json_integer_value(json_object_get(check, "waiting"))) + " bytesOnDisk " +
+              std::to_string(json_integer_value(json_object_get(check, "bytesOnDisk")))};
+}
+
+// The doctor only looks: twice over an outbox that its engine closed, and
+// twice beside an engine that holds it open (WAL mode, its index in
+// "-shm"), it reports the same figures and leaves the same files.
+TEST_F(DoctorTest, LooksAtTheOutboxWithoutCreatingOrChangingAFile) {
+  writeConfig("server = 127.0.0.1\nhost_name = cdp-host\nbroker = 127.0.0.1:{down-port}\n");
+  const std::string outbox = integration::scratchPath("outbox.db");
+  for (const std::string engine : {"closed", "running"}) {
+    SCOPED_TRACE(engine);
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) std::remove((outbox + suffix).c_str());
+    // Five alerts wait for a broker that is away; a file size limit makes the
+    // raiser stop its publisher and exit (after 5 s) rather than wait.
+    const std::string raise = std::string(KSCDP_ALERT_RAISER_PATH) + " 1 5" + (engine == "closed" ? " 1000000000" : "");
+    FILE* raiser = popen(raise.c_str(), "r");
+    ASSERT_NE(raiser, nullptr);
+    int pid = 0;
+    ASSERT_EQ(std::fscanf(raiser, "accepted 5 pid %d", &pid), 1);
+    if (engine == "closed") {
+      EXPECT_EQ(pclose(raiser), 0);
+    }
+    const std::string files = settledFilesBeside(outbox);
+    EXPECT_EQ(files.find("outbox.db-shm") != std::string::npos, engine == "running") << files;
+
+    const DoctorRun first = runDoctor("--json");
+    EXPECT_EQ(filesBeside(outbox), files);
+    const DoctorRun second = runDoctor("--json");
+    EXPECT_EQ(filesBeside(outbox), files);
+    EXPECT_EQ(outboxCheck(first).figures, outboxCheck(second).figures);
+    EXPECT_EQ(outboxCheck(first).figures.rfind("waiting 5 ", 0), 0u) << first.output;
+    if (engine == "running") {
+      kill(pid, SIGKILL);
+      pclose(raiser);
+    }
+  }
+}
+
+// On a fresh install the outbox's directory does not exist yet: the engine
+// makes it with its first alert when it can, and only one it cannot make (a
+// file in the way) is a warning. The doctor makes neither.
+TEST_F(DoctorTest, AnOutboxDirectoryTheEngineCanMakeIsOk) {
+  std::filesystem::remove_all(integration::scratchPath("fresh"));
+  const std::string inTheWay = integration::scratchPath("plain");
+  std::ofstream(inTheWay) << "a file in the way\n";
+  const std::pair<std::string, std::string> rows[] = {
+      {integration::scratchPath("fresh/install/outbox.db"), "ok will be created, with its directory"},
+      {inTheWay + "/kscdp/outbox.db", "warning Not a directory"}};
+  for (const auto& [outbox, expected] : rows) {
+    SCOPED_TRACE(outbox);
+    integration::writeConfig(fill(std::string(kAllWell) + "outbox = " + outbox + "\n"));
+    const OutboxCheck check = outboxCheck(runDoctor("--json"));
+    EXPECT_EQ(check.status, expected.substr(0, expected.find(' ')));
+    EXPECT_NE(check.detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << check.detail;
+  }
+  EXPECT_FALSE(std::filesystem::exists(integration::scratchPath("fresh")));
 }
 
 TEST_F(DoctorTest, UnknownArgumentIsBadUsage) { EXPECT_EQ(runDoctor("--no-such-option 2>/dev/null").exitStatus, 2); }

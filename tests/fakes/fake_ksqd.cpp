@@ -14,5 +14,6 @@ extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, cons
     k.answers.pop_front();
   }
   *answer = strdup(text.c_str());
+  if (k.whenAnswering) k.whenAnswering();
   return 0;
 }

@@ -5,6 +5,7 @@
 #define KSCDP_TESTS_FAKES_FAKE_KSQD_H_
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ struct Ksqd {
   std::string answer = "{\"jobid\": 1}";
   // When not empty, each call with a 0 result takes the next of these instead.
   std::deque<std::string> answers;
+
+  // Run by each call with a 0 result just before it returns.
+  std::function<void()> whenAnswering;
 
   std::vector<std::string> calls;  // "<master server> <kind> <request>" of every call
 };

@@ -1,6 +1,7 @@
 #include "fake_log.h"
 
 #include <mutex>
+#include <new>
 
 #include "platform/ksu_log.h"
 
@@ -13,6 +14,7 @@ std::vector<fake::LogLine> fake::logLinesOf(const std::string& function) {
 }
 
 int ksu_logmsg_str(int level, const std::string& function, const std::string& message) {
+  if (fake::logFails) throw std::bad_alloc();
   static std::mutex appending;
   const std::lock_guard<std::mutex> lock(appending);
   fake::logLines.push_back({level, function, message});

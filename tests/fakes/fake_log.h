@@ -16,6 +16,10 @@ struct LogLine {
   }
 };
 
+// While set, every line fails as one would when memory runs out: nothing is
+// recorded and std::bad_alloc is thrown.
+inline bool logFails = false;
+
 // Every line logged, in order. Read it when the threads that log have ended.
 inline std::vector<LogLine> logLines;
 

@@ -2,6 +2,7 @@
 
 void fake::resetPlatform() {
   logLines.clear();
+  logFails = false;
   resetConfig();
   allocator = Allocator{};
   pauses.clear();

@@ -145,7 +145,7 @@ namespace {
 
 TEST_F(KsqdClient, FailureIsTheDaemonsStatusElseTheHttpStatus) {
   for (const cases::Row& c : cases::read("daemon_failures.cases")) {
-    m_master.setPolicyFaults(c[0], {std::stoi(c[1]), std::stoi(c[2]), c[3] == "yes"});
+    m_master.setPolicyFaults(c[0], {std::stoi(c[1]), std::stoi(c[2]), c[3] == "not-json", c[3] == "too-large"});
     char* answer = nullptr;
     const std::string request = R"({"policy": ")" + c[0] + "\"}";
     EXPECT_EQ(invoke_ksqd_cct_request("m1", 1, request.c_str(), &answer), std::stoi(c[4])) << c[0];

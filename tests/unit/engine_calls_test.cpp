@@ -120,6 +120,35 @@ TEST_F(EngineCallsTest, NoMemoryForARequestedNodeFailsThePassBeforeAnyRequest) {
   EXPECT_EQ(fake::notifications.sent[0].messageKey, "eventlog.omra.ksu.cdp.eviction.failed");
 }
 
+// Once the daemon has answered with a job id, the VM is requested whatever
+// fails after: here no log line can be written from then on, nor, with it,
+// the eviction alert raised.
+TEST_F(EngineCallsTest, NothingFailingAfterTheDaemonsAnswerLosesTheVm) {
+  evictList({10, 20});
+  fake::ksqd.answer = R"({"jobid": -1})";  // the longest id there is
+  fake::ksqd.whenAnswering = [] { fake::logFails = true; };
+  EXPECT_EQ(call_evict_data(1, m_evictList, &m_requested), KSCDP_ERR_INTERNAL);  // the alert's failure
+  fake::logFails = false;
+  ASSERT_NE(m_requested, nullptr);
+  EXPECT_EQ(m_requested->vm, &m_vms[1]);
+  EXPECT_EQ(vmStates(), "10:0:0 20:1:18446744073709551615");
+  EXPECT_EQ(m_evictList->count, 1);
+}
+
+// A daemon that accepted the request but whose answer cannot be read fails
+// the pass, and the line says that a backup may have started for the VM.
+TEST_F(EngineCallsTest, AnAcceptedRequestWithoutAReadableAnswerSaysABackupMayHaveStarted) {
+  evictList({10, 20});
+  fake::ksqd.result = 200;
+  EXPECT_EQ(call_evict_data(1, m_evictList, &m_requested), 0);
+  EXPECT_EQ(m_requested, nullptr);
+  EXPECT_EQ(get_element_from_evlist(m_evictList), &m_vms[1]);
+  EXPECT_EQ(fake::logLinesOf(kEvictionLog).back().message,
+            "VM: vm20\nPolicy: policy20\nVM Size: 20\nEviction Type: 3\nMaster server: master.example"
+            "Exception occured: Failed to invoke Ksqd CCT request. Return code:200; the request daemon accepted the "
+            "request, so a backup may have started for VM vm20");
+}
+
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {
   evictList({10, 20});
   fake::config.readResult = 2;

@@ -1,7 +1,10 @@
 // The files the library writes: its log and the alert publisher's outbox.
 // Nothing is created or written: an existing file is opened for writing and
-// closed, a missing one needs a directory the user can create it in.
+// closed, a missing one needs a directory the user can create it in, or, for
+// the outbox, which the engine makes with its directories, a directory above
+// it that the user can make them in.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,6 +37,22 @@ int writableProblem(const std::string& path, int flags, bool& inDirectory) {
   if (errno != ENOENT) return errno;
   inDirectory = true;
   return access(directoryOf(path).c_str(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
+// 0 when this user could make the missing directory `directory` and every
+// missing one above it, else the errno that stops it; `existing` is then the
+// directory where making them stops.
+int uncreatableProblem(const std::string& directory, std::string& existing) {
+  existing = directory;
+  struct stat status {};
+  while (stat(existing.c_str(), &status) != 0) {
+    const int problem = errno;
+    const std::string above = directoryOf(existing);
+    if (problem != ENOENT || above == existing) return problem;
+    existing = above;
+  }
+  if (!S_ISDIR(status.st_mode)) return ENOTDIR;
+  return access(existing.c_str(), W_OK | X_OK) == 0 ? 0 : errno;
 }
 
 // The outbox's line once it can be written: what waits there.
@@ -85,21 +104,33 @@ CheckResult checkOutbox(const Configuration& configuration) {
   if (outbox.empty()) {
     return okResult(kId, kTitle, "outbox = none: waiting alerts are kept in memory only");
   }
+  const std::string directory = directoryOf(outbox);
   // SQLite writes its journal beside the file, so the directory must be writable too.
   bool inDirectory = false;
   int problem = writableProblem(outbox, O_RDWR, inDirectory);
-  if (problem == 0 && !inDirectory && access(directoryOf(outbox).c_str(), W_OK | X_OK) != 0) {
+  if (problem == 0 && !inDirectory && access(directory.c_str(), W_OK | X_OK) != 0) {
     problem = errno;
     inDirectory = true;
   }
   if (problem == 0 && inDirectory) return okResult(kId, kTitle, outbox + " can be created; no alert waits");
   if (problem == 0) return backlogResult(kId, kTitle, outbox);
-  const std::string where = inDirectory ? "directory " + directoryOf(outbox) : outbox;
+  std::string where = inDirectory ? "directory " + directory : outbox;
+  if (problem == ENOENT && inDirectory) {
+    // The engine makes the missing directories with its first alert.
+    std::string existing;
+    problem = uncreatableProblem(directory, existing);
+    if (problem == 0) {
+      return okResult(kId, kTitle,
+                      outbox + " will be created, with its directory " + directory +
+                          ", by the engine's first alert; no alert waits");
+    }
+    where += " does not exist and cannot be made: " + existing;
+  }
   return warningResult(
       kId, kTitle,
       where + ": " + std::strerror(problem) +
           "; alerts would wait in memory only and be lost with the engine's process",
-      "create " + directoryOf(outbox) + " writable by the engine's user, or set outbox in " + configuration.path);
+      "create " + directory + " writable by the engine's user, or set outbox in " + configuration.path);
 }
 
 }  // namespace doctor

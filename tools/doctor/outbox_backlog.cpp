@@ -24,16 +24,42 @@ long long fileSize(const std::string& path) {
   return stat(path.c_str(), &status) == 0 ? static_cast<long long>(status.st_size) : 0;
 }
 
+bool exists(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0;
+}
+
+// A URI that opens `path` read-only and creates nothing beside it. An engine
+// that has the outbox open in WAL mode keeps its shared-memory index in
+// "<path>-shm": a reader then takes part in it as the engine's sqlite3 shell
+// would ("mode=ro"). Without that index no engine has the file open (the
+// last connection removes the index and the WAL when it closes), and a
+// reader that went through SQLite's locking would make both files afresh:
+// the file is read as it lies ("immutable=1").
+std::string readOnlyUri(const std::string& path) {
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (c == '%' || c == '?' || c == '#') {
+      static const char kHex[] = "0123456789ABCDEF";
+      uri += '%';
+      uri += kHex[static_cast<unsigned char>(c) >> 4];
+      uri += kHex[static_cast<unsigned char>(c) & 0xf];
+    } else {
+      uri += c;
+    }
+  }
+  return uri + (exists(path + "-shm") ? "?mode=ro" : "?immutable=1");
+}
+
 }  // namespace
 
 bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error) {
   backlog = OutboxBacklog();
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return true;
+  if (!exists(path)) return true;
   for (const char* suffix : {"", "-wal", "-shm"}) backlog.bytesOnDisk += fileSize(path + suffix);
 
   sqlite3* opened = nullptr;
-  const int code = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY, nullptr);
+  const int code = sqlite3_open_v2(readOnlyUri(path).c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
   const std::unique_ptr<sqlite3, ConnectionClose> db(opened);
   if (code != SQLITE_OK) {
     error = db != nullptr ? sqlite3_errmsg(db.get()) : sqlite3_errstr(code);

@@ -12,9 +12,10 @@ struct OutboxBacklog {
   long long bytesOnDisk = 0;     // the database, its WAL and its index together
 };
 
-// Reads the outbox at `path` as the sqlite3 shell would: a read-only
-// connection that takes none of the engine's locks and changes nothing. A
-// missing file holds nothing. False, with SQLite's reason in `error`, when
+// Reads the outbox at `path` through a read-only connection that takes none
+// of the engine's locks, changes nothing and creates no file beside it (no
+// "-wal", "-shm" or journal), whether an engine has the outbox open or none
+// does. A missing file holds nothing. False, with SQLite's reason in `error`, when
 // the file cannot be read.
 bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error);
 

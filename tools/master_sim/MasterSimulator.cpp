@@ -19,6 +19,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char kJsonType[] = "application/json";
+// Past the largest answer a client of the master need read (1 MiB).
+const size_t kTooLargeAnswerBytes = 1536 * 1024;
 const char kNotJson[] = "<html><body>Service temporarily unavailable</body></html>";
 const char kNotJsonType[] = "text/html";
 // A stopped server still serves each open connection until its client closes
@@ -215,6 +217,11 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
     return;
   }
   const int64_t id = startJob(policy, m_options.jobFaults);
+  if (fault != m_policyFaults.end() && fault->second.answerTooLarge) {
+    const std::string padding(kTooLargeAnswerBytes, ' ');
+    response.set_content("{\"jobid\": " + std::to_string(id) + "," + padding + "}", kJsonType);
+    return;
+  }
   response.set_content(compact(Json(json_pack("{s:I}", "jobid", static_cast<json_int_t>(id)))), kJsonType);
 }
 

@@ -30,9 +30,10 @@ struct JobFaults {
 };
 
 struct PolicyFaults {
-  int httpStatus = 0;          // non-zero: daemon requests for the policy fail with it
-  int daemonStatus = 0;        // non-zero: sent with such a failure as X-Ksqd-Status
-  bool answerNotJson = false;  // daemon requests answer 200 with a body that is not JSON
+  int httpStatus = 0;           // non-zero: daemon requests for the policy fail with it
+  int daemonStatus = 0;         // non-zero: sent with such a failure as X-Ksqd-Status
+  bool answerNotJson = false;   // daemon requests answer 200 with a body that is not JSON
+  bool answerTooLarge = false;  // daemon requests start the job and answer 200 with more than 1 MiB of JSON
 };
 
 struct MasterSimulatorOptions {

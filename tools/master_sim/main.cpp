@@ -16,7 +16,8 @@ const char kUsage[] =
     "usage: kscdp-master-sim [--host ADDRESS] [--port N] [--job-seconds SECONDS]\n"
     "                        [--first-job-id N] [--unknown-polls N] [--jobs-not-json]\n"
     "                        [--fail-policy NAME=HTTP_STATUS[:DAEMON_STATUS]]...\n"
-    "                        [--policy-not-json NAME]... [--threads N]\n"
+    "                        [--policy-not-json NAME]... [--policy-too-large NAME]...\n"
+    "                        [--threads N]\n"
     "  --port 0 (the default) picks a free port.\n";
 
 bool parseNumber(const char* text, long long& value) {
@@ -93,6 +94,10 @@ bool parseOptions(int argc, char** argv, master_sim::MasterSimulatorOptions& opt
     } else if (name == "--policy-not-json") {
       PolicySetting setting{value, {}};
       setting.faults.answerNotJson = true;
+      policies.push_back(setting);
+    } else if (name == "--policy-too-large") {
+      PolicySetting setting{value, {}};
+      setting.faults.answerTooLarge = true;
       policies.push_back(setting);
     } else {
       std::fprintf(stderr, "kscdp-master-sim: unknown option %s\n", name.c_str());
