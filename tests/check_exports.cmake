@@ -2,7 +2,9 @@
 # "global:" part of its export map MAP names: every exported symbol matches an
 # entry, and every entry matches an exported symbol, so the map holds nothing
 # stale. Entries are C names, and in an extern "C++" block demangled names:
-# a glob (ksu_logmsg_str*) or, in double quotes, one exact name.
+# a glob (ksu_logmsg_str*) or, in double quotes, one exact name. FORBIDDEN,
+# when given, is a regular expression that no exported name may match, even
+# one that the map names.
 execute_process(COMMAND nm -D -C --defined-only ${LIBRARY}
   OUTPUT_VARIABLE nm_output RESULT_VARIABLE nm_result)
 if(NOT nm_result EQUAL 0)
@@ -72,6 +74,18 @@ foreach(index RANGE ${last})
     string(APPEND stale "\n    ${entry}")
   endif()
 endforeach()
+
+set(forbidden "")
+if(DEFINED FORBIDDEN)
+  foreach(name IN LISTS exported)
+    if(name MATCHES "${FORBIDDEN}")
+      string(APPEND forbidden "\n    ${name}")
+    endif()
+  endforeach()
+endif()
+if(NOT forbidden STREQUAL "")
+  message(FATAL_ERROR "${LIBRARY} exports what it must not (${FORBIDDEN}):${forbidden}")
+endif()
 
 if(NOT unnamed STREQUAL "" OR NOT stale STREQUAL "")
   message(FATAL_ERROR "${LIBRARY} and ${MAP} differ\n  exported, not in the map:${unnamed}\n"
