@@ -10,13 +10,6 @@
 
 namespace {
 
-TEST(CaseTable, ReadsStringsAndWords) {
-  std::istringstream in("# a comment\n\"a \\\"b\\\"\\x41\\n\"  42  # and another\n\n");
-  const std::vector<cases::Row> rows = cases::parse(in, "t.cases");
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0], (cases::Row{"a \"b\"A\n", "42"}));
-}
-
 TEST(CaseTable, RefusesAMalformedRowNamingItsFileAndLine) {
   const struct {
     const char* line;
