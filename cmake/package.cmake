@@ -19,9 +19,9 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${KSCDP_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The doctor links the platform library of libkscdp1, which no installed
+# libkscdp.so links the platform library beside it, which no installed
 # package provides while the packages are made: dpkg-shlibdeps finds it in
-# the build tree, and the tools' own Depends on libkscdp1 names it.
+# the build tree.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
@@ -31,10 +31,16 @@ set(KSCDP_SAME_RUNTIME "${KSCDP_PACKAGE_NAME_runtime} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${KSCDP_PACKAGE_NAME_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
-# The loader's cache is refreshed through libc's trigger. CPack also writes an
-# ldconfig call into the package's scripts, which is lintian's one warning
-# (maintscript-calls-ldconfig).
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
+# The loader's cache is refreshed through libc's trigger (packaging/triggers),
+# so the ldconfig calls that CPack writes into the maintainer scripts are taken
+# out once the package is made. packaging/symbols lists every symbol the two
+# libraries export, with the release that brought it (dpkg-gensymbols); the
+# test package.symbols holds it to the built libraries.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/symbols
+  ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_KSCDP_RUNTIME_PACKAGE ${KSCDP_PACKAGE_NAME_runtime})
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/deb_without_ldconfig_calls.cmake)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "Keepstone CDP backup engine library
 libkscdp is the library that a continuous-data-protection backup engine
 loads to reach the master server of its Keepstone backup domain: it raises

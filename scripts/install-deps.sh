@@ -13,7 +13,7 @@ packages=(
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-dev valgrind python3
-  dpkg-dev lintian mandoc
+  dpkg-dev lintian mandoc abigail-tools
 )
 
 missing=()

@@ -2,7 +2,9 @@
 # "global:" part of its export map MAP names: every exported symbol matches an
 # entry, and every entry matches an exported symbol, so the map holds nothing
 # stale. Entries are C names, and in an extern "C++" block demangled names:
-# a glob (ksu_logmsg_str*) or, in double quotes, one exact name.
+# a glob (ksu_logmsg_str*) or, in double quotes, one exact name. FORBIDDEN,
+# when given, is a regular expression that no exported name may match, even
+# one that the map names.
 execute_process(COMMAND nm -D -C --defined-only ${LIBRARY}
   OUTPUT_VARIABLE nm_output RESULT_VARIABLE nm_result)
 if(NOT nm_result EQUAL 0)
@@ -41,20 +43,21 @@ foreach(entry IN LISTS globals)
   list(APPEND patterns "^${pattern}$")
 endforeach()
 
+# An exported name that no entry matches is unnamed; one that FORBIDDEN
+# matches is forbidden.
+list(JOIN patterns "|" any_entry)
 set(unnamed "")
+set(forbidden "")
 foreach(name IN LISTS exported)
-  set(found FALSE)
-  foreach(pattern IN LISTS patterns)
-    if(name MATCHES "${pattern}")
-      set(found TRUE)
-      break()
-    endif()
-  endforeach()
-  if(NOT found)
+  if(NOT name MATCHES "${any_entry}")
     string(APPEND unnamed "\n    ${name}")
+  endif()
+  if(DEFINED FORBIDDEN AND name MATCHES "${FORBIDDEN}")
+    string(APPEND forbidden "\n    ${name}")
   endif()
 endforeach()
 
+# An entry that matches no exported name is stale.
 set(stale "")
 list(LENGTH entries count)
 math(EXPR last "${count} - 1")
@@ -72,6 +75,10 @@ foreach(index RANGE ${last})
     string(APPEND stale "\n    ${entry}")
   endif()
 endforeach()
+
+if(NOT forbidden STREQUAL "")
+  message(FATAL_ERROR "${LIBRARY} exports what it must not (${FORBIDDEN}):${forbidden}")
+endif()
 
 if(NOT unnamed STREQUAL "" OR NOT stale STREQUAL "")
   message(FATAL_ERROR "${LIBRARY} and ${MAP} differ\n  exported, not in the map:${unnamed}\n"

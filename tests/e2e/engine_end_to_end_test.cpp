@@ -1,6 +1,8 @@
 // The engine's four calls through the real libkscdp.so, loaded with dlopen as
 // the engine loads it, against the master simulator and a mosquitto broker on
-// loopback: from one thread, and from eight at once.
+// loopback: from one thread, and from eight at once. The demo and the fleet
+// (tests/CMakeLists.txt) run the same road through the programs; only this
+// test pins each request and alert byte for byte.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <pthread.h>

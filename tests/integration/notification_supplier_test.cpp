@@ -9,8 +9,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -343,23 +345,39 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
   const std::string dir = integration::scratchPath("");
-  const auto fill = [&dir](std::string text) {
+  const auto fill = [&dir](std::string text, const std::string& path) {
     for (size_t at; (at = text.find("{dir}/")) != std::string::npos;) text.replace(at, 6, dir);
+    for (size_t at; (at = text.find("{path}")) != std::string::npos;) text.replace(at, 6, path);
     return text;
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;
   int number = 0;
+  std::map<std::string, std::string> setups;
   for (const cases::Row& c : cases::read("unusable_outboxes.cases")) {
-    integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + fill(c[0]) +
-                             "\n");
-    ASSERT_EQ(std::system(fill(c[2]).c_str()), 0) << c[2];
+    if (c[0] == "setup") {
+      setups[c[1]] = c[2];
+      continue;
+    }
+    const std::string path = fill(c[0], "");
+    SCOPED_TRACE(path);
+    integration::writeConfig("server = m.invalid\nbroker = " + rig.broker.address() + "\noutbox = " + path + "\n");
+    for (size_t start = 0, end = 0; c[2] != "-" && end != std::string::npos; start = end + 1) {
+      end = c[2].find('+', start);
+      const std::string name = c[2].substr(start, end - start);
+      ASSERT_EQ(setups.count(name), 1u) << "no setup named " << name;
+      ASSERT_EQ(std::system(fill(setups[name], path).c_str()), 0) << name;
+    }
     std::unique_ptr<NotificationSupplier> holder(c[1] == "yes" ? new NotificationSupplier : nullptr);
     NotificationSupplier supplier;
     sendNumbered(&supplier, number + 1, number + 3, sent);
     number += 3;
-    EXPECT_EQ(rig.receivedOnce(sent), sent) << c[0];
-    EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + fill(c[3]))) << c[0];
+    EXPECT_EQ(rig.receivedOnce(sent), sent);
+    EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: " + fill(c[3], path)));
+    if (c.size() > 4) {
+      supplier.shutdown();
+      EXPECT_EQ(std::system(fill(c[4], path).c_str()), 0) << c[4];
+    }
   }
   std::vector<std::string> setAside;
   for (const auto& entry : std::filesystem::directory_iterator(integration::scratchPath(""))) {
@@ -435,7 +453,10 @@ TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
     for (const standin::BrokerAddress& address : settings.addresses)
       addresses += (addresses.empty() ? "" : " ") + standin::brokerText(address);
     EXPECT_EQ(addresses, c[1] != "-" ? c[1] : "") << c[0];
-    EXPECT_THAT(error, HasSubstr(c[2])) << c[0];
+    std::string refusal = c[2];
+    if (refusal.find("{conf}") != std::string::npos)
+      refusal.replace(refusal.find("{conf}"), 6, std::getenv("KEEPSTONE_CONF"));
+    EXPECT_THAT(error, HasSubstr(refusal)) << c[0];
   }
 }
 
