@@ -11,6 +11,9 @@ namespace {
 
 const char kSystemCaDirectory[] = "/etc/ssl/certs";
 const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
+// libmosquitto takes "tlsv1.3", "tlsv1.2" or "tlsv1.1" as the oldest version
+// it offers: "tlsv1.2" still lets the broker choose TLS 1.3.
+const char kOldestTlsVersion[] = "tlsv1.2";
 
 bool readable(const std::string& path, const char* key, std::string& error) {
   if (access(path.c_str(), R_OK) == 0) return true;
@@ -38,7 +41,7 @@ bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& setting
     int result =
         mosquitto_tls_set(client, fileOrNull(settings.caFile), settings.caFile.empty() ? kSystemCaDirectory : nullptr,
                           fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, nullptr, nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, kOldestTlsVersion, nullptr);
     if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client, false);
     if (result != MOSQ_ERR_SUCCESS) {
       error = "cannot set up TLS: " + mosquittoErrorText(result, errno);
