@@ -34,6 +34,11 @@ std::string secretProblem(const struct stat& status, const std::string& what, co
 
 int openRegularFile(const std::string& path, int flags, mode_t mode, const std::string& what, std::string& error) {
   const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+  if (fd < 0 && errno == ENXIO) {
+    // A FIFO without a reader, or a device: opened for writing, it would block.
+    error = what + " " + path + " is not a regular file: refused";
+    return -1;
+  }
   if (fd < 0) {
     const int saved = errno;
     error = "cannot open " + what + " " + path + ": " +
