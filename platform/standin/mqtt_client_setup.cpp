@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "client_identity.h"
+
 namespace standin {
 namespace {
 
@@ -34,8 +36,9 @@ std::string mosquittoErrorText(int result, int savedErrno) {
 bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, std::string& error) {
   if (settings.tls) {
     if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
-    if (!settings.certFile.empty() && (!readable(settings.certFile, "broker_cert_file", error) ||
-                                       !readable(settings.keyFile, "broker_key_file", error))) {
+    ClientIdentity identity;
+    if (!settings.certFile.empty() && !loadClientIdentity(settings.certFile, settings.keyFile, "broker_cert_file",
+                                                          "broker_key_file", identity, error)) {
       return false;
     }
     int result =
