@@ -38,7 +38,7 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   if (m_easy == nullptr) m_easy.reset(takeEasyHandle());
 
   CURLcode result = CURLE_FAILED_INIT;
-  standin::ClientIdentity identity;
+  ClientIdentity identity;
   const bool presentsCertificate = !settings.certFile.empty() || !settings.keyFile.empty();
   if (presentsCertificate &&
       !loadClientIdentity(settings.certFile, settings.keyFile, "cert_file", "key_file", identity, m_errorText)) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fork_hooks.h"
+#include "mosquitto_library.h"
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
@@ -93,8 +94,7 @@ MqttPublisher::MqttPublisher()
       m_events(m_outbox ? kOutboxCapacity : kMemoryCapacity),
       m_wakeFd(openWakeFd()),
       m_retryDelay(kFirstRetryDelay) {
-  static std::once_flag libraryReady;
-  std::call_once(libraryReady, [] { mosquitto_lib_init(); });
+  useMosquittoLibrary();
   try {
     m_network = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {
