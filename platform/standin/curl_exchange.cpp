@@ -1,5 +1,7 @@
 #include "curl_exchange.h"
 
+#include <strings.h>
+
 #include "client_identity.h"
 #include "platform/ksu_log.h"
 
@@ -10,6 +12,13 @@ namespace {
 void setBlob(CURL* easy, CURLoption option, const std::string& text) {
   curl_blob blob{const_cast<char*>(text.data()), text.size(), CURL_BLOB_COPY};
   curl_easy_setopt(easy, option, text.empty() ? nullptr : &blob);
+}
+
+// With TLS 1.3 a server that wants a client certificate says so only after
+// the handshake: the client sees the connection end when it sends or reads.
+bool closedAfterHandshake(CURLcode result, const std::string& url) {
+  return strncasecmp(url.c_str(), "https:", 6) == 0 &&
+         (result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_SSL_CONNECT_ERROR);
 }
 
 }  // namespace
@@ -87,6 +96,11 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
                   " KiB, more than this interface ever sends; read no further";
   } else {
     m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
+    if (!presentsCertificate && closedAfterHandshake(result, url)) {
+      m_errorText +=
+          " (the server ended the TLS connection: if it requires a client certificate, set cert_file and "
+          "key_file)";
+    }
   }
   m_body.text.clear();
   if (function != nullptr) {
