@@ -9,7 +9,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config
   libjansson-dev libboost-dev
-  libcurl4-openssl-dev libmosquitto-dev libsqlite3-dev sqlite3 openssl
+  libcurl4-openssl-dev libmosquitto-dev libsqlite3-dev libssl-dev sqlite3 openssl
   libcpp-httplib-dev mosquitto mosquitto-clients
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-dev valgrind python3

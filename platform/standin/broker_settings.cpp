@@ -1,13 +1,8 @@
 #include "broker_settings.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <vector>
 
+#include "private_file.h"
 #include "protocol.h"
 #include "service_url.h"
 
@@ -60,6 +55,12 @@ bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std:
   read.keyFile = setting(values, "broker_key_file", "");
   read.user = setting(values, "broker_user", "");
   read.passwordFile = setting(values, "broker_password_file", "");
+  if (!read.tls && !(read.user.empty() && read.passwordFile.empty())) {
+    error = config.path +
+            " names broker credentials but broker_tls is off: a password never travels in the clear; set broker_tls "
+            "= on";
+    return false;
+  }
   if (read.certFile.empty() != read.keyFile.empty()) {
     error = config.path + " names only one of broker_cert_file and broker_key_file: a client certificate needs both";
     return false;
@@ -77,24 +78,9 @@ bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std:
 }
 
 bool readBrokerPassword(const std::string& path, std::string& password, std::string& error) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    error = "cannot read the broker password file " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-    error = "the broker password file " + path + " is open to other users (mode " + mode +
-            "): refused; make it readable by its owner only (chmod 600)";
-    return false;
-  }
-  std::ifstream file(path);
-  std::string line;
-  if (!file || (!std::getline(file, line) && !file.eof())) {
-    error = "cannot read the broker password file " + path;
-    return false;
-  }
+  std::string text;
+  if (!readCheckedFile(path, "the broker password file", kLargestSecretFile, true, text, error)) return false;
+  std::string line = text.substr(0, text.find('\n'));
   if (!line.empty() && line.back() == '\r') line.pop_back();
   password = line;
   return true;

@@ -21,7 +21,7 @@ struct BrokerSettings {
   std::string caFile;        // "broker_ca_file"; empty: the system's CA certificates
   std::string certFile;      // "broker_cert_file" and "broker_key_file": a client
   std::string keyFile;       //   certificate, both or neither
-  std::string user;          // "broker_user"; empty: no credentials
+  std::string user;          // "broker_user"; empty: no credentials; only with TLS
   std::string passwordFile;  // "broker_password_file": the password is its first line
 };
 
@@ -29,8 +29,10 @@ struct BrokerSettings {
 // what is wrong and what to change.
 bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std::string& error);
 
-// The password in the first line of `path`. Refuses a file that others may
-// read or write, or one that cannot be read; says why in `error`.
+// The password in the first line of `path`. Refuses, saying why in `error`,
+// a file that cannot be read or that readCheckedFile refuses as a secret (a
+// symbolic link, not a regular file, group or others given access, owned by
+// another user, larger than kLargestSecretFile).
 bool readBrokerPassword(const std::string& path, std::string& password, std::string& error);
 
 }  // namespace standin

@@ -19,6 +19,9 @@ namespace standin {
 namespace {
 
 const char kBlanks[] = " \t\r";
+// A configuration is a few dozen lines; a larger file is no configuration,
+// and reading it whole would only fill the engine's memory.
+const size_t kLargestConfigFile = 1024 * 1024;
 
 const char* const kKnownKeys[] = {
     "server",
@@ -96,10 +99,17 @@ struct FileIdentity {
 // Reads and parses the file at `snapshot.path`; `identity` is that of the
 // file read, and false comes back when it could not be opened or read.
 bool readFile(ConfigSnapshot& snapshot, std::unique_ptr<FileIdentity>& identity) {
-  const int fd = open(snapshot.path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not blocked by a FIFO planted at the path: only a regular file is read.
+  const int fd = open(snapshot.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   struct stat status {};
+  int failure = 0;
   if (fd < 0 || fstat(fd, &status) != 0) {
-    snapshot.readResult = errno != 0 ? errno : EIO;
+    failure = errno != 0 ? errno : EIO;
+  } else if (!S_ISREG(status.st_mode)) {
+    failure = EINVAL;
+  }
+  if (failure != 0) {
+    snapshot.readResult = failure;
     if (fd >= 0) close(fd);
     return false;
   }
@@ -108,6 +118,11 @@ bool readFile(ConfigSnapshot& snapshot, std::unique_ptr<FileIdentity>& identity)
   char buffer[4096];
   ssize_t got;
   while ((got = read(fd, buffer, sizeof buffer)) != 0) {
+    if (got > 0 && text.size() + static_cast<size_t>(got) > kLargestConfigFile) {
+      snapshot.readResult = EFBIG;
+      close(fd);
+      return false;
+    }
     if (got > 0) {
       text.append(buffer, static_cast<size_t>(got));
     } else if (errno != EINTR) {

@@ -1,8 +1,27 @@
 #include "curl_exchange.h"
 
+#include <strings.h>
+
+#include "client_identity.h"
 #include "platform/ksu_log.h"
 
 namespace standin {
+namespace {
+
+// libcurl keeps its own copy; an empty text clears the option.
+void setBlob(CURL* easy, CURLoption option, const std::string& text) {
+  curl_blob blob{const_cast<char*>(text.data()), text.size(), CURL_BLOB_COPY};
+  curl_easy_setopt(easy, option, text.empty() ? nullptr : &blob);
+}
+
+// With TLS 1.3 a server that wants a client certificate says so only after
+// the handshake: the client sees the connection end when it sends or reads.
+bool closedAfterHandshake(CURLcode result, const std::string& url) {
+  return strncasecmp(url.c_str(), "https:", 6) == 0 &&
+         (result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_SSL_CONNECT_ERROR);
+}
+
+}  // namespace
 
 CurlExchange::CurlExchange() : m_error{} {}
 
@@ -28,13 +47,27 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   if (m_easy == nullptr) m_easy.reset(takeEasyHandle());
 
   CURLcode result = CURLE_FAILED_INIT;
+  ClientIdentity identity;
+  const bool presentsCertificate = !settings.certFile.empty() || !settings.keyFile.empty();
+  if (presentsCertificate &&
+      !loadClientIdentity(settings.certFile, settings.keyFile, "cert_file", "key_file", identity, m_errorText)) {
+    if (function != nullptr) {
+      ksu_logmsg_str(16, function, std::string(postBody != nullptr ? "POST " : "GET ") + url + ": " + m_errorText);
+    }
+    return CURLE_SSL_CERTPROBLEM;
+  }
   if (m_easy != nullptr) {
     CURL* easy = m_easy.get();
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, m_error);
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easy, CURLOPT_TIMEOUT, settings.timeoutSeconds);
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, settings.connectTimeoutSeconds);
+    // A CA file is the only trust: libcurl's CA directory would add every CA
+    // the system trusts.
     curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.empty() ? builtInCaBundle() : settings.caFile.c_str());
+    curl_easy_setopt(easy, CURLOPT_CAPATH, settings.caFile.empty() ? builtInCaPath() : nullptr);
+    setBlob(easy, CURLOPT_SSLCERT_BLOB, identity.certificate);
+    setBlob(easy, CURLOPT_SSLKEY_BLOB, identity.key);
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers.get());
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, &m_body);
     if (postBody != nullptr) {
@@ -64,6 +97,11 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
                   " KiB, more than this interface ever sends; read no further";
   } else {
     m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
+    if (!presentsCertificate && closedAfterHandshake(result, url)) {
+      m_errorText +=
+          " (the server ended the TLS connection: if it requires a client certificate, set cert_file and "
+          "key_file)";
+    }
   }
   m_body.text.clear();
   if (function != nullptr) {

@@ -15,7 +15,9 @@ namespace standin {
 struct CurlSettings {
   long timeoutSeconds = 30;        // for the whole exchange
   long connectTimeoutSeconds = 0;  // for the connection alone; 0: libcurl's own limit
-  std::string caFile;              // empty: the system's CA bundle
+  std::string caFile;              // the only CAs trusted; empty: the system's
+  std::string certFile;            // the client's certificate and key, presented
+  std::string keyFile;             //   over https; both empty: none
 };
 
 // Owns, while it lives, an easy handle and everything the handle points at
@@ -35,7 +37,10 @@ class CurlExchange {
   bool addHeader(const std::string& line);
 
   // Performs the exchange once: a POST of `*postBody` when given, else a
-  // GET, over http or https only, with the peer and host verified. A POST is
+  // GET, over http or https only, with the peer and host verified and the
+  // client certificate of `settings` presented. A client certificate that
+  // cannot be used (see loadClientIdentity) fails the exchange before
+  // anything is sent, with CURLE_SSL_CERTPROBLEM. A POST is
   // sent on a connection of its own, so that libcurl never sends it a second
   // time when a kept-alive connection turns out dead. An answer larger than
   // kLargestAnswer is a failure, read no further. CURLE_OK when an answer

@@ -18,6 +18,10 @@ class Share {
     if (CURL* probe = curl_easy_init()) {
       char* bundle = nullptr;
       if (curl_easy_getinfo(probe, CURLINFO_CAINFO, &bundle) == CURLE_OK && bundle != nullptr) m_caBundle = bundle;
+      char* directory = nullptr;
+      if (curl_easy_getinfo(probe, CURLINFO_CAPATH, &directory) == CURLE_OK && directory != nullptr) {
+        m_caPath = directory;
+      }
       curl_easy_cleanup(probe);
     }
     m_handle = curl_share_init();
@@ -42,6 +46,7 @@ class Share {
 
   CURLSH* handle() const { return m_handle; }
   const char* caBundle() const { return m_caBundle.empty() ? nullptr : m_caBundle.c_str(); }
+  const char* caPath() const { return m_caPath.empty() ? nullptr : m_caPath.c_str(); }
 
   CURL* takeIdle() {
     port::MutexLock lock(m_idleMutex);
@@ -93,6 +98,7 @@ class Share {
   static const size_t kMaxIdle = 8;
 
   std::string m_caBundle;  // libcurl's built-in one; empty: none
+  std::string m_caPath;    // libcurl's built-in one; empty: none
   CURLSH* m_handle = nullptr;
   // One per kind of shared data, taken and released by libcurl itself.
   std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
@@ -146,6 +152,7 @@ CURL* takeEasyHandle() {
   if (shared.handle() != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, shared.handle());
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &appendToBody);
@@ -153,6 +160,8 @@ CURL* takeEasyHandle() {
 }
 
 const char* builtInCaBundle() { return share().caBundle(); }
+
+const char* builtInCaPath() { return share().caPath(); }
 
 void giveBackEasyHandle(CURL* easy) {
   if (easy == nullptr) return;

@@ -28,7 +28,7 @@ namespace standin {
 //
 // Besides libcurl's defaults a handle holds, from its making on, the options
 // that every request of the stand-ins shares: the share handle, http and
-// https only, no signals, peer and host verified, and the answer's body
+// https only, no signals, TLS 1.2 at least, peer and host verified, and the answer's body
 // appended to the AnswerBody that CURLOPT_WRITEDATA names. Every other
 // option a request sets it sets each time, as a previous request may have
 // set it otherwise.
@@ -38,6 +38,9 @@ CURL* takeEasyHandle();
 // have been given another bundle, and setting CURLOPT_CAINFO to null would
 // drop the built-in one rather than restore it.
 const char* builtInCaBundle();
+// The CA directory libcurl verifies peers with besides the bundle, as
+// libcurl was built; null when it was built without one.
+const char* builtInCaPath();
 // Drops the pointers a request gave `easy` (error buffer, header list, write
 // target, request body) and keeps it, open connections included, for a
 // later takeEasyHandle(), or cleans it up when enough are kept already. Null

@@ -24,6 +24,8 @@ HttpSettings httpSettings(const ConfigSnapshot& config) {
   HttpSettings settings;
   settings.restUrl = setting(config.values, "rest_url", "");
   settings.curl.caFile = setting(config.values, "ca_file", "");
+  settings.curl.certFile = setting(config.values, "cert_file", "");
+  settings.curl.keyFile = setting(config.values, "key_file", "");
   settings.curl.timeoutSeconds = timeoutSeconds(config.values);
   return settings;
 }

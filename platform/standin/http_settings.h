@@ -1,5 +1,5 @@
 // The HTTP stand-ins' own keys of the master configuration file: "rest_url",
-// "ca_file" and "http_timeout".
+// "ca_file", "cert_file", "key_file" and "http_timeout".
 #ifndef KSCDP_PLATFORM_STANDIN_HTTP_SETTINGS_H_
 #define KSCDP_PLATFORM_STANDIN_HTTP_SETTINGS_H_
 

@@ -8,7 +8,7 @@ namespace standin {
 bool ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind, std::string& url,
                     std::string& problem) {
   std::string base;
-  if (!serviceBaseUrl(values, "ksqd_url", "http://" + hostAndPort(masterServer, kDaemonPort), base, problem)) {
+  if (!serviceBaseUrl(values, "ksqd_url", "https://" + hostAndPort(masterServer, kDaemonPort), base, problem)) {
     return false;
   }
   while (!base.empty() && base.back() == '/') base.pop_back();

@@ -9,7 +9,7 @@
 namespace standin {
 
 // "<ksqd_url>/ksqd/<kind>". Without a (non-empty) "ksqd_url" setting the base
-// is http://<masterServer>:8557, a bare IPv6 address in brackets. Slashes at
+// is https://<masterServer>:8557, a bare IPv6 address in brackets. Slashes at
 // the end of "ksqd_url" are dropped. False, with `problem` set, when
 // "ksqd_url" is not an http or https URL.
 bool ksqdRequestUrl(const ConfigValues& values, const std::string& masterServer, int kind, std::string& url,

@@ -3,12 +3,15 @@
 // appended to the file named by KSU_LOG_FILE, else stderr. The file is
 // reopened when it was moved or removed (logrotate's move-and-create), which
 // is noticed by comparing the open file with the path at most once a second.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -16,11 +19,13 @@
 #include "platform/ksu_log.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
+#include "private_file.h"
 #include "unload.h"
 
 namespace {
 
 const time_t kRotationCheckSeconds = 1;
+const mode_t kLogFileMode = 0640;
 
 // The log file as it was opened.
 struct LogSink {
@@ -45,15 +50,22 @@ time_t monotonicSeconds() {
   return now.tv_sec;
 }
 
-// Opens `path` for appending and notes its identity; false leaves `sink` as it was.
-bool openLogFile(LogSink& sink) {
-  FILE* file = std::fopen(sink.path.c_str(), "a");
-  if (file == nullptr) return false;
+// Opens `path` for appending and notes its identity; false, with why in
+// `error`, leaves `sink` as it was. Never through a symbolic link, never a
+// FIFO or device (a write would block the engine's calls), never inherited by
+// a program the engine starts; readable by the group at most.
+bool openLogFile(LogSink& sink, std::string& error) {
+  const int fd =
+      standin::openRegularFile(sink.path, O_WRONLY | O_APPEND | O_CREAT, kLogFileMode, "the log file", error);
+  if (fd < 0) return false;
   struct stat status {};
-  if (fstat(fileno(file), &status) != 0) {
-    std::fclose(file);
+  FILE* file = fstat(fd, &status) == 0 ? fdopen(fd, "a") : nullptr;
+  if (file == nullptr) {
+    error = "cannot open the log file " + sink.path + ": " + std::strerror(errno);
+    close(fd);
     return false;
   }
+  if ((status.st_mode & ~kLogFileMode & 0777) != 0) fchmod(fd, status.st_mode & kLogFileMode);
   if (sink.file != nullptr && sink.file != stderr) std::fclose(sink.file);
   sink.file = file;
   sink.device = status.st_dev;
@@ -69,10 +81,12 @@ FILE* sink(LogState& state) REQUIRES(state.mutex) {
     log.opened = true;
     const char* path = std::getenv("KSU_LOG_FILE");
     if (path != nullptr && *path != '\0') log.path = path;
-    if (log.path.empty() || !openLogFile(log)) {
+    std::string error;
+    if (!log.path.empty() && !openLogFile(log, error)) {
+      std::fprintf(stderr, "ksu_logmsg_str: %s; records go to stderr\n", error.c_str());
       log.path.clear();
-      log.file = stderr;
     }
+    if (log.path.empty()) log.file = stderr;
     log.nextCheck = monotonicSeconds() + kRotationCheckSeconds;
     return log.file;
   }
@@ -83,7 +97,8 @@ FILE* sink(LogState& state) REQUIRES(state.mutex) {
   struct stat status {};
   const bool samePath =
       stat(log.path.c_str(), &status) == 0 && status.st_dev == log.device && status.st_ino == log.inode;
-  if (!samePath) openLogFile(log);
+  std::string ignored;  // the file open keeps the records meanwhile
+  if (!samePath) openLogFile(log, ignored);
   return log.file;
 }
 

@@ -6,11 +6,16 @@
 #include <cerrno>
 #include <cstring>
 
+#include "client_identity.h"
+
 namespace standin {
 namespace {
 
 const char kSystemCaDirectory[] = "/etc/ssl/certs";
 const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
+// libmosquitto takes "tlsv1.3", "tlsv1.2" or "tlsv1.1" as the oldest version
+// it offers: "tlsv1.2" still lets the broker choose TLS 1.3.
+const char kOldestTlsVersion[] = "tlsv1.2";
 
 bool readable(const std::string& path, const char* key, std::string& error) {
   if (access(path.c_str(), R_OK) == 0) return true;
@@ -31,14 +36,15 @@ std::string mosquittoErrorText(int result, int savedErrno) {
 bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, std::string& error) {
   if (settings.tls) {
     if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
-    if (!settings.certFile.empty() && (!readable(settings.certFile, "broker_cert_file", error) ||
-                                       !readable(settings.keyFile, "broker_key_file", error))) {
+    ClientIdentity identity;
+    if (!settings.certFile.empty() && !loadClientIdentity(settings.certFile, settings.keyFile, "broker_cert_file",
+                                                          "broker_key_file", identity, error)) {
       return false;
     }
     int result =
         mosquitto_tls_set(client, fileOrNull(settings.caFile), settings.caFile.empty() ? kSystemCaDirectory : nullptr,
                           fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, nullptr, nullptr);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, kOldestTlsVersion, nullptr);
     if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client, false);
     if (result != MOSQ_ERR_SUCCESS) {
       error = "cannot set up TLS: " + mosquittoErrorText(result, errno);

@@ -15,6 +15,7 @@
 
 #include "fork_hooks.h"
 #include "guest_outbox.h"
+#include "mosquitto_library.h"
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
@@ -107,8 +108,7 @@ const ForkHooks kPublisherForkHooks = {&MqttPublisher::prepareFork, &MqttPublish
 
 MqttPublisher::MqttPublisher()
     : m_outbox(openOutbox(m_guest)), m_events(capacity()), m_wakeFd(openWakeFd()), m_retryDelay(kFirstRetryDelay) {
-  static std::once_flag libraryReady;
-  std::call_once(libraryReady, [] { mosquitto_lib_init(); });
+  useMosquittoLibrary();
   try {
     m_network = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {

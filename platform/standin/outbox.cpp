@@ -17,12 +17,19 @@
 #include "outbox_schema.h"
 #include "platform/ksu_log.h"
 #include "port/no_destructor.h"
+#include "private_directory.h"
+#include "private_file.h"
 
 namespace standin {
 namespace {
 
 const char kLogFunction[] = "NotificationSupplier";
 const int kBusyTimeoutMs = 5000;  // the sqlite3 shell of an operator reading the file
+// The outbox, its companions and the copies set aside hold alerts: the
+// engine's user's alone.
+const mode_t kPrivateFileMode = 0600;
+// An alert is a few hundred bytes.
+const int kLargestRow = 1024 * 1024;
 
 // WAL with synchronous NORMAL: a commit is a write() to the WAL, and only a
 // checkpoint syncs. Checkpoints are the outbox's own thread's, never an
@@ -82,14 +89,35 @@ std::string setAside(const std::string& path, const char* kind, std::string& err
     error = "cannot rename it aside: " + std::string(std::strerror(errno));
     return std::string();
   }
-  for (const char* suffix : {"-wal", "-shm"}) std::rename((path + suffix).c_str(), (aside + suffix).c_str());
+  chmod(aside.c_str(), kPrivateFileMode);
+  for (const char* suffix : {"-wal", "-shm"}) {
+    if (std::rename((path + suffix).c_str(), (aside + suffix).c_str()) == 0) {
+      chmod((aside + suffix).c_str(), kPrivateFileMode);
+    }
+  }
   return aside;
 }
 
+// Makes the database file, or takes the one there, as a regular file private
+// to its owner: SQLite gives its WAL and index the database's mode.
+bool preparePrivateFile(const std::string& path, std::string& error) {
+  const int fd = openRegularFile(path, O_RDWR | O_CREAT, kPrivateFileMode, "the database", error);
+  if (fd < 0) return false;
+  fchmod(fd, kPrivateFileMode);  // a file of an earlier release may be open to others
+  close(fd);
+  return true;
+}
+
 bool openConnection(const std::string& path, bool fullSync, sqlite3*& db, int& code, std::string& error) {
-  code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  if (!preparePrivateFile(path, error)) {
+    code = SQLITE_CANTOPEN;
+    return false;
+  }
+  code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
   if (code == SQLITE_OK) {
     sqlite3_extended_result_codes(db, 1);
+    // A row larger than this is no alert of ours; reading it fails.
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kLargestRow);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     code = sqlite3_exec(db, kSetUp, nullptr, nullptr, nullptr);
   }
@@ -136,18 +164,10 @@ int64_t pragmaValue(sqlite3* db, const char* pragma) {
 std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere) {
   ownedElsewhere = false;
   const std::filesystem::path file(path);
-  std::error_code made;
-  if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), made);
-  if (made) {
-    error = "cannot create its directory " + file.parent_path().string() + ": " + made.message();
-    return nullptr;
-  }
+  if (file.has_parent_path() && !usePrivateDirectory(file.parent_path().string(), error)) return nullptr;
   const std::string lockPath = path + ".lock";
-  const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (lockFd < 0) {
-    error = "cannot write " + lockPath + ": " + std::strerror(errno);
-    return nullptr;
-  }
+  const int lockFd = openRegularFile(lockPath, O_RDWR | O_CREAT, kPrivateFileMode, "the lock file", error);
+  if (lockFd < 0) return nullptr;
   if (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
     const int saved = errno;
     close(lockFd);

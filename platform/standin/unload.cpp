@@ -2,6 +2,8 @@
 // or when the process exits with no publisher left.
 #include "unload.h"
 
+#include "mosquitto_library.h"
+
 namespace standin {
 namespace {
 
@@ -11,6 +13,7 @@ struct ReleaseAtUnload {
     if (!releasePublisherRegistry()) return;
     releaseConfigSnapshot();
     releaseLogSink();
+    releaseMosquittoLibrary();
   }
 } g_releaseAtUnload;
 

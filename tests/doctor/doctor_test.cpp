@@ -24,7 +24,7 @@
 namespace {
 
 // The checks in the order the doctor reports them.
-const char kCheckIds[] = "config master-name rest daemon broker log outbox";
+const char kCheckIds[] = "config master-name rest daemon broker log outbox certificate broker-certificate plaintext";
 
 const char kAllWell[] =
     "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n";
@@ -67,6 +67,37 @@ class DoctorTest : public ::testing::Test {
     return integration::runProgram(KSCDP_DOCTOR_PATH " " + std::string(arguments));
   }
 
+  // Checks a --json run: every check in order with the `statuses`, an action
+  // for every warning and failure, the exit status, and the first failure's
+  // or warning's detail and action holding `firstProblem` ("-": anything).
+  static void expectReport(const DoctorRun& run, const std::string& expectedStatuses, const std::string& problem) {
+    EXPECT_LT(run.seconds, 10.0);
+    const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
+    ASSERT_NE(document, nullptr) << run.output;
+    json_t* checks = json_object_get(document.get(), "checks");
+    std::string ids, statuses, firstProblem;
+    for (size_t i = 0; i < json_array_size(checks); ++i) {
+      json_t* check = json_array_get(checks, i);
+      const std::string status = json_string_value(json_object_get(check, "status"));
+      ids += (i == 0 ? "" : " ") + std::string(json_string_value(json_object_get(check, "id")));
+      statuses += (i == 0 ? "" : " ") + status;
+      // Every warning and failure says what to do.
+      EXPECT_EQ(json_object_get(check, "action") != nullptr, status == "failed" || status == "warning") << run.output;
+      if ((status == "failed" || status == "warning") && firstProblem.empty()) {
+        firstProblem = std::string(json_string_value(json_object_get(check, "detail"))) + " " +
+                       json_string_value(json_object_get(check, "action"));
+      }
+    }
+    EXPECT_EQ(ids, kCheckIds);
+    EXPECT_EQ(statuses, expectedStatuses) << run.output;
+    const bool failed = statuses.find("failed") != std::string::npos;
+    EXPECT_EQ(run.exitStatus, failed ? 1 : 0);
+    EXPECT_EQ(json_is_true(json_object_get(document.get(), "ok")), !failed);
+    if (problem != "-") {
+      EXPECT_NE(firstProblem.find(problem), std::string::npos) << firstProblem;
+    }
+  }
+
   master_sim::MasterSimulator m_master;
   master_sim::MasterSimulator m_otherReleaseMaster{[] {
     master_sim::MasterSimulatorOptions otherRelease;
@@ -85,33 +116,7 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
     } else {
       integration::removeConfig();
     }
-    const DoctorRun run = runDoctor("--json");
-    EXPECT_LT(run.seconds, 10.0);
-
-    const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
-    ASSERT_NE(document, nullptr) << run.output;
-    json_t* checks = json_object_get(document.get(), "checks");
-    std::string ids, statuses, firstProblem;
-    for (size_t i = 0; i < json_array_size(checks); ++i) {
-      json_t* check = json_array_get(checks, i);
-      const std::string status = json_string_value(json_object_get(check, "status"));
-      ids += (i == 0 ? "" : " ") + std::string(json_string_value(json_object_get(check, "id")));
-      statuses += (i == 0 ? "" : " ") + status;
-      // Every warning and failure says what to do.
-      EXPECT_EQ(json_object_get(check, "action") != nullptr, status == "failed" || status == "warning") << run.output;
-      if ((status == "failed" || status == "warning") && firstProblem.empty()) {
-        firstProblem = std::string(json_string_value(json_object_get(check, "detail"))) + " " +
-                       json_string_value(json_object_get(check, "action"));
-      }
-    }
-    EXPECT_EQ(ids, kCheckIds);
-    EXPECT_EQ(statuses, test[1]) << run.output;
-    const bool failed = statuses.find("failed") != std::string::npos;
-    EXPECT_EQ(run.exitStatus, failed ? 1 : 0);
-    EXPECT_EQ(json_is_true(json_object_get(document.get(), "ok")), !failed);
-    if (test[2] != "-") {
-      EXPECT_NE(firstProblem.find(fill(test[2])), std::string::npos) << firstProblem;
-    }
+    expectReport(runDoctor("--json"), test[1], fill(test[2]));
   }
   for (const master_sim::RecordedRequest& request : m_master.requests()) EXPECT_EQ(request.method, "GET");
 }
@@ -239,6 +244,34 @@ TEST_F(DoctorTest, AnOutboxDirectoryTheEngineCanMakeIsOk) {
     EXPECT_NE(check.detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << check.detail;
   }
   EXPECT_FALSE(std::filesystem::exists(integration::scratchPath("fresh")));
+}
+
+TEST_F(DoctorTest, JudgesTheHostsCertificatesAndPresentsThemToAMasterThatAuthenticatesItsHosts) {
+  const std::string dir = integration::scratchPath("doctor-tls");
+  const std::string make = "bash " KSCDP_SCRIPTS_DIR "/make-certs.sh " + dir + " && cp " + dir + "/client.key " + dir +
+                           "/open.key && chmod 644 " + dir + "/open.key";
+  ASSERT_EQ(std::system(("(" + make + ") >/dev/null 2>&1").c_str()), 0) << make;
+  master_sim::MasterSimulatorOptions options;
+  options.tlsCertFile = dir + "/master.pem";
+  options.tlsKeyFile = dir + "/master.key";
+  options.clientCaFile = dir + "/ca.pem";
+  master_sim::MasterSimulator master(options);
+  ASSERT_TRUE(master.start());
+  for (const cases::Row& test : cases::read("doctor_tls.cases")) {
+    const auto fillTls = [&](std::string text) {
+      for (const auto& [name, value] :
+           {std::make_pair(std::string("{dir}"), dir), std::make_pair(std::string("{tls}"), master.url())}) {
+        for (size_t at = text.find(name); at != std::string::npos; at = text.find(name))
+          text.replace(at, name.size(), value);
+      }
+      return text;
+    };
+    SCOPED_TRACE(test[0]);
+    writeConfig("server = 127.0.0.1\nhost_name = cdp-host\nrest_url = " + master.url() + "\nksqd_url = " +
+                master.url() + "\nbroker = {broker}\nca_file = " + dir + "/ca.pem\n" + fillTls(test[0]));
+    expectReport(runDoctor("--json"), test[1], fillTls(test[2]));
+  }
+  for (const master_sim::RecordedRequest& request : master.requests()) EXPECT_EQ(request.method, "GET");
 }
 
 TEST_F(DoctorTest, UnknownArgumentIsBadUsage) { EXPECT_EQ(runDoctor("--no-such-option 2>/dev/null").exitStatus, 2); }

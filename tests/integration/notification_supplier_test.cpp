@@ -415,7 +415,8 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
       "'subjectAltName=IP:127.0.0.1\\n' >san && for name in broker client; do openssl req -newkey rsa:2048 -nodes " +
       "-keyout $name.key -out $name.csr -subj /CN=$name && openssl x509 -req -in $name.csr -CA ca.pem -CAkey ca.key " +
       "-CAcreateserial -out $name.pem -days 2 -extfile san || exit; done && mosquitto_passwd -c -b users kscdp " +
-      "right && echo right >right && echo wrong >wrong && cp right open && chmod 600 right wrong && chmod 644 open";
+      "right && echo right >right && echo wrong >wrong && cp right open && cp right group && ln -sf right link && " +
+      "chmod 600 right wrong && chmod 644 open && chmod 640 group";
   ASSERT_EQ(std::system(("(" + make + ") >/dev/null 2>&1").c_str()), 0) << make;
   const MosquittoBroker::Options tls{false, dir + "/broker.pem", dir + "/broker.key", dir + "/ca.pem", dir + "/users"};
   BrokerWithSubscriber rig(tls, "none");

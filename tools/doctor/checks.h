@@ -22,13 +22,24 @@ CheckResult checkMasterName(const Configuration& configuration, bool& resolves);
 CheckResult checkRestInterface(const Configuration& configuration, bool masterResolves);
 
 // Whether the request daemon's address accepts a TCP connection; nothing is
-// sent over it.
+// sent over it. Over https, a TLS handshake presenting the host's certificate
+// follows, and a GET of the daemon's root, which starts nothing.
 CheckResult checkRequestDaemon(const Configuration& configuration, bool masterResolves);
 
 // An MQTT connection to the broker with the configured TLS and credentials,
 // and with `sendTestAlert` one test event published over it: one result, or
 // two with the test alert.
 std::vector<CheckResult> checkBroker(const Configuration& configuration, bool masterResolves, bool sendTestAlert);
+
+// The host's certificate (cert_file, key_file), and the broker's client
+// certificate (broker_cert_file, broker_key_file): readable, the key private
+// and the certificate's own, a warning within 30 days of its end, a failure
+// after it.
+CheckResult checkHostCertificate(const Configuration& configuration);
+CheckResult checkBrokerCertificate(const Configuration& configuration);
+
+// A warning naming every link in use that is not TLS.
+CheckResult checkPlaintextLinks(const Configuration& configuration);
 
 // Whether the library can append to KSU_LOG_FILE.
 CheckResult checkLogFile();

@@ -1,8 +1,10 @@
-// The request daemon's address: a TCP connection, opened and closed at once.
-// Nothing is sent, so no backup can ever start from here.
+// The request daemon's address: a TCP connection, opened and closed at once,
+// and over https a handshake and a GET of its root. No request of the
+// daemon's is ever sent, so no backup can start from here.
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,7 +12,10 @@
 #include <cstring>
 
 #include "checks.h"
+#include "platform/standin/curl_exchange.h"
+#include "platform/standin/http_settings.h"
 #include "platform/standin/ksqd_url.h"
+#include "platform/standin/protocol.h"
 #include "url_parts.h"
 
 namespace doctor {
@@ -61,6 +66,24 @@ int connectWithin(const UrlParts& where, std::string& resolveError) {
   return error;
 }
 
+// Over https: the handshake as a request would make it, with the host's
+// certificate, and a GET of the daemon's root, which starts nothing.
+CheckResult checkHandshake(const Configuration& configuration, const std::string& requestUrl) {
+  const std::string root = requestUrl.substr(0, requestUrl.rfind(standin::kDaemonPath)) + "/";
+  standin::CurlSettings settings = standin::httpSettings(configuration).curl;
+  settings.connectTimeoutSeconds = kConnectMilliseconds / 1000;
+  settings.timeoutSeconds = kConnectMilliseconds / 1000 + 1;
+  standin::CurlExchange exchange;
+  if (exchange.perform(nullptr, root, nullptr, settings) != CURLE_OK) {
+    return failedResult(kId, kTitle, "GET " + root + ": " + exchange.errorText(),
+                        "set ca_file to the CA bundle that signed the daemon's certificate, and cert_file and "
+                        "key_file to the host's certificate that the master's CA signed");
+  }
+  return okResult(kId, kTitle,
+                  "GET " + root + " answered HTTP " + std::to_string(exchange.responseCode()) +
+                      " over TLS, the host's certificate presented (no backup was started)");
+}
+
 }  // namespace
 
 CheckResult checkRequestDaemon(const Configuration& configuration, bool masterResolves) {
@@ -82,6 +105,7 @@ CheckResult checkRequestDaemon(const Configuration& configuration, bool masterRe
   const std::string address = where.host + ":" + std::to_string(where.port);
   std::string resolveError;
   const int error = connectWithin(where, resolveError);
+  if (error == 0 && strncasecmp(url.c_str(), "https:", 6) == 0) return checkHandshake(configuration, url);
   if (error == 0) return okResult(kId, kTitle, address + " accepts connections (nothing was sent)");
   if (error < 0) {
     return failedResult(kId, kTitle, where.host + " does not resolve: " + resolveError,

@@ -29,7 +29,8 @@ std::string directoryOf(const std::string& path) {
 // problem is the file's directory.
 int writableProblem(const std::string& path, int flags, bool& inDirectory) {
   inDirectory = false;
-  const int fd = open(path.c_str(), flags | O_NOCTTY | O_CLOEXEC);
+  // As the library opens them: never through a symbolic link, never waiting on a FIFO.
+  const int fd = open(path.c_str(), flags | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd >= 0) {
     close(fd);
     return 0;

@@ -21,8 +21,9 @@ const int kBadUsage = 2;
 const char kUsage[] =
     "usage: kscdp-doctor [--json] [--send-test-alert]\n"
     "Checks the configuration file (KEEPSTONE_CONF), the master's name, its REST jobs\n"
-    "interface, the request daemon, the broker, the log file (KSU_LOG_FILE) and the\n"
-    "alert outbox. Never starts a backup.\n"
+    "interface, the request daemon, the broker, the log file (KSU_LOG_FILE), the\n"
+    "alert outbox, the client certificates and the links in the clear. Never starts\n"
+    "a backup.\n"
     "  --json             print the results as one JSON document\n"
     "  --send-test-alert  publish one test alert to the broker\n";
 
@@ -44,6 +45,9 @@ std::vector<doctor::CheckResult> runChecks(const Options& options) {
   }
   results.push_back(doctor::checkLogFile());
   results.push_back(doctor::checkOutbox(configuration));
+  results.push_back(doctor::checkHostCertificate(configuration));
+  results.push_back(doctor::checkBrokerCertificate(configuration));
+  results.push_back(doctor::checkPlaintextLinks(configuration));
   return results;
 }
 

@@ -82,7 +82,9 @@ struct Job {
 
 struct MasterSimulator::Impl {
   explicit Impl(MasterSimulatorOptions simOptions)
-      : m_options(std::move(simOptions)), m_nextJobId(m_options.firstJobId) {}
+      : m_options(std::move(simOptions)), m_server(makeServer(m_options)), m_nextJobId(m_options.firstJobId) {}
+
+  static std::unique_ptr<httplib::Server> makeServer(const MasterSimulatorOptions& options);
 
   void addRoutes();
   // Serves until stop(); run on serverThread.
@@ -96,7 +98,7 @@ struct MasterSimulator::Impl {
   const char* stateOf(const Job& job) const REQUIRES(m_mutex);
 
   const MasterSimulatorOptions m_options;
-  httplib::Server m_server;
+  const std::unique_ptr<httplib::Server> m_server;
   std::thread m_serverThread;
   int m_port = -1;
   bool m_started = false;
@@ -114,34 +116,46 @@ struct MasterSimulator::Impl {
   std::vector<RecordedRequest> m_requests GUARDED_BY(m_mutex);
 };
 
+std::unique_ptr<httplib::Server> MasterSimulator::Impl::makeServer(const MasterSimulatorOptions& options) {
+  if (options.tlsCertFile.empty()) return std::unique_ptr<httplib::Server>(new httplib::Server);
+  auto* server = new httplib::SSLServer(options.tlsCertFile.c_str(), options.tlsKeyFile.c_str(),
+                                        options.clientCaFile.empty() ? nullptr : options.clientCaFile.c_str());
+  // A server that verifies its clients resumes their TLS sessions only within
+  // a session id context; without one OpenSSL fails every resumption.
+  static const unsigned char kSessionContext[] = "kscdp-master-sim";
+  if (server->is_valid())
+    SSL_CTX_set_session_id_context(server->ssl_context(), kSessionContext, sizeof kSessionContext - 1);
+  return std::unique_ptr<httplib::Server>(server);
+}
+
 void MasterSimulator::Impl::addRoutes() {
   // Connections stay open for as many requests as a client sends.
-  m_server.set_keep_alive_max_count(1000000);
-  m_server.set_keep_alive_timeout(kKeepAliveSeconds);
+  m_server->set_keep_alive_max_count(1000000);
+  m_server->set_keep_alive_timeout(kKeepAliveSeconds);
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement.
-  m_server.set_tcp_nodelay(true);
-  m_server.Get(std::string("/") + keepstone_rest::kJobsPath + "([^/]+)",
-               [this](const httplib::Request& request, httplib::Response& response) { answerJob(request, response); });
-  m_server.Post(
+  m_server->set_tcp_nodelay(true);
+  m_server->Get(std::string("/") + keepstone_rest::kJobsPath + "([^/]+)",
+                [this](const httplib::Request& request, httplib::Response& response) { answerJob(request, response); });
+  m_server->Post(
       std::string(standin::kDaemonPath) + "([^/]+)",
       [this](const httplib::Request& request, httplib::Response& response) { answerDaemon(request, response); });
-  m_server.Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
+  m_server->Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(requestsJson(), kJsonType);
   });
-  m_server.set_post_routing_handler(
+  m_server->set_post_routing_handler(
       [this](const httplib::Request& request, httplib::Response&) { recordRequest(request); });
 }
 
 void MasterSimulator::Impl::serve() {
   // The server makes its task queue once its loop runs, when stop() can end
   // it; that is the moment start() waits for.
-  m_server.new_task_queue = [this] {
+  m_server->new_task_queue = [this] {
     announceServing();
     return new httplib::ThreadPool(m_options.threads > 0 ? static_cast<size_t>(m_options.threads)
                                                          : CPPHTTPLIB_THREAD_POOL_COUNT);
   };
-  m_server.listen_after_bind();
+  m_server->listen_after_bind();
   announceServing();  // in case the loop never ran
 }
 
@@ -265,9 +279,10 @@ bool MasterSimulator::start() {
   if (m_impl->m_started) return m_impl->m_port > 0;
   m_impl->m_started = true;
   const MasterSimulatorOptions& options = m_impl->m_options;
+  if (!m_impl->m_server->is_valid()) return false;
   if (options.port == 0) {
-    m_impl->m_port = m_impl->m_server.bind_to_any_port(options.host);
-  } else if (m_impl->m_server.bind_to_port(options.host, options.port)) {
+    m_impl->m_port = m_impl->m_server->bind_to_any_port(options.host);
+  } else if (m_impl->m_server->bind_to_port(options.host, options.port)) {
     m_impl->m_port = options.port;
   }
   if (m_impl->m_port <= 0) return false;
@@ -277,19 +292,20 @@ bool MasterSimulator::start() {
   port::MutexLock lock(m_impl->m_servingMutex);
   m_impl->m_servingAnnounced.wait(m_impl->m_servingMutex,
                                   [this]() REQUIRES(m_impl->m_servingMutex) { return m_impl->m_serverLoopEntered; });
-  return m_impl->m_server.is_running();
+  return m_impl->m_server->is_running();
 }
 
 void MasterSimulator::stop() {
   if (!m_impl->m_serverThread.joinable()) return;
-  m_impl->m_server.stop();
+  m_impl->m_server->stop();
   m_impl->m_serverThread.join();
 }
 
 int MasterSimulator::port() const { return m_impl->m_port; }
 
 std::string MasterSimulator::url() const {
-  return "http://" + m_impl->m_options.host + ":" + std::to_string(m_impl->m_port);
+  return (m_impl->m_options.tlsCertFile.empty() ? "http://" : "https://") + m_impl->m_options.host + ":" +
+         std::to_string(m_impl->m_port);
 }
 
 int64_t MasterSimulator::createJob(const std::string& policy) {

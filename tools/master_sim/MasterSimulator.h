@@ -49,6 +49,12 @@ struct MasterSimulatorOptions {
   // small host). A client's open connection holds one while it is kept
   // alive, so a simulator serving many engines at once needs as many.
   int threads = 0;
+  // With a PEM certificate and key, both interfaces are served over HTTPS
+  // only; with a CA bundle besides, only to clients presenting a certificate
+  // it signed, as a master that authenticates its hosts.
+  std::string tlsCertFile;
+  std::string tlsKeyFile;
+  std::string clientCaFile;
 };
 
 struct RecordedRequest {
@@ -68,7 +74,8 @@ class MasterSimulator {
   MasterSimulator& operator=(const MasterSimulator&) = delete;
 
   // Binds and serves on a thread of its own; returns once requests are being
-  // answered, or false when the address cannot be bound. A simulator starts
+  // answered, or false when the address cannot be bound or the TLS files
+  // cannot be used. A simulator starts
   // once: after stop() it stays stopped.
   bool start();
   // Closes the listening socket, lets the answers under way finish and waits
@@ -77,7 +84,7 @@ class MasterSimulator {
   void stop();
 
   int port() const;         // the bound port, valid after a successful start()
-  std::string url() const;  // "http://<host>:<port>"
+  std::string url() const;  // "http://<host>:<port>", "https://..." with TLS
 
   // Starts a job for `policy` as a daemon request would, and returns its id.
   int64_t createJob(const std::string& policy);

@@ -18,6 +18,7 @@ const char kUsage[] =
     "                        [--fail-policy NAME=HTTP_STATUS[:DAEMON_STATUS]]...\n"
     "                        [--policy-not-json NAME]... [--policy-too-large NAME]...\n"
     "                        [--threads N]\n"
+    "                        [--tls-cert PEM --tls-key PEM [--client-ca PEM]]\n"
     "  --port 0 (the default) picks a free port.\n";
 
 bool parseNumber(const char* text, long long& value) {
@@ -84,6 +85,12 @@ bool parseOptions(int argc, char** argv, master_sim::MasterSimulatorOptions& opt
     } else if (name == "--threads") {
       valid = parseNumber(value, number) && number >= 1 && number <= 10000;
       options.threads = static_cast<int>(number);
+    } else if (name == "--tls-cert") {
+      options.tlsCertFile = value;
+    } else if (name == "--tls-key") {
+      options.tlsKeyFile = value;
+    } else if (name == "--client-ca") {
+      options.clientCaFile = value;
     } else if (name == "--unknown-polls") {
       valid = parseNumber(value, number) && number >= 0 && number <= 1000000;
       options.jobFaults.unknownForPolls = static_cast<int>(number);
@@ -107,6 +114,11 @@ bool parseOptions(int argc, char** argv, master_sim::MasterSimulatorOptions& opt
       std::fprintf(stderr, "kscdp-master-sim: bad value for %s: %s\n", name.c_str(), value);
       return false;
     }
+  }
+  if (options.tlsCertFile.empty() != options.tlsKeyFile.empty() ||
+      (options.tlsCertFile.empty() && !options.clientCaFile.empty())) {
+    std::fprintf(stderr, "kscdp-master-sim: --tls-cert and --tls-key go together; --client-ca needs both\n");
+    return false;
   }
   return true;
 }
@@ -132,7 +144,8 @@ int main(int argc, char** argv) {
   master_sim::MasterSimulator simulator(options);
   for (const PolicySetting& setting : policies) simulator.setPolicyFaults(setting.policy, setting.faults);
   if (!simulator.start()) {
-    std::fprintf(stderr, "kscdp-master-sim: cannot listen on %s:%d\n", options.host.c_str(), options.port);
+    std::fprintf(stderr, "kscdp-master-sim: cannot listen on %s:%d%s\n", options.host.c_str(), options.port,
+                 options.tlsCertFile.empty() ? "" : " (or cannot use the TLS certificate, key or client CA)");
     return 1;
   }
   std::printf("kscdp-master-sim: listening on %s\n", simulator.url().c_str());
