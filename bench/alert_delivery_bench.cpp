@@ -5,6 +5,7 @@
 // the publisher's in-flight window. Each alert names a VM of its own, so each
 // payload is distinct and a missing one shows in the count.
 #include <benchmark/benchmark.h>
+#include <kscdp/backup_engine.h>
 #include <mosquitto.h>
 
 #include <algorithm>
@@ -14,7 +15,6 @@
 #include <string>
 
 #include "benchmark_program.h"
-#include "engine/backup_engine.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/standin/protocol.h"

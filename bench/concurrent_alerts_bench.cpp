@@ -10,6 +10,7 @@
 //                    an earlier run left while the broker was away, and the
 //                    disk those events take per event.
 #include <benchmark/benchmark.h>
+#include <kscdp/backup_engine.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,7 +23,6 @@
 #include <vector>
 
 #include "benchmark_program.h"
-#include "engine/backup_engine.h"
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
 #include "standin_files.h"

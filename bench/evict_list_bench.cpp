@@ -3,14 +3,13 @@
 // std::priority_queue holding the same records in the same order under the
 // same max-heap on vm_size.
 #include <benchmark/benchmark.h>
+#include <kscdp/eviction_data.h>
 
 #include <cstdint>
 #include <memory>
 #include <queue>
 #include <random>
 #include <vector>
-
-#include "engine/eviction_data.h"
 
 namespace {
 

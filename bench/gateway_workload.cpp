@@ -1,9 +1,10 @@
 #include "gateway_workload.h"
 
+#include <kscdp/backup_engine.h>
+
 #include <cstdio>
 #include <stdexcept>
 
-#include "engine/backup_engine.h"
 #include "fake_platform.h"
 
 namespace bench {

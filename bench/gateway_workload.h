@@ -3,7 +3,7 @@
 #ifndef KSCDP_BENCH_GATEWAY_WORKLOAD_H_
 #define KSCDP_BENCH_GATEWAY_WORKLOAD_H_
 
-#include "engine/eviction_data.h"
+#include <kscdp/eviction_data.h>
 
 namespace bench {
 

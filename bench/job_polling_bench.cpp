@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <jansson.h>
+#include <kscdp/backup_engine.h>
 
 #include <cstdio>
 #include <cstring>
@@ -21,7 +22,6 @@
 #include <vector>
 
 #include "benchmark_program.h"
-#include "engine/backup_engine.h"
 #include "master_sim/MasterSimulator.h"
 #include "rest/KeepstoneRestApi.h"
 #include "standin_files.h"

@@ -21,8 +21,8 @@ install(TARGETS kscdp kscdp_platform
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(TARGETS kscdp-master-sim kscdp-engine-sim kscdp-doctor
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES engine/eviction_data.h engine/backup_engine.h engine/kscdp_export.h engine/release_string.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kscdp COMPONENT dev)
+install(DIRECTORY include/kscdp
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 # pkg-config: the prefix relative to the file's own directory.
 file(RELATIVE_PATH KSCDP_PC_TO_PREFIX

@@ -1,8 +1,7 @@
 // The engine's four calls. Each makes a gateway, runs one operation and turns
 // whatever goes wrong into a log line and its result: no exception leaves.
-#include "engine/backup_engine.h"
-
 #include <cxxabi.h>
+#include <kscdp/backup_engine.h>
 
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>

@@ -1,7 +1,7 @@
 // The engine's VM lists. All memory of the lists comes from cct_malloc and
 // goes back through cct_free; the VM records are the engine's and are never
 // allocated, copied or released here.
-#include "engine/eviction_data.h"
+#include <kscdp/eviction_data.h>
 
 #include <cstddef>
 

@@ -6,6 +6,7 @@
 // end of a run no list memory and no HTTP client may be left, and whatever
 // else was not released (a daemon answer, say) LeakSanitizer reports.
 #include <fuzzer/FuzzedDataProvider.h>
+#include <kscdp/backup_engine.h>
 
 #include <algorithm>
 #include <array>
@@ -14,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "engine/backup_engine.h"
 #include "fake_platform.h"
 #include "fault_script.h"
 #include "fuzz_check.h"

@@ -3,9 +3,9 @@
 #ifndef KSCDP_FUZZ_VM_LISTS_H_
 #define KSCDP_FUZZ_VM_LISTS_H_
 
-#include <vector>
+#include <kscdp/eviction_data.h>
 
-#include "engine/eviction_data.h"
+#include <vector>
 
 namespace fuzz {
 

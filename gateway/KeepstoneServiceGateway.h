@@ -5,10 +5,10 @@
 #ifndef KSCDP_GATEWAY_KEEPSTONESERVICEGATEWAY_H_
 #define KSCDP_GATEWAY_KEEPSTONESERVICEGATEWAY_H_
 
+#include <kscdp/eviction_data.h>
+
 #include <boost/shared_ptr.hpp>
 #include <string>
-
-#include "engine/eviction_data.h"
 
 class AlertServiceData;
 

@@ -4,7 +4,8 @@
 #ifndef KSCDP_REST_SERVICECODES_H_
 #define KSCDP_REST_SERVICECODES_H_
 
-#include "engine/backup_engine.h"
+#include <kscdp/backup_engine.h>
+
 #include "platform/ksu_log.h"
 
 // Codes of KSServiceException, the results the engine sees (named for it in

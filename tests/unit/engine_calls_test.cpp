@@ -1,5 +1,6 @@
 // The engine's four calls through the gateway, over the fake platform.
 #include <gtest/gtest.h>
+#include <kscdp/backup_engine.h>
 
 #include <chrono>
 #include <cstring>
@@ -12,7 +13,6 @@
 #include <vector>
 
 #include "case_table.h"
-#include "engine/backup_engine.h"
 #include "fake_platform.h"
 
 namespace {

@@ -1,6 +1,5 @@
-#include "engine/eviction_data.h"
-
 #include <gtest/gtest.h>
+#include <kscdp/eviction_data.h>
 
 #include <algorithm>
 #include <cstring>

@@ -3,9 +3,9 @@
 #ifndef KSCDP_TOOLS_ENGINE_SIM_ENGINE_LIBRARY_H_
 #define KSCDP_TOOLS_ENGINE_SIM_ENGINE_LIBRARY_H_
 
-#include <string>
+#include <kscdp/backup_engine.h>
 
-#include "engine/backup_engine.h"
+#include <string>
 
 struct EngineLibrary {
   decltype(&::initialize_evlist) initialize_evlist = nullptr;

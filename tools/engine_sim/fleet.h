@@ -2,10 +2,10 @@
 #ifndef KSCDP_TOOLS_ENGINE_SIM_FLEET_H_
 #define KSCDP_TOOLS_ENGINE_SIM_FLEET_H_
 
+#include <kscdp/eviction_data.h>
+
 #include <cstdint>
 #include <vector>
-
-#include "engine/eviction_data.h"
 
 // `count` zeroed records with a 32-hex-digit vm_id, a size in MiB between
 // 8 GiB and 2 TiB, one of a few policies and evict_type 1.
