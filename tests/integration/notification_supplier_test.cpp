@@ -343,6 +343,25 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
   EXPECT_EQ(count("cannot rollback"), 0u) << "a removal's failure must keep its reason: " << logged;
 }
 
+// A burst the broker keeps up with still leaves free pages behind in the
+// outbox; they go back to the file system once it is drained.
+TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack) {
+  BrokerWithSubscriber rig(kKeepSessions);
+  Messages sent;
+  {
+    NotificationSupplier supplier;
+    for (int n = 1; n <= 20000; ++n) {
+      NotificationEvent event = numbered(n);
+      event.attributes["note"] = std::string(1000, 'n');
+      ASSERT_EQ(supplier.send_notification(event), 0);
+      sent.push_back(standin::notificationPayload(event));
+    }
+    ASSERT_EQ(rig.receivedOnce(sent), sent);
+    supplier.shutdown();
+  }
+  EXPECT_LE(outboxBytes(testOutbox()), 1 << 20);
+}
+
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
   const std::string dir = integration::scratchPath("");
   const auto fill = [&dir](std::string text, const std::string& path) {
