@@ -45,9 +45,14 @@ void raiseAlert() {
   raise_backup_alert(vmId, kIoErrorAlert, "");
 }
 
-void configure(bool outbox) {
+// Where the publisher keeps the alerts it accepted.
+enum class Storage { kMemory, kOutbox, kOutboxSyncedEach };
+
+void configure(Storage storage) {
+  const std::string outbox = storage == Storage::kMemory ? "none" : g_world.files->scratchPath("outbox.db");
   g_world.files->writeConfig("server = 127.0.0.1\nhost_name = bench-host\nbroker = " + g_world.broker->address() +
-                             "\noutbox = " + (outbox ? g_world.files->scratchPath("outbox.db") : "none") + "\n");
+                             "\noutbox = " + outbox + "\n" +
+                             (storage == Storage::kOutboxSyncedEach ? "outbox_sync = full\n" : ""));
 }
 
 size_t receivedSoFar() { return g_world.subscriber->waitForCount(0, std::chrono::milliseconds(0)).size(); }
@@ -68,11 +73,11 @@ size_t waitForEveryAlert() {
 
 // A fresh publisher per repetition; its first alert starts it and its
 // connection outside the measurement, and stop_alert_thread ends it.
-void LibraryAlerts(benchmark::State& state, bool outbox) {
+void LibraryAlerts(benchmark::State& state, Storage storage) {
   double missing = 0;
   double raiseSeconds = 0;
   for (auto _ : state) {
-    configure(outbox);
+    configure(storage);
     raiseAlert();
     waitForEveryAlert();
     const auto start = Clock::now();
@@ -87,8 +92,9 @@ void LibraryAlerts(benchmark::State& state, bool outbox) {
   state.SetItemsProcessed(state.iterations() * kAlertCount);
 }
 
-void OutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, true); }
-void MemoryAlertDelivery(benchmark::State& state) { LibraryAlerts(state, false); }
+void OutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutbox); }
+void MemoryAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kMemory); }
+void FullSyncOutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutboxSyncedEach); }
 
 // libmosquitto's own threaded client, publishing the captured payloads.
 void BareMosquittoDelivery(benchmark::State& state) {
@@ -128,6 +134,13 @@ void NineRepetitions(benchmark::internal::Benchmark* contender) {
 BENCHMARK(OutboxAlertDelivery)->Apply(NineRepetitions);
 BENCHMARK(MemoryAlertDelivery)->Apply(NineRepetitions);
 BENCHMARK(BareMosquittoDelivery)->Apply(NineRepetitions);
+// A sync per alert takes the disk's time: three repetitions tell its cost.
+BENCHMARK(FullSyncOutboxAlertDelivery)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 
 }  // namespace
 
@@ -143,7 +156,7 @@ int main(int argc, char** argv) {
     g_world = World{&files, &broker, &subscriber, {}};
     // One round outside the measurement warms everything up and gives the
     // bare client its payloads.
-    configure(false);
+    configure(Storage::kMemory);
     for (int i = 0; i < kAlertCount; ++i) raiseAlert();
     if (waitForEveryAlert() != g_raised) throw std::runtime_error("the warm-up alerts did not all arrive");
     stop_alert_thread();
