@@ -42,7 +42,7 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
   body.clear();
   last.reset();  // its handle goes back to the pool, for the next exchange to take
   if (!urlProblem.empty()) {
-    ksu_logmsg_str(16, function, urlProblem);
+    ksu_logmsg_str(FAILURE_LEVEL, function, urlProblem);
     return CURLE_UNSUPPORTED_PROTOCOL;
   }
   last.reset(new standin::CurlExchange);
@@ -52,7 +52,7 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
     headersReady = headersReady && last->addHeader("Content-Type: application/json") && last->addHeader("Expect:");
   }
   if (!headersReady) {
-    ksu_logmsg_str(16, function, "No memory for the headers of a request to " + baseUrl + "/" + path);
+    ksu_logmsg_str(FAILURE_LEVEL, function, "No memory for the headers of a request to " + baseUrl + "/" + path);
     return CURLE_OUT_OF_MEMORY;
   }
   const CURLcode result = last->perform(function, baseUrl + "/" + path, payload, settings);

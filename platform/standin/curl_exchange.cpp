@@ -52,7 +52,8 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   if (presentsCertificate &&
       !loadClientIdentity(settings.certFile, settings.keyFile, "cert_file", "key_file", identity, m_errorText)) {
     if (function != nullptr) {
-      ksu_logmsg_str(16, function, std::string(postBody != nullptr ? "POST " : "GET ") + url + ": " + m_errorText);
+      ksu_logmsg_str(FAILURE_LEVEL, function,
+                     std::string(postBody != nullptr ? "POST " : "GET ") + url + ": " + m_errorText);
     }
     return CURLE_SSL_CERTPROBLEM;
   }
@@ -105,7 +106,7 @@ CURLcode CurlExchange::perform(const char* function, const std::string& url, con
   }
   m_body.text.clear();
   if (function != nullptr) {
-    ksu_logmsg_str(16, function,
+    ksu_logmsg_str(FAILURE_LEVEL, function,
                    std::string(postBody != nullptr ? "POST " : "GET ") + url + " failed: " + m_errorText +
                        " (libcurl error " + std::to_string(result) + ")");
   }

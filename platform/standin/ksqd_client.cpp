@@ -58,7 +58,7 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   std::string url;
   std::string problem;
   if (!standin::ksqdRequestUrl(config->values, masterServer, kind, url, problem)) {
-    ksu_logmsg_str(16, kFunction, problem);
+    ksu_logmsg_str(FAILURE_LEVEL, kFunction, problem);
     return -static_cast<int>(CURLE_UNSUPPORTED_PROTOCOL);
   }
   const standin::CurlSettings settings = standin::httpSettings(*config).curl;
@@ -95,11 +95,12 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
 extern "C" int invoke_ksqd_cct_request(const char* master_server, int kind, const char* request, char** answer) {
   try {
     if (master_server == nullptr || request == nullptr || answer == nullptr) {
-      ksu_logmsg_str(16, kFunction, "Refused: the master server, the request and the answer pointer must not be null");
+      ksu_logmsg_str(FAILURE_LEVEL, kFunction,
+                     "Refused: the master server, the request and the answer pointer must not be null");
       return EINVAL;
     }
     if (std::strpbrk(master_server, "\r\n") != nullptr) {
-      ksu_logmsg_str(16, kFunction, "Refused: the master server name holds a line break");
+      ksu_logmsg_str(FAILURE_LEVEL, kFunction, "Refused: the master server name holds a line break");
       return EINVAL;
     }
     return submit(master_server, kind, request, answer);
