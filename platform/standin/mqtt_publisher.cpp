@@ -107,7 +107,10 @@ const ForkHooks kPublisherForkHooks = {&MqttPublisher::prepareFork, &MqttPublish
                                        &MqttPublisher::childAfterFork};
 
 MqttPublisher::MqttPublisher()
-    : m_outbox(openOutbox(m_guest)), m_events(capacity()), m_wakeFd(openWakeFd()), m_retryDelay(kFirstRetryDelay) {
+    : m_outbox(openOutbox(m_guest)),
+      m_events(capacity()),
+      m_wakeFd(openWakeFd()),
+      m_rotation(kFirstRetryDelay, kLongestRetryDelay) {
   useMosquittoLibrary();
   try {
     m_network = std::thread(&MqttPublisher::run, this);
@@ -362,13 +365,11 @@ void MqttPublisher::connect(Clock::time_point now) {
   BrokerSettings settings;
   std::string error;
   if (!brokerSettings(*currentConfig(), settings, error)) {
-    m_entries = 1;
+    m_rotation.entryToTry(1);
     connectionFailed("no broker to publish to: " + error);
     return;
   }
-  m_entries = settings.addresses.size();
-  if (m_entry >= m_entries) m_entry = 0;  // the list became shorter
-  const BrokerAddress& address = settings.addresses[m_entry];
+  const BrokerAddress& address = settings.addresses[m_rotation.entryToTry(settings.addresses.size())];
   m_broker = brokerText(address);
   m_client = mosquitto_new(nullptr, true, this);
   if (m_client == nullptr) {
@@ -472,14 +473,7 @@ void MqttPublisher::connectionFailed(const std::string& what) {
   m_outageLogged = true;
   m_tlsFailure.clear();
   closeClient();
-  m_entry = (m_entry + 1) % m_entries;
-  if (++m_failedInRound < m_entries) {
-    m_nextAttempt = Clock::now();
-    return;
-  }
-  m_failedInRound = 0;
-  m_nextAttempt = Clock::now() + m_retryDelay;
-  m_retryDelay = std::min<Clock::duration>(m_retryDelay * 2, kLongestRetryDelay);
+  m_nextAttempt = Clock::now() + m_rotation.attemptFailed();
 }
 
 void MqttPublisher::closeClient() {
@@ -521,8 +515,7 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
     }
     publisher->m_connected = true;
     publisher->m_outageLogged = false;
-    publisher->m_failedInRound = 0;
-    publisher->m_retryDelay = kFirstRetryDelay;
+    publisher->m_rotation.connected();
     const std::string& left = publisher->m_lastReached;
     if (left.empty() || left == publisher->m_broker) {
       ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connected to broker " + publisher->m_broker);

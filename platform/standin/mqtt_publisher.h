@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "broker_rotation.h"
 #include "broker_settings.h"
 #include "guest_outbox.h"
 #include "outbox.h"
@@ -29,12 +30,9 @@ namespace standin {
 // after a lost connection, everything not acknowledged is sent again (so the
 // broker may see a payload twice, never lose one).
 //
-// With a list of brokers (a cluster's nodes), the publisher connects to the
-// first that answers, in the order written. An entry that does not answer, or
-// whose connection is lost, gives way at once to the next one (wrapping
-// round); the pause between attempts comes only after a whole round failed.
-// A connection to another broker than the last one is logged at level 16,
-// naming both.
+// With a list of brokers (a cluster's nodes), BrokerRotation picks the entry
+// to try and the pause before it. A connection to another broker than the
+// last one is logged at level 16, naming both.
 //
 // With an outbox (the "outbox" key), every accepted payload is also in the
 // outbox before publish() returns and leaves it once acknowledged; what an
@@ -141,11 +139,9 @@ class MqttPublisher {
   // Owned by the network thread. A client lives for one connection attempt
   // and the connection it makes; the next attempt starts with a fresh one.
   struct mosquitto* m_client = nullptr;
-  std::string m_broker;        // "host:port" of the current or last attempt; read by stop() after the join
-  std::string m_lastReached;   // "host:port" of the last connection made; empty before the first
-  size_t m_entry = 0;          // the entry of the broker list for the current or next attempt
-  size_t m_entries = 1;        // the length of the list at the last attempt
-  size_t m_failedInRound = 0;  // attempts failed since the last connection or pause
+  std::string m_broker;       // "host:port" of the current or last attempt; read by stop() after the join
+  std::string m_lastReached;  // "host:port" of the last connection made; empty before the first
+  BrokerRotation m_rotation;
   bool m_connected = false;
   int m_refusedCode = 0;  // non-zero: the broker answered CONNECT with this refusal
   bool m_outageLogged = false;
@@ -156,7 +152,6 @@ class MqttPublisher {
   Clock::time_point m_nextAdoption;
   Clock::time_point m_connectDeadline;
   Clock::time_point m_nextAttempt;
-  Clock::duration m_retryDelay;
 };
 
 }  // namespace standin
