@@ -173,12 +173,7 @@ int MqttPublisher::publish(std::string payload) {
       return kRefusedQueueFull;
     }
     const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-    if (m_backlogLoaded) {
-      m_events.push(std::move(payload), outboxId);
-    } else {
-      if (m_firstOwnId == 0) m_firstOwnId = outboxId;
-      m_heldBeforeLoad.push_back(Outbox::Event{outboxId, std::move(payload)});
-    }
+    m_events.push(std::move(payload), outboxId);
     m_refusalLogged = false;
   }
   wake();
@@ -229,13 +224,7 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   }
   wake();
   m_network.join();
-  PendingEvents::Dropped undelivered = m_events.clear();
-  {
-    port::MutexLock lock(m_controlMutex);  // held only when the thread failed before it queued them
-    for (const Outbox::Event& event : m_heldBeforeLoad)
-      ++(event.id != 0 ? undelivered.inOutbox : undelivered.inMemoryOnly);
-    m_heldBeforeLoad.clear();
-  }
+  const PendingEvents::Dropped undelivered = m_events.clear();
   const std::string broker = m_broker.empty() ? "the broker" : "broker " + m_broker;
   const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
@@ -259,11 +248,8 @@ void MqttPublisher::startOutboxAfresh(std::string found) {
     m_outbox.reset();
   }
   // What this publisher stored went with the damaged file: store it again.
-  m_firstOwnId = 0;
-  for (Outbox::Event& event : m_heldBeforeLoad) {
-    event.id = m_outbox ? m_outbox->append(event.payload) : 0;
-    if (m_firstOwnId == 0) m_firstOwnId = event.id;
-  }
+  m_events.storeHeldAgain([this](const std::string& payload)
+                              NO_THREAD_SAFETY_ANALYSIS { return m_outbox ? m_outbox->append(payload) : 0; });
 }
 
 void MqttPublisher::loadBacklog() {
@@ -274,24 +260,19 @@ void MqttPublisher::loadBacklog() {
     if (!damage.empty()) startOutboxAfresh(damage);
   }
   // Pages are read without the control lock, so that an alert raised
-  // meanwhile waits for its own append only. The outbox is this process's
-  // alone: a row from the first id this publisher stored on is its own, and
-  // already held in memory, in the order raised.
+  // meanwhile waits for its own append only, and queued under it, which
+  // publish() holds across its append and push. Only this process writes the
+  // outbox's events: a row from the first id pushed meanwhile on is held.
   size_t backlog = 0;
   for (int64_t last = 0; m_outbox;) {
     const std::vector<Outbox::Event> page = m_outbox->waiting(last, kBacklogPage);
     port::MutexLock lock(m_controlMutex);
-    for (const Outbox::Event& event : page) {
-      if (m_firstOwnId != 0 && event.id >= m_firstOwnId) break;
-      m_events.push(event.payload, last = event.id);
-      ++backlog;
-    }
-    if (page.size() < kBacklogPage || last != page.back().id) break;
+    const size_t queued = m_events.queueBacklog(page);
+    backlog += queued;
+    if (page.size() < kBacklogPage || queued < page.size()) break;
+    last = page.back().id;
   }
-  port::MutexLock lock(m_controlMutex);
-  for (Outbox::Event& event : m_heldBeforeLoad) m_events.push(std::move(event.payload), event.id);
-  std::vector<Outbox::Event>().swap(m_heldBeforeLoad);
-  m_backlogLoaded = true;
+  m_events.releaseHeld();
   if (backlog > 0) {
     ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
                    std::to_string(backlog) + " events waiting in the outbox " + m_outbox->path() + " go out first");
@@ -317,8 +298,7 @@ void MqttPublisher::takeOverOutbox(Clock::time_point now) {
     m_guest.reset();
     outbox->adoptGuests();
     m_outbox = std::move(outbox);
-    m_backlogLoaded = false;
-    m_firstOwnId = 0;
+    m_events.holdForBacklog();
   }
   ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
                  "the outbox " + path + " is this process's now: its events go out from here");

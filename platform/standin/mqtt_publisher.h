@@ -126,12 +126,6 @@ class MqttPublisher {
   Clock::time_point m_stopDeadline GUARDED_BY(m_controlMutex);
   bool m_refusalLogged GUARDED_BY(m_controlMutex) = false;  // one log line per run of refusals
   bool m_threadEnded GUARDED_BY(m_controlMutex) = false;    // the network thread ended on a failure
-  // Until the network thread has queued what earlier publishers left in the
-  // outbox, publish() holds its events here (stored in the outbox or not),
-  // to queue after them.
-  bool m_backlogLoaded GUARDED_BY(m_controlMutex) = false;
-  std::vector<Outbox::Event> m_heldBeforeLoad GUARDED_BY(m_controlMutex);
-  int64_t m_firstOwnId GUARDED_BY(m_controlMutex) = 0;  // of the first held event the outbox stored; 0: none yet
 
   port::Mutex m_stopMutex;  // serialises stop()
   std::thread m_network;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "port/mutex.h"
+#include "stored_event.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -29,10 +30,7 @@ namespace standin {
 // owner adopts. Failures are logged at level 16 under "NotificationSupplier".
 class Outbox {
  public:
-  struct Event {
-    int64_t id;
-    std::string payload;
-  };
+  using Event = StoredEvent;
 
   // Opens the outbox at `path`, creating the file and its directory when
   // missing, and adopts what guests left beside it. A file that is not a

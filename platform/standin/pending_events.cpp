@@ -8,12 +8,50 @@ PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) {}
 
 bool PendingEvents::full() const {
   port::MutexLock lock(m_mutex);
-  return m_events.size() >= m_capacity;
+  return m_events.size() + m_held.size() >= m_capacity;
 }
 
 void PendingEvents::push(std::string payload, int64_t outboxId) {
   port::MutexLock lock(m_mutex);
-  m_events.push_back(Event{std::move(payload), outboxId, 0});
+  if (!m_holding) {
+    m_events.push_back(Event{std::move(payload), outboxId, 0});
+    return;
+  }
+  if (m_firstHeldId == 0) m_firstHeldId = outboxId;
+  m_held.push_back(StoredEvent{outboxId, std::move(payload)});
+}
+
+void PendingEvents::holdForBacklog() {
+  port::MutexLock lock(m_mutex);
+  m_holding = true;
+}
+
+size_t PendingEvents::queueBacklog(const std::vector<StoredEvent>& page) {
+  port::MutexLock lock(m_mutex);
+  size_t queued = 0;
+  for (const StoredEvent& event : page) {
+    if (m_firstHeldId != 0 && event.id >= m_firstHeldId) break;  // held already, in the order pushed
+    m_events.push_back(Event{event.payload, event.id, 0});
+    ++queued;
+  }
+  return queued;
+}
+
+void PendingEvents::storeHeldAgain(const std::function<int64_t(const std::string& payload)>& store) {
+  port::MutexLock lock(m_mutex);
+  m_firstHeldId = 0;
+  for (StoredEvent& event : m_held) {
+    event.id = store(event.payload);
+    if (m_firstHeldId == 0) m_firstHeldId = event.id;
+  }
+}
+
+void PendingEvents::releaseHeld() {
+  port::MutexLock lock(m_mutex);
+  for (StoredEvent& event : m_held) m_events.push_back(Event{std::move(event.payload), event.id, 0});
+  std::vector<StoredEvent>().swap(m_held);
+  m_firstHeldId = 0;
+  m_holding = false;
 }
 
 void PendingEvents::handOver(size_t window, const Publish& publish) {
@@ -63,7 +101,9 @@ PendingEvents::Dropped PendingEvents::clear() {
   port::MutexLock lock(m_mutex);
   Dropped dropped{0, 0};
   for (const Event& event : m_events) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
+  for (const StoredEvent& event : m_held) ++(event.id != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
   m_events.clear();
+  m_held.clear();
   m_handedOver = 0;
   return dropped;
 }

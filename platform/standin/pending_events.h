@@ -7,8 +7,10 @@
 #include <deque>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "port/mutex.h"
+#include "stored_event.h"
 
 namespace standin {
 
@@ -17,8 +19,18 @@ namespace standin {
 // are always the oldest ones and carry that connection's message id; when the
 // connection goes they wait again in their place, so nothing is lost and the
 // order holds. An event may also be in the outbox, under its outbox id (0:
-// in memory only). Thread-safe; handOver(), acknowledge(), takeBack() and
-// clear() are for one thread, the connection's.
+// in memory only).
+//
+// What an earlier run left in the outbox goes first. While that backlog
+// loads, events pushed are held back; the loader queues the backlog page by
+// page up to the first event pushed meanwhile (it is in the outbox too, under
+// a later id), then releaseHeld() queues the held events after it. A queue
+// starts out holding.
+//
+// Thread-safe; handOver(), acknowledge(), takeBack(), clear() and the
+// backlog's calls are for one thread, the connection's. A push and the
+// outbox append that gave its id must not be separated by a queueBacklog():
+// the caller holds one lock across each.
 class PendingEvents {
  public:
   // Hands one payload to the connection; fills the message id and returns
@@ -32,10 +44,22 @@ class PendingEvents {
 
   explicit PendingEvents(size_t capacity);
 
-  // True when `capacity` events are waiting: push() is for events that were
-  // accepted anyway (those the outbox kept from an earlier run).
+  // True when `capacity` events are waiting, held ones included: push() and
+  // queueBacklog() take events that were accepted anyway.
   bool full() const;
   void push(std::string payload, int64_t outboxId);
+
+  // Holds pushed events back from now on, until releaseHeld().
+  void holdForBacklog();
+  // Queues `page`, the next events of the backlog, oldest first, up to the
+  // first one that was pushed meanwhile. Returns how many it queued: fewer
+  // than the page holds once the backlog has reached the pushed ones.
+  size_t queueBacklog(const std::vector<StoredEvent>& page);
+  // Stores the held events again, each under the id `store` gives it (the
+  // outbox they were in was set aside).
+  void storeHeldAgain(const std::function<int64_t(const std::string& payload)>& store);
+  // Queues the held events after the backlog, and holds no more.
+  void releaseHeld();
   // Hands the oldest events not yet handed over to `publish`, in order, until
   // `window` events are handed over or `publish` refuses one.
   void handOver(size_t window, const Publish& publish);
@@ -45,7 +69,7 @@ class PendingEvents {
   // The connection is gone: every event handed over to it waits again.
   void takeBack();
   size_t size() const;
-  // Drops every event and returns how many there were.
+  // Drops every event, held ones included, and returns how many there were.
   Dropped clear();
 
  private:
@@ -59,6 +83,9 @@ class PendingEvents {
   mutable port::Mutex m_mutex;
   std::deque<Event> m_events GUARDED_BY(m_mutex);
   size_t m_handedOver GUARDED_BY(m_mutex) = 0;  // m_events[0, m_handedOver) are with the connection
+  bool m_holding GUARDED_BY(m_mutex) = true;
+  std::vector<StoredEvent> m_held GUARDED_BY(m_mutex);
+  int64_t m_firstHeldId GUARDED_BY(m_mutex) = 0;  // of the first held event in the outbox; 0: none yet
 };
 
 }  // namespace standin

@@ -344,7 +344,7 @@ TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
 }
 
 // A burst the broker keeps up with still leaves free pages behind in the
-// outbox; they go back to the file system once it is drained.
+// outbox; past 4 MiB they go back to the file system once it is drained.
 TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack) {
   BrokerWithSubscriber rig(kKeepSessions);
   Messages sent;
@@ -359,7 +359,7 @@ TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack)
     ASSERT_EQ(rig.receivedOnce(sent), sent);
     supplier.shutdown();
   }
-  EXPECT_LE(outboxBytes(testOutbox()), 1 << 20);
+  EXPECT_LE(outboxBytes(testOutbox()), 5 << 20);
 }
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {

@@ -28,6 +28,7 @@ struct Connection {
 
 TEST(PendingEvents, HandsOverOldestFirstWithinTheWindowAndKeepsTheUnacknowledgedInPlace) {
   standin::PendingEvents events(4);
+  events.releaseHeld();  // no backlog
   events.push("a", 11);
   events.push("b", 0);
   events.push("c", 13);
@@ -70,6 +71,28 @@ TEST(PendingEvents, HandsOverOldestFirstWithinTheWindowAndKeepsTheUnacknowledged
   events.push("f", 0);  // a cleared queue starts as a new one
   events.handOver(3, third.publish());
   EXPECT_EQ(third.given, (std::vector<std::string>{"d", "e", "f"}));
+}
+
+// What an earlier run left in the outbox goes first; events pushed while it
+// loads, in the outbox under later ids, follow it once, in the order pushed.
+TEST(PendingEvents, PutsTheBacklogAheadOfWhatWasPushedWhileItLoaded) {
+  standin::PendingEvents events(5);
+  events.push("own-0", 0);  // not stored: never taken for part of the backlog
+  events.push("own-5", 5);
+  EXPECT_EQ(events.queueBacklog({{1, "old-1"}, {2, "old-2"}}), 2u);
+  events.push("own-6", 6);
+  EXPECT_TRUE(events.full());
+  EXPECT_EQ(events.queueBacklog({{3, "old-3"}, {5, "own-5"}, {6, "own-6"}}), 1u);
+  // The outbox was set aside: what was held is stored again, from id 1.
+  int64_t next = 1;
+  events.storeHeldAgain([&next](const std::string&) { return next++; });
+  events.releaseHeld();
+  events.push("own-7", 7);
+  Connection connection{10, 1, {}};
+  events.handOver(10, connection.publish());
+  EXPECT_EQ(connection.given,
+            (std::vector<std::string>{"old-1", "old-2", "old-3", "own-0", "own-5", "own-6", "own-7"}));
+  EXPECT_EQ(events.acknowledge(5), 2);  // "own-5", stored again under id 2
 }
 
 }  // namespace
