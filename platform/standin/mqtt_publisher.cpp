@@ -13,15 +13,13 @@
 #include <system_error>
 #include <vector>
 
-#include "fork_hooks.h"
 #include "guest_outbox.h"
 #include "mosquitto_library.h"
 #include "mqtt_client_setup.h"
 #include "outbox_settings.h"
 #include "platform/ksu_log.h"
-#include "port/no_destructor.h"
 #include "protocol.h"
-#include "unload.h"
+#include "publisher_registry.h"
 
 namespace standin {
 namespace {
@@ -93,18 +91,7 @@ std::unique_ptr<Outbox> openOutbox(std::unique_ptr<GuestOutbox>& guest) {
   return nullptr;
 }
 
-// Every publisher of the process, for the fork handlers. Never destroyed:
-// the process may exit while a publisher lives.
-struct LivePublishers {
-  port::Mutex mutex;
-  std::vector<MqttPublisher*> publishers GUARDED_BY(mutex);
-};
-port::NoDestructor<LivePublishers> g_live;
-
 }  // namespace
-
-const ForkHooks kPublisherForkHooks = {&MqttPublisher::prepareFork, &MqttPublisher::parentAfterFork,
-                                       &MqttPublisher::childAfterFork};
 
 MqttPublisher::MqttPublisher()
     : m_outbox(openOutbox(m_guest)),
@@ -120,8 +107,7 @@ MqttPublisher::MqttPublisher()
     throw;
   }
   try {
-    port::MutexLock lock(g_live->mutex);
-    g_live->publishers.push_back(this);
+    registerPublisher(this);
   } catch (...) {
     stop();
     close(m_wakeFd);
@@ -130,11 +116,7 @@ MqttPublisher::MqttPublisher()
 }
 
 MqttPublisher::~MqttPublisher() {
-  {
-    port::MutexLock lock(g_live->mutex);
-    std::vector<MqttPublisher*>& live = g_live->publishers;
-    live.erase(std::remove(live.begin(), live.end(), this), live.end());
-  }
+  unregisterPublisher(this);
   stopWithin(kUnloadGrace);
   close(m_wakeFd);
 }
@@ -180,36 +162,14 @@ int MqttPublisher::publish(std::string payload) {
   return kQueued;
 }
 
-void MqttPublisher::prepareFork() NO_THREAD_SAFETY_ANALYSIS {
-  g_live->mutex.lock();
-  for (MqttPublisher* publisher : g_live->publishers) {
-    publisher->m_controlMutex.lock();
-    if (publisher->m_outbox) publisher->m_outbox->holdForFork();
-  }
+void MqttPublisher::holdForFork() NO_THREAD_SAFETY_ANALYSIS {
+  m_controlMutex.lock();
+  if (m_outbox) m_outbox->holdForFork();
 }
 
-void MqttPublisher::parentAfterFork() NO_THREAD_SAFETY_ANALYSIS {
-  for (MqttPublisher* publisher : g_live->publishers) {
-    if (publisher->m_outbox) publisher->m_outbox->releaseAfterFork(false);
-    publisher->m_controlMutex.unlock();
-  }
-  g_live->mutex.unlock();
-}
-
-void MqttPublisher::childAfterFork() NO_THREAD_SAFETY_ANALYSIS {
-  for (MqttPublisher* publisher : g_live->publishers) {
-    if (publisher->m_outbox) publisher->m_outbox->releaseAfterFork(true);
-    publisher->m_controlMutex.unlock();
-  }
-  g_live->publishers.clear();  // the parent's, which the child never destroys
-  g_live->mutex.unlock();
-}
-
-bool releasePublisherRegistry() {
-  port::MutexLock lock(g_live->mutex);
-  if (!g_live->publishers.empty()) return false;
-  std::vector<MqttPublisher*>().swap(g_live->publishers);
-  return true;
+void MqttPublisher::releaseAfterFork(bool inChild) NO_THREAD_SAFETY_ANALYSIS {
+  if (m_outbox) m_outbox->releaseAfterFork(inChild);
+  m_controlMutex.unlock();
 }
 
 void MqttPublisher::stop() { stopWithin(kShutdownGrace); }

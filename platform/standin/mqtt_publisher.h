@@ -69,13 +69,11 @@ class MqttPublisher {
   // or as not delivered. Later calls do nothing.
   void stop();
 
-  // The fork handlers of every publisher of the process (kPublisherForkHooks):
-  // each holds its publishing and its outbox while the process is copied; a
-  // child lets go of its parent's publishers without touching their
-  // connection, outbox or thread.
-  static void prepareFork();
-  static void parentAfterFork();
-  static void childAfterFork();
+  // Around fork() (publisher_registry.h): holds publishing and the outbox in
+  // the forking thread, then lets them go; in a child, without touching the
+  // connection, the outbox or the thread, which are the parent's.
+  void holdForFork() ACQUIRE(m_controlMutex);
+  void releaseAfterFork(bool inChild) RELEASE(m_controlMutex);
 
  private:
   using Clock = std::chrono::steady_clock;

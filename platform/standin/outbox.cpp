@@ -53,8 +53,8 @@ bool inheritedFromParent(const std::string& path) {
   struct stat file {};
   if (stat(path.c_str(), &file) != 0) return false;
   port::MutexLock lock(g_inherited->mutex);
-  const auto& files = g_inherited->files;
-  return std::find(files.begin(), files.end(), std::make_pair(file.st_dev, file.st_ino)) != files.end();
+  return std::find(g_inherited->files.begin(), g_inherited->files.end(), std::make_pair(file.st_dev, file.st_ino)) !=
+         g_inherited->files.end();
 }
 
 // The file's schema version, or -1 when it cannot be read.
