@@ -83,6 +83,10 @@ class MqttPublisher {
 
   // stop(), waiting up to `grace` for acknowledgements.
   void stopWithin(std::chrono::seconds grace);
+  // The outbox the configuration names, or null (logged unless it is
+  // "none"); when another process owns it, `guest` gets this process's guest
+  // file beside it instead.
+  static std::unique_ptr<Outbox> openOutbox(std::unique_ptr<GuestOutbox>& guest);
   // How many events may wait: more with an outbox, where they wait on disk.
   size_t capacity() const;
   // A guest becomes the outbox's owner once the owner is gone: it opens the
