@@ -208,24 +208,15 @@ void MqttPublisher::connect(Clock::time_point now) {
   }
   const BrokerAddress& address = settings.addresses[m_rotation.entryToTry(settings.addresses.size())];
   m_broker = brokerText(address);
-  m_client = mosquitto_new(nullptr, true, this);
+  static const MqttCallbacks callbacks = {&MqttPublisher::onConnect, &MqttPublisher::onPublish, &MqttPublisher::onLog};
+  MqttStartFailure failure;
+  m_client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,
+                                 static_cast<int>(kInFlight), failure);
   if (m_client == nullptr) {
-    const int savedErrno = errno;
-    connectionFailed(std::string("cannot make an MQTT client: ") + std::strerror(savedErrno));
-    return;
-  }
-  mosquitto_connect_callback_set(m_client, &MqttPublisher::onConnect);
-  mosquitto_publish_callback_set(m_client, &MqttPublisher::onPublish);
-  mosquitto_log_callback_set(m_client, &MqttPublisher::onLog);
-  mosquitto_max_inflight_messages_set(m_client, kInFlight);
-  if (!applyBrokerSettings(m_client, settings, error)) {
-    connectionFailed("cannot connect to broker " + m_broker + ": " + error);
-    return;
-  }
-  const int result = mosquitto_connect_async(m_client, address.host.c_str(), address.port, kKeepAliveSeconds);
-  const int savedErrno = errno;
-  if (result != MOSQ_ERR_SUCCESS) {
-    connectionFailed("cannot reach broker " + m_broker + ": " + mosquittoErrorText(result, savedErrno));
+    const std::string where = failure.step == MqttStartFailure::kMake    ? "cannot make an MQTT client"
+                              : failure.step == MqttStartFailure::kSetUp ? "cannot connect to broker " + m_broker
+                                                                         : "cannot reach broker " + m_broker;
+    connectionFailed(where + ": " + failure.text);
     return;
   }
   m_connectDeadline = now + kConnectTimeout;

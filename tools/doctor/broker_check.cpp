@@ -17,6 +17,7 @@
 #include "platform/standin/mqtt_client_setup.h"
 #include "platform/standin/notification_payload.h"
 #include "platform/standin/protocol.h"
+#include "services/AlertServiceImpl.h"
 
 namespace doctor {
 namespace {
@@ -29,6 +30,7 @@ const char kTestMessageKey[] = "KSCDP_DOCTOR_TEST_ALERT";
 const int kConnectMilliseconds = 3000;
 const int kPublishMilliseconds = 2000;
 const int kKeepAliveSeconds = 10;
+const int kInFlight = 20;
 
 using Clock = std::chrono::steady_clock;
 
@@ -61,12 +63,12 @@ int runUntil(mosquitto* client, int milliseconds, Done done, int& error) {
 
 std::string testAlertPayload(const Configuration& configuration) {
   NotificationEvent event;
-  event.version = 1;
-  event.producerType = "Keepstone";
-  event.producerSubType = "CDP";
-  event.notificationType = "CDP Backup Engine";
-  event.priority = "LOW";
-  event.severity = "INFO";
+  event.version = AlertHelper::version;
+  event.producerType = AlertHelper::producerType;
+  event.producerSubType = AlertHelper::producerSubType;
+  event.notificationType = AlertHelper::notificationType;
+  event.priority = AlertHelper::getPriority(ALERT_PRIORITY_LOW);
+  event.severity = AlertHelper::getSeverity(ALERT_SEVERITY_INFO);
   event.messageKey = kTestMessageKey;
   event.attributes["server"] = configuration.values.hostName;
   event.attributes["message"] = "Test alert from kscdp-doctor; no action needed";
@@ -114,27 +116,41 @@ std::string connectAction(int result, const standin::BrokerSettings& settings, c
 // connection or what went wrong.
 struct Probe {
   standin::BrokerAddress address;
-  std::string where;  // "host:port"
-  Session session;    // the client's callbacks write here: a Probe never moves
+  std::string where;     // "host:port"
+  std::string clientId;  // this process's own for each entry
+  Session session;       // the client's callbacks write here: a Probe never moves
   Client client;
   bool accepted = false;
   std::string problem;  // why not: starts with `where`
   std::string action;
+  // When the client could not be made or set up: not the entry's fault.
+  bool notStarted = false;
+  standin::MqttStartFailure failure;
 };
 
-// Connects `probe`'s client, set up already, within 3 s.
+const standin::MqttCallbacks kCallbacks = {
+    [](mosquitto*, void* session, int code) { static_cast<Session*>(session)->connack = code; },
+    [](mosquitto*, void* session, int messageId) { static_cast<Session*>(session)->publishedId = messageId; }, nullptr};
+
+// Connects `probe`'s client through the publisher's connect path, within 3 s.
 void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
   const std::string& where = probe.where;
+  probe.client.reset(standin::startMqttConnection(probe.address, settings, probe.clientId.c_str(), kCallbacks,
+                                                  &probe.session, kKeepAliveSeconds, kInFlight, probe.failure));
+  if (probe.client == nullptr && probe.failure.step != standin::MqttStartFailure::kConnect) {
+    probe.notStarted = true;
+    return;
+  }
+  int result = probe.client == nullptr ? probe.failure.result : MOSQ_ERR_SUCCESS;
   int error = 0;
-  errno = 0;
-  int result =
-      mosquitto_connect_async(probe.client.get(), probe.address.host.c_str(), probe.address.port, kKeepAliveSeconds);
-  error = errno;
   if (result == MOSQ_ERR_SUCCESS) {
     result = runUntil(
         probe.client.get(), kConnectMilliseconds, [&] { return probe.session.connack >= 0; }, error);
   }
-  if (result != MOSQ_ERR_SUCCESS) {
+  if (probe.client == nullptr) {
+    probe.problem = where + ": " + probe.failure.text;
+    probe.action = connectAction(result, settings, where);
+  } else if (result != MOSQ_ERR_SUCCESS) {
     probe.problem = where + ": " + standin::mosquittoErrorText(result, error);
     probe.action = connectAction(result, settings, where);
   } else if (probe.session.connack < 0) {
@@ -221,27 +237,12 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
       continue;
     }
     anyToTry = true;
-    const std::string clientId = "kscdp-doctor-" + std::to_string(getpid()) + "-" + std::to_string(probes.size());
-    probe.client.reset(mosquitto_new(clientId.c_str(), true, &probe.session));
-    if (probe.client == nullptr) {
-      return finish(
-          failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
-    }
-    mosquitto_connect_callback_set(
-        probe.client.get(), [](mosquitto*, void* data, int code) { static_cast<Session*>(data)->connack = code; });
-    mosquitto_publish_callback_set(probe.client.get(), [](mosquitto*, void* data, int messageId) {
-      static_cast<Session*>(data)->publishedId = messageId;
-    });
-    if (!standin::applyBrokerSettings(probe.client.get(), settings, problem)) {
-      return finish(failedResult(kId, kTitle, problem,
-                                 "correct the broker_* settings in " + configuration.path +
-                                     "; the password file must not be readable by others (chmod o-rwx)"));
-    }
+    probe.clientId = "kscdp-doctor-" + std::to_string(getpid()) + "-" + std::to_string(probes.size());
   }
   if (!anyToTry) return finish(skippedResult(kId, kTitle, kUnresolvedMasterReason));
   // Every entry at once, so that the check takes as long as the slowest one.
   for (const std::unique_ptr<Probe>& probe : probes) {
-    if (probe->client == nullptr) continue;
+    if (probe->clientId.empty()) continue;
     try {
       connections.emplace_back(connectProbe, std::ref(*probe), std::cref(settings));
     } catch (const std::system_error&) {
@@ -249,6 +250,16 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
     }
   }
   for (std::thread& connection : connections) connection.join();
+  for (const std::unique_ptr<Probe>& probe : probes) {
+    if (!probe->notStarted) continue;
+    if (probe->failure.step == standin::MqttStartFailure::kMake) {
+      return finish(
+          failedResult(kId, kTitle, "libmosquitto could not make a client", "free some memory and run again"));
+    }
+    return finish(failedResult(kId, kTitle, probe->failure.text,
+                               "correct the broker_* settings in " + configuration.path +
+                                   "; the password file must not be readable by others (chmod o-rwx)"));
+  }
 
   const CheckResult broker = verdict(probes, settings);
   if (broker.status == Status::kFailed) return finish(broker);
