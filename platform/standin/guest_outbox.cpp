@@ -79,8 +79,7 @@ GuestOutbox::~GuestOutbox() {
     port::MutexLock lock(m_mutex);
     sqlite3_finalize(m_insert);
     sqlite3_stmt* any = nullptr;
-    empty = m_db != nullptr &&
-            sqlite3_prepare_v2(m_db, "SELECT 1 FROM events LIMIT 1", -1, &any, nullptr) == SQLITE_OK &&
+    empty = m_db != nullptr && sqlite3_prepare_v2(m_db, kAnyEvent, -1, &any, nullptr) == SQLITE_OK &&
             sqlite3_step(any) == SQLITE_DONE;
     sqlite3_finalize(any);
   }

@@ -363,8 +363,8 @@ void Outbox::remove(const std::vector<int64_t>& ids) {
   }
   m_removeFailing = false;
   sqlite3_stmt* any = nullptr;
-  m_drained = sqlite3_prepare_v2(m_writer, "SELECT 1 FROM events LIMIT 1", -1, &any, nullptr) == SQLITE_OK &&
-              sqlite3_step(any) == SQLITE_DONE;
+  m_drained =
+      sqlite3_prepare_v2(m_writer, kAnyEvent, -1, &any, nullptr) == SQLITE_OK && sqlite3_step(any) == SQLITE_DONE;
   sqlite3_finalize(any);
 }
 

@@ -18,5 +18,8 @@ const char kInsertEvent[] = "INSERT INTO events (payload, raised) VALUES (?, ?)"
 const char kSelectEventsAfter[] = "SELECT id, payload, raised FROM events WHERE id > ?1 ORDER BY id LIMIT ?2";
 const char kDeleteEvent[] = "DELETE FROM events WHERE id = ?";
 const char kDeleteEventsUpTo[] = "DELETE FROM events WHERE id <= ?";
+const char kAnyEvent[] = "SELECT 1 FROM events LIMIT 1";
+const char kCountWaiting[] = "SELECT count(*), min(NULLIF(raised, 0)) FROM events";
+const char kCountWaitingOfVersion0[] = "SELECT count(*), NULL FROM events";
 
 }  // namespace standin

@@ -23,6 +23,13 @@ extern const char kInsertEvent[];
 extern const char kSelectEventsAfter[];
 // Binds: 1 the id.
 extern const char kDeleteEvent[];
+// A row when any event waits.
+extern const char kAnyEvent[];
+// Columns: how many events wait, and when the oldest was raised (NULL when
+// none, or none knows).
+extern const char kCountWaiting[];
+// The same for a version 0 file, which keeps no time.
+extern const char kCountWaitingOfVersion0[];
 // Binds: 1 the highest id to remove.
 extern const char kDeleteEventsUpTo[];
 

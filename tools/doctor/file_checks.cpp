@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "checks.h"
-#include "outbox_backlog.h"
+#include "platform/standin/outbox_backlog.h"
 #include "platform/standin/outbox_settings.h"
 
 namespace doctor {
@@ -58,9 +58,9 @@ int uncreatableProblem(const std::string& directory, std::string& existing) {
 
 // The outbox's line once it can be written: what waits there.
 CheckResult backlogResult(const char* id, const char* title, const std::string& outbox) {
-  OutboxBacklog backlog;
+  standin::OutboxBacklog backlog;
   std::string error;
-  if (!readOutboxBacklog(outbox, backlog, error)) {
+  if (!standin::readOutboxBacklog(outbox, backlog, error)) {
     return warningResult(id, title, outbox + " can be written but not read: " + error,
                          "look at it with the sqlite3 shell; the engine sets a damaged outbox aside by itself");
   }

@@ -3,10 +3,15 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 
-namespace doctor {
+#include "guest_outbox.h"
+#include "outbox_schema.h"
+
+namespace standin {
 namespace {
 
 const int kBusyTimeoutMs = 2000;  // the engine's write transactions are short
@@ -51,13 +56,9 @@ std::string readOnlyUri(const std::string& path) {
   return uri + (exists(path + "-shm") ? "?mode=ro" : "?immutable=1");
 }
 
-}  // namespace
-
-bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error) {
-  backlog = OutboxBacklog();
-  if (!exists(path)) return true;
+// Adds what waits in the database at `path` to `backlog`.
+bool addWaiting(const std::string& path, OutboxBacklog& backlog, std::string& error) {
   for (const char* suffix : {"", "-wal", "-shm"}) backlog.bytesOnDisk += fileSize(path + suffix);
-
   sqlite3* opened = nullptr;
   const int code = sqlite3_open_v2(readOnlyUri(path).c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
   const std::unique_ptr<sqlite3, ConnectionClose> db(opened);
@@ -66,23 +67,39 @@ bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::str
     return false;
   }
   sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
-  // An outbox of the release before has no time raised; a new file no table.
   sqlite3_stmt* prepared = nullptr;
-  if (sqlite3_prepare_v2(db.get(), "SELECT count(*), min(NULLIF(raised, 0)) FROM events", -1, &prepared, nullptr) !=
-      SQLITE_OK) {
-    sqlite3_prepare_v2(db.get(), "SELECT count(*), NULL FROM events", -1, &prepared, nullptr);
+  if (sqlite3_prepare_v2(db.get(), kCountWaiting, -1, &prepared, nullptr) != SQLITE_OK) {
+    sqlite3_prepare_v2(db.get(), kCountWaitingOfVersion0, -1, &prepared, nullptr);
   }
   const std::unique_ptr<sqlite3_stmt, StatementFinalize> count(prepared);
-  if (count == nullptr) return true;
+  if (count == nullptr) return true;  // a new file: no table yet
   if (sqlite3_step(count.get()) != SQLITE_ROW) {
     error = sqlite3_errmsg(db.get());
     return false;
   }
-  backlog.waiting = sqlite3_column_int64(count.get(), 0);
+  backlog.waiting += sqlite3_column_int64(count.get(), 0);
   if (sqlite3_column_type(count.get(), 1) != SQLITE_NULL) {
-    backlog.oldestSeconds = static_cast<long long>(std::time(nullptr)) - sqlite3_column_int64(count.get(), 1);
+    const long long age = static_cast<long long>(std::time(nullptr)) - sqlite3_column_int64(count.get(), 1);
+    backlog.oldestSeconds = std::max(backlog.oldestSeconds, age);
   }
   return true;
 }
 
-}  // namespace doctor
+}  // namespace
+
+bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error) {
+  backlog = OutboxBacklog();
+  if (exists(path) && !addWaiting(path, backlog, error)) return false;
+  const std::filesystem::path file(path);
+  std::error_code listed;
+  for (const auto& entry : std::filesystem::directory_iterator(
+           file.has_parent_path() ? file.parent_path() : std::filesystem::path("."), listed)) {
+    if (isGuestOutboxName(entry.path().filename().string(), file.filename().string()) &&
+        !addWaiting(entry.path().string(), backlog, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace standin
