@@ -155,9 +155,10 @@ class NotificationInterface {
   // before m_mutex.
   static port::Mutex m_makingMutex ACQUIRED_BEFORE(m_mutex);
   // Held while a supplier is installed or taken out, never across its making,
-  // a send or a shutdown. The holder's objects are never destroyed: an engine
-  // thread may still end a send while the process exits.
+  // a send or a shutdown.
   static port::Mutex m_mutex;
+  // Never destroyed, as the count of sends below: an engine thread may still
+  // end a send while the process exits.
   static port::NoDestructor<port::CondVar> m_sendEnded;
   static NotificationSupplier* m_notificationSupplier GUARDED_BY(m_mutex);  // owned; null when absent
   // Sends running on each supplier not yet deleted.

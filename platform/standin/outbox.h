@@ -160,9 +160,9 @@ class Outbox {
   sqlite3_stmt* m_insert GUARDED_BY(m_writeMutex) = nullptr;
   bool m_appendFailing GUARDED_BY(m_writeMutex) = false;
   sqlite3* m_checkpointer = nullptr;
-  sqlite3_stmt* m_delete = nullptr;
-  bool m_removeFailing = false;
-  bool m_adoptFailing = false;
+  sqlite3_stmt* m_delete GUARDED_BY(m_writeMutex) = nullptr;
+  bool m_removeFailing GUARDED_BY(m_writeMutex) = false;
+  bool m_adoptFailing GUARDED_BY(m_writeMutex) = false;
   // The last removal left the outbox empty: the next checkpoint looks for
   // free pages to give back. So does the first.
   std::atomic<bool> m_drained{true};
