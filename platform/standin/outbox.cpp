@@ -353,19 +353,26 @@ void Outbox::remove(const std::vector<int64_t>& ids) {
     code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_delete);
   }
-  if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
-  if (code != SQLITE_OK) {
-    // Logged before the rollback, whose own message would replace the reason.
-    logFailure(m_removeFailing, m_writer, "cannot remove acknowledged events from the outbox " + m_path,
-               "; the next start may deliver them again");
-    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
+  if (!endTransaction(code, m_removeFailing, "cannot remove acknowledged events from the outbox " + m_path,
+                      "; the next start may deliver them again")) {
     return;
   }
-  m_removeFailing = false;
   sqlite3_stmt* any = nullptr;
   m_drained =
       sqlite3_prepare_v2(m_writer, kAnyEvent, -1, &any, nullptr) == SQLITE_OK && sqlite3_step(any) == SQLITE_DONE;
   sqlite3_finalize(any);
+}
+
+bool Outbox::endTransaction(int code, bool& failing, const std::string& what, const std::string& consequence) {
+  if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
+  if (code == SQLITE_OK) {
+    failing = false;
+    return true;
+  }
+  // Logged before the rollback, whose own message would replace the reason.
+  logFailure(failing, m_writer, what, consequence);
+  sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
+  return false;
 }
 
 int Outbox::onWalCommit(void* outbox, sqlite3* /*db*/, const char* /*name*/, int frames) noexcept {

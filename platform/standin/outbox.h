@@ -137,6 +137,11 @@ class Outbox {
   // Notes which file the connections have open, for releaseAfterFork().
   void noteIdentity();
   void closeConnections();
+  // Commits the writer's transaction when `code`, its statements' result, is
+  // SQLITE_OK. Otherwise, or when the commit fails, logs (once per run of
+  // failures, `failing`) and rolls back. True when it committed.
+  bool endTransaction(int code, bool& failing, const std::string& what, const std::string& consequence)
+      REQUIRES(m_writeMutex);
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
 

@@ -80,16 +80,12 @@ bool Outbox::storeAdopted(const std::vector<GuestEvent>& events, std::vector<Eve
     if (code == SQLITE_OK) adopted.push_back(Event{sqlite3_last_insert_rowid(m_writer), events[i].payload});
   }
   sqlite3_clear_bindings(m_insert);
-  if (code == SQLITE_OK) code = sqlite3_exec(m_writer, "COMMIT", nullptr, nullptr, nullptr);
-  if (code != SQLITE_OK) {
-    logFailure(m_adoptFailing, m_writer, "cannot move the events of other processes into the outbox " + m_path,
-               "; they wait where those processes stored them");
-    sqlite3_exec(m_writer, "ROLLBACK", nullptr, nullptr, nullptr);
-    adopted.resize(before);
-    return false;
+  if (endTransaction(code, m_adoptFailing, "cannot move the events of other processes into the outbox " + m_path,
+                     "; they wait where those processes stored them")) {
+    return true;
   }
-  m_adoptFailing = false;
-  return true;
+  adopted.resize(before);
+  return false;
 }
 
 }  // namespace standin
