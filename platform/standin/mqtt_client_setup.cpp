@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "client_identity.h"
 
@@ -30,30 +31,32 @@ const char* fileOrNull(const std::string& path) { return path.empty() ? nullptr 
 struct mosquitto* startMqttConnection(const BrokerAddress& address, const BrokerSettings& settings,
                                       const char* clientId, const MqttCallbacks& callbacks, void* owner,
                                       int keepAliveSeconds, int inFlight, MqttStartFailure& failure) {
-  struct mosquitto* client = mosquitto_new(clientId, true, owner);
+  struct Destroy {
+    void operator()(struct mosquitto* client) const { mosquitto_destroy(client); }
+  };
+  // Destroyed on every way out but success, a throw included.
+  std::unique_ptr<struct mosquitto, Destroy> client(mosquitto_new(clientId, true, owner));
   if (client == nullptr) {
     failure.step = MqttStartFailure::kMake;
     failure.text = std::strerror(errno);
     return nullptr;
   }
-  mosquitto_connect_callback_set(client, callbacks.connected);
-  mosquitto_publish_callback_set(client, callbacks.published);
-  if (callbacks.logged != nullptr) mosquitto_log_callback_set(client, callbacks.logged);
-  mosquitto_max_inflight_messages_set(client, static_cast<unsigned int>(inFlight));
-  if (!applyBrokerSettings(client, settings, failure.text)) {
+  mosquitto_connect_callback_set(client.get(), callbacks.connected);
+  mosquitto_publish_callback_set(client.get(), callbacks.published);
+  if (callbacks.logged != nullptr) mosquitto_log_callback_set(client.get(), callbacks.logged);
+  mosquitto_max_inflight_messages_set(client.get(), static_cast<unsigned int>(inFlight));
+  if (!applyBrokerSettings(client.get(), settings, failure.text)) {
     failure.step = MqttStartFailure::kSetUp;
-    mosquitto_destroy(client);
     return nullptr;
   }
   errno = 0;
-  failure.result = mosquitto_connect_async(client, address.host.c_str(), address.port, keepAliveSeconds);
+  failure.result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, keepAliveSeconds);
   if (failure.result != MOSQ_ERR_SUCCESS) {
     failure.step = MqttStartFailure::kConnect;
     failure.text = mosquittoErrorText(failure.result, errno);
-    mosquitto_destroy(client);
     return nullptr;
   }
-  return client;
+  return client.release();
 }
 
 std::string mosquittoErrorText(int result, int savedErrno) {
