@@ -164,6 +164,11 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std
   ownedElsewhere = false;
   const std::filesystem::path file(path);
   if (file.has_parent_path() && !usePrivateDirectory(file.parent_path().string(), error)) return nullptr;
+  if (inheritedFromParent(path)) {
+    ownedElsewhere = true;
+    error = "this process was forked from one that has it open";
+    return nullptr;
+  }
   const std::string lockPath = path + ".lock";
   const int lockFd = openRegularFile(lockPath, O_RDWR | O_CREAT, kPrivateFileMode, "the lock file", error);
   if (lockFd < 0) return nullptr;
@@ -171,14 +176,8 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std
     const int saved = errno;
     close(lockFd);
     ownedElsewhere = saved == EWOULDBLOCK;
-    error = ownedElsewhere ? "another process on this host holds it"
+    error = ownedElsewhere ? "another publisher on this host holds it"
                            : "cannot lock " + lockPath + ": " + std::strerror(saved);
-    return nullptr;
-  }
-  if (inheritedFromParent(path)) {
-    close(lockFd);
-    ownedElsewhere = true;
-    error = "this process was forked from one that has it open";
     return nullptr;
   }
   std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
