@@ -1,10 +1,13 @@
 #include "pending_events.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace standin {
 
-PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) {}
+PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) { metrics::watchQueue(this); }
+
+PendingEvents::~PendingEvents() { metrics::unwatchQueue(this); }
 
 bool PendingEvents::full() const {
   port::MutexLock lock(m_mutex);
@@ -13,7 +16,7 @@ bool PendingEvents::full() const {
 
 void PendingEvents::push(std::string payload, int64_t outboxId) {
   port::MutexLock lock(m_mutex);
-  m_events.push_back(Event{std::move(payload), outboxId, 0});
+  m_events.push_back(Event{std::move(payload), outboxId, 0, Clock::now()});
 }
 
 void PendingEvents::handOver(size_t window, const Publish& publish) {
@@ -41,6 +44,7 @@ int64_t PendingEvents::acknowledge(int messageId) {
   for (size_t i = 0; i < m_handedOver; ++i) {
     if (m_events[i].messageId == messageId) {
       const int64_t outboxId = m_events[i].outboxId;
+      metrics::alertDelivered(Clock::now() - m_events[i].accepted);
       m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
       --m_handedOver;
       return outboxId;
@@ -62,10 +66,27 @@ size_t PendingEvents::size() const {
 PendingEvents::Dropped PendingEvents::clear() {
   port::MutexLock lock(m_mutex);
   Dropped dropped{0, 0};
-  for (const Event& event : m_events) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
+  for (const Event& event : m_events) {
+    if (event.outboxId == 0) {
+      ++dropped.inMemoryOnly;
+      continue;
+    }
+    if (dropped.inOutbox++ == 0 && m_leftInOutbox.count == 0) m_leftInOutbox.oldest = event.accepted;
+  }
+  m_leftInOutbox.count += dropped.inOutbox;
   m_events.clear();
   m_handedOver = 0;
   return dropped;
+}
+
+metrics::Waiting PendingEvents::waiting() const {
+  port::MutexLock lock(m_mutex);
+  metrics::Waiting waiting = m_leftInOutbox;
+  if (m_events.empty()) return waiting;
+  const Clock::time_point oldest = m_events.front().accepted;
+  waiting.oldest = waiting.count == 0 ? oldest : std::min(waiting.oldest, oldest);
+  waiting.count += m_events.size();
+  return waiting;
 }
 
 }  // namespace standin

@@ -2,12 +2,14 @@
 #ifndef KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 #define KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <string>
 
+#include "metrics.h"
 #include "port/mutex.h"
 
 namespace standin {
@@ -19,7 +21,12 @@ namespace standin {
 // order holds. An event may also be in the outbox, under its outbox id (0:
 // in memory only). Thread-safe; handOver(), acknowledge(), takeBack() and
 // clear() are for one thread, the connection's.
-class PendingEvents {
+//
+// While it lives, the queue is one of those the metrics file sums: an event
+// counts as waiting from push() to its acknowledgement, and as delivered
+// (with the time it waited) at that. Events that clear() drops but the
+// outbox keeps still count as waiting, for the next publisher to send.
+class PendingEvents : public metrics::WaitingQueue {
  public:
   // Hands one payload to the connection; fills the message id and returns
   // true, or returns false when the connection refused it.
@@ -30,7 +37,11 @@ class PendingEvents {
     size_t inMemoryOnly;
   };
 
+  // Throws std::bad_alloc when the metrics registry cannot take the queue.
   explicit PendingEvents(size_t capacity);
+  ~PendingEvents();
+  PendingEvents(const PendingEvents&) = delete;
+  PendingEvents& operator=(const PendingEvents&) = delete;
 
   // True when `capacity` events are waiting: push() is for events that were
   // accepted anyway (those the outbox kept from an earlier run).
@@ -47,18 +58,24 @@ class PendingEvents {
   size_t size() const;
   // Drops every event and returns how many there were.
   Dropped clear();
+  // How many events wait, and since when the oldest does.
+  metrics::Waiting waiting() const override;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   struct Event {
     std::string payload;
     int64_t outboxId;
     int messageId;  // meaningful for the first m_handedOver events only
+    Clock::time_point accepted;
   };
 
   const size_t m_capacity;
   mutable port::Mutex m_mutex;
   std::deque<Event> m_events GUARDED_BY(m_mutex);
-  size_t m_handedOver GUARDED_BY(m_mutex) = 0;  // m_events[0, m_handedOver) are with the connection
+  size_t m_handedOver GUARDED_BY(m_mutex) = 0;          // m_events[0, m_handedOver) are with the connection
+  metrics::Waiting m_leftInOutbox GUARDED_BY(m_mutex);  // those clear() dropped that the outbox keeps
 };
 
 }  // namespace standin
