@@ -125,13 +125,16 @@ def main():
                  "callgrind, 1,000 polls, polling thread"])
 
     deliveries = {}
-    for benchmark in ("OutboxAlertDelivery", "MemoryAlertDelivery", "BareMosquittoDelivery"):
+    for benchmark in ("OutboxAlertDelivery", "OutboxAlertDeliveryWithMetrics", "MemoryAlertDelivery",
+                      "BareMosquittoDelivery"):
         deliveries[benchmark], run = results.median("kscdp_alert_delivery_bench", benchmark, "real_time")
         missing = run.get("missing", float("nan"))
         if missing != 0:
             results.errors.append("%s: %s alerts missing" % (benchmark, missing))
     rows.append(ratio_row("10,000 alerts to mosquitto, outbox", deliveries["OutboxAlertDelivery"],
                           "outbox = none", deliveries["MemoryAlertDelivery"], 1.2, repetitions(run)))
+    rows.append(ratio_row("10,000 alerts, outbox, metrics file every 1 s", deliveries["OutboxAlertDeliveryWithMetrics"],
+                          "metrics off", deliveries["OutboxAlertDelivery"], 1.05, repetitions(run)))
     rows.append(["10,000 alerts to mosquitto, outbox = none", duration(deliveries["MemoryAlertDelivery"]),
                  "bare libmosquitto %s" % duration(deliveries["BareMosquittoDelivery"]),
                  "%.2fx" % (deliveries["MemoryAlertDelivery"] / deliveries["BareMosquittoDelivery"]),
