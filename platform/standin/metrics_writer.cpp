@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -76,10 +77,9 @@ class Writer {
   void hold() EXCLUDES(m_mutex) {
     port::MutexLock lock(m_mutex);
     if (m_forkedChild) return;
+    if (m_thread == nullptr && !metricsSettings(*currentConfig()).path.empty())
+      m_thread = new std::thread(&Writer::run, this, m_generation);
     ++m_holds;
-    if (m_thread != nullptr || metricsSettings(*currentConfig()).path.empty()) return;
-    m_stopping = false;
-    m_thread = new std::thread(&Writer::run, this);
   }
 
   void release() EXCLUDES(m_mutex) {
@@ -121,7 +121,7 @@ class Writer {
   std::thread* takeThread() REQUIRES(m_mutex) {
     std::thread* thread = m_thread;
     m_thread = nullptr;
-    m_stopping = true;
+    ++m_generation;
     m_wake.notifyAll();
     return thread;
   }
@@ -132,52 +132,59 @@ class Writer {
     delete thread;
   }
 
-  void run() EXCLUDES(m_mutex) {
+  // What one writer thread has logged: each failure once, until a rewrite
+  // succeeds again.
+  struct Logged {
+    bool failing = false;
+    std::string problem;
+  };
+
+  // Runs until m_generation moves on from `generation`: a thread that is
+  // still writing its last file when the next one starts stops all the same.
+  void run(uint64_t generation) EXCLUDES(m_mutex) {
+    Logged logged;
     for (;;) {
       MetricsSettings settings;
       try {
         settings = metricsSettings(*currentConfig());
-        write(settings);
+        write(settings, logged);
       } catch (...) {
         // Memory ran out for this rewrite: the next one tries again.
       }
       port::MutexLock lock(m_mutex);
-      if (m_stopping) return;
-      m_wake.waitUntil(m_mutex, Clock::now() + settings.interval, [this]() REQUIRES(m_mutex) { return m_stopping; });
-      if (m_stopping && m_skipLastWrite) return;
+      const auto stopped = [this, generation]() REQUIRES(m_mutex) { return m_generation != generation; };
+      if (stopped()) return;
+      m_wake.waitUntil(m_mutex, Clock::now() + settings.interval, stopped);
+      if (stopped() && m_skipLastWrite) return;
     }
   }
 
-  // One rewrite; failures are logged once until a rewrite succeeds again.
-  void write(const MetricsSettings& settings) {
-    if (!settings.problem.empty() && settings.problem != m_lastProblem)
+  static void write(const MetricsSettings& settings, Logged& logged) {
+    if (!settings.problem.empty() && settings.problem != logged.problem)
       ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, settings.problem);
-    m_lastProblem = settings.problem;
+    logged.problem = settings.problem;
     if (settings.path.empty()) return;
     const std::string text = metricsText(metrics::currentCounts(), currentGauges());
     std::string error;
     if (replaceFileAtomically(settings.path, text, error)) {
-      m_failing = false;
+      logged.failing = false;
       return;
     }
-    if (!m_failing) {
+    if (!logged.failing) {
       ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
                      "cannot write " + settings.path + ": " + error +
                          "; make its directory writable by the engine's user, or change metrics_file");
     }
-    m_failing = true;
+    logged.failing = true;
   }
 
   port::Mutex m_mutex;
   port::CondVar m_wake;
   int m_holds GUARDED_BY(m_mutex) = 0;
   std::thread* m_thread GUARDED_BY(m_mutex) = nullptr;  // owned; null while no thread runs
-  bool m_stopping GUARDED_BY(m_mutex) = false;
+  uint64_t m_generation GUARDED_BY(m_mutex) = 0;        // moves on each time a thread is asked to stop
   bool m_skipLastWrite GUARDED_BY(m_mutex) = false;
   bool m_forkedChild GUARDED_BY(m_mutex) = false;
-  // The writer thread's own.
-  bool m_failing = false;
-  std::string m_lastProblem;
 };
 
 // Never destroyed: a hold may be given back while the process exits.
