@@ -165,4 +165,24 @@ TEST_F(MetricsFileTest, WaitingAlertsWithTheBrokerAway) {
   expectOnlyTheFileLeft();
 }
 
+// A file that cannot be written is said once in the log, with what to do,
+// however many rewrites fail; alerts flow as ever.
+TEST_F(MetricsFileTest, AFileThatCannotBeWrittenIsLoggedOnce) {
+  const std::string unwritable = m_directory + "/no-such-directory/kscdp.prom";
+  integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + m_broker.address() +
+                           "\noutbox = none\nmetrics_file = " + unwritable + "\nmetrics_interval = 1\n");
+  const size_t logStart = integration::logText().size();
+  ASSERT_EQ(m_library.raise_backup_alert(vmId(300).c_str(), 501, ""), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // three rewrites at least
+  ASSERT_EQ(m_library.stop_alert_thread(), 0);
+  EXPECT_EQ(m_subscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  const std::string log = integration::logText().substr(logStart);
+  const std::string line = " 16 metrics_file: cannot write " + unwritable +
+                           ": No such file or directory; make its directory writable by the engine's user, or "
+                           "change metrics_file\n";
+  const size_t first = log.find(line);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find(line, first + 1), std::string::npos) << log;
+}
+
 }  // namespace
