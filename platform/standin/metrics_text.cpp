@@ -1,6 +1,7 @@
 #include "metrics_text.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace standin {
 namespace {
@@ -15,16 +16,15 @@ std::string labelValue(const std::string& value) {
   return quoted + "\"";
 }
 
-// Shortest text that reads back as the same double ("0.25", "1e-06").
+// Fewest decimals, up to nine, that read back as the same double ("10",
+// "0.25", "0.000763"); otherwise all its digits.
 std::string number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.17g", value);
-  for (int precision = 1; precision < 17; ++precision) {
-    char shorter[32];
-    std::snprintf(shorter, sizeof shorter, "%.*g", precision, value);
-    double back = 0;
-    if (std::sscanf(shorter, "%lf", &back) == 1 && back == value) return shorter;
+  char text[352];  // the longest a double's "%.9f" can be
+  for (int decimals = 0; decimals <= 9; ++decimals) {
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    if (std::strtod(text, nullptr) == value) return text;
   }
+  std::snprintf(text, sizeof text, "%.17g", value);
   return text;
 }
 
