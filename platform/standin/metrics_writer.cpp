@@ -190,9 +190,9 @@ class Writer {
 // Never destroyed: a hold may be given back while the process exits.
 port::NoDestructor<Writer> g_writer;
 
-void prepareWriterFork() { g_writer->prepareFork(); }
-void writerParentAfterFork() { g_writer->parentAfterFork(); }
-void writerChildAfterFork() { g_writer->childAfterFork(); }
+void prepareWriterFork() NO_THREAD_SAFETY_ANALYSIS { g_writer->prepareFork(); }
+void writerParentAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_writer->parentAfterFork(); }
+void writerChildAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_writer->childAfterFork(); }
 
 }  // namespace
 
