@@ -24,7 +24,9 @@ demo: build
 
 # A site on this machine: FLEET_ENGINES engine simulators against one master
 # simulator and two brokers listed as a cluster, the first stopped halfway;
-# one summary line, and a failure when a VM is not done or an alert missing.
+# a summary line, a report from the subscribers and the engines' metrics
+# files, a picture of the run, and a failure when a VM is not done or an
+# alert missing. The run's folder stays; the last line names it.
 FLEET_ENGINES ?= 20
 fleet: build
 	FLEET_ENGINES=$(FLEET_ENGINES) bash scripts/fleet.sh $(BUILD)

@@ -1,6 +1,7 @@
 // 10,000 alerts through libkscdp.so's publisher to a mosquitto broker of our
 // own, timed from the first raise_backup_alert until a subscriber holds every
-// one of them: with the outbox, with alerts in memory only, and against a
+// one of them: with the outbox, with the outbox and the metrics file
+// rewritten every second, with alerts in memory only, and against a
 // bare libmosquitto client publishing the same 10,000 payloads at QoS 1 with
 // the publisher's in-flight window. Each alert names a VM of its own, so each
 // payload is distinct and a missing one shows in the count.
@@ -48,11 +49,12 @@ void raiseAlert() {
 // Where the publisher keeps the alerts it accepted.
 enum class Storage { kMemory, kOutbox, kOutboxSyncedEach };
 
-void configure(Storage storage) {
+void configure(Storage storage, bool metrics) {
   const std::string outbox = storage == Storage::kMemory ? "none" : g_world.files->scratchPath("outbox.db");
-  g_world.files->writeConfig("server = 127.0.0.1\nhost_name = bench-host\nbroker = " + g_world.broker->address() +
-                             "\noutbox = " + outbox + "\n" +
-                             (storage == Storage::kOutboxSyncedEach ? "outbox_sync = full\n" : ""));
+  g_world.files->writeConfig(
+      "server = 127.0.0.1\nhost_name = bench-host\nbroker = " + g_world.broker->address() + "\noutbox = " + outbox +
+      "\n" + (storage == Storage::kOutboxSyncedEach ? "outbox_sync = full\n" : "") +
+      (metrics ? "metrics_file = " + g_world.files->scratchPath("kscdp.prom") + "\nmetrics_interval = 1\n" : ""));
 }
 
 size_t receivedSoFar() { return g_world.subscriber->waitForCount(0, std::chrono::milliseconds(0)).size(); }
@@ -73,11 +75,11 @@ size_t waitForEveryAlert() {
 
 // A fresh publisher per repetition; its first alert starts it and its
 // connection outside the measurement, and stop_alert_thread ends it.
-void LibraryAlerts(benchmark::State& state, Storage storage) {
+void LibraryAlerts(benchmark::State& state, Storage storage, bool metrics) {
   double missing = 0;
   double raiseSeconds = 0;
   for (auto _ : state) {
-    configure(storage);
+    configure(storage, metrics);
     raiseAlert();
     waitForEveryAlert();
     const auto start = Clock::now();
@@ -92,9 +94,10 @@ void LibraryAlerts(benchmark::State& state, Storage storage) {
   state.SetItemsProcessed(state.iterations() * kAlertCount);
 }
 
-void OutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutbox); }
-void MemoryAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kMemory); }
-void FullSyncOutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutboxSyncedEach); }
+void OutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutbox, false); }
+void OutboxAlertDeliveryWithMetrics(benchmark::State& state) { LibraryAlerts(state, Storage::kOutbox, true); }
+void MemoryAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kMemory, false); }
+void FullSyncOutboxAlertDelivery(benchmark::State& state) { LibraryAlerts(state, Storage::kOutboxSyncedEach, false); }
 
 // libmosquitto's own threaded client, publishing the captured payloads.
 void BareMosquittoDelivery(benchmark::State& state) {
@@ -132,6 +135,7 @@ void NineRepetitions(benchmark::internal::Benchmark* contender) {
   contender->Unit(benchmark::kMillisecond)->UseManualTime()->Iterations(1)->Repetitions(9)->ReportAggregatesOnly(true);
 }
 BENCHMARK(OutboxAlertDelivery)->Apply(NineRepetitions);
+BENCHMARK(OutboxAlertDeliveryWithMetrics)->Apply(NineRepetitions);
 BENCHMARK(MemoryAlertDelivery)->Apply(NineRepetitions);
 BENCHMARK(BareMosquittoDelivery)->Apply(NineRepetitions);
 // A sync per alert takes the disk's time: three repetitions tell its cost.
@@ -156,7 +160,7 @@ int main(int argc, char** argv) {
     g_world = World{&files, &broker, &subscriber, {}};
     // One round outside the measurement warms everything up and gives the
     // bare client its payloads.
-    configure(Storage::kMemory);
+    configure(Storage::kMemory, false);
     for (int i = 0; i < kAlertCount; ++i) raiseAlert();
     if (waitForEveryAlert() != g_raised) throw std::runtime_error("the warm-up alerts did not all arrive");
     stop_alert_thread();

@@ -125,14 +125,16 @@ def main():
                  "callgrind, 1,000 polls, polling thread"])
 
     deliveries = {}
-    for benchmark in ("OutboxAlertDelivery", "MemoryAlertDelivery", "BareMosquittoDelivery",
-                      "FullSyncOutboxAlertDelivery"):
+    for benchmark in ("OutboxAlertDelivery", "OutboxAlertDeliveryWithMetrics", "MemoryAlertDelivery",
+                      "BareMosquittoDelivery", "FullSyncOutboxAlertDelivery"):
         deliveries[benchmark], run = results.median("kscdp_alert_delivery_bench", benchmark, "real_time")
         missing = run.get("missing", float("nan"))
         if missing != 0:
             results.errors.append("%s: %s alerts missing" % (benchmark, missing))
     rows.append(ratio_row("10,000 alerts to mosquitto, outbox", deliveries["OutboxAlertDelivery"],
                           "outbox = none", deliveries["MemoryAlertDelivery"], 1.2, repetitions(run)))
+    rows.append(ratio_row("10,000 alerts, outbox, metrics file every 1 s", deliveries["OutboxAlertDeliveryWithMetrics"],
+                          "metrics off", deliveries["OutboxAlertDelivery"], 1.05, repetitions(run)))
     rows.append(["10,000 alerts to mosquitto, outbox_sync = full", duration(deliveries["FullSyncOutboxAlertDelivery"]),
                  "outbox_sync = normal %s" % duration(deliveries["OutboxAlertDelivery"]),
                  "%.2fx" % (deliveries["FullSyncOutboxAlertDelivery"] / deliveries["OutboxAlertDelivery"]),

@@ -4,6 +4,7 @@
 #ifndef KSCDP_PORT_MUTEX_H_
 #define KSCDP_PORT_MUTEX_H_
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -47,6 +48,15 @@ class CondVar {
     std::unique_lock<std::mutex> held(mutex.m_mutex, std::adopt_lock);
     m_condition.wait(held, done);
     held.release();  // the caller still holds it
+  }
+  // As wait(), giving up at `deadline`; returns done()'s last answer.
+  template <typename Clock, typename Duration, typename Predicate>
+  bool waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline, Predicate done)
+      REQUIRES(mutex) {
+    std::unique_lock<std::mutex> held(mutex.m_mutex, std::adopt_lock);
+    const bool result = m_condition.wait_until(held, deadline, done);
+    held.release();
+    return result;
   }
 
  private:

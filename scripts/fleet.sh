@@ -8,11 +8,22 @@
 # messages as a cluster's nodes do:
 # the first comes back once the engines are done and hands its subscriber
 # what it had accepted before it stopped. Everything runs on loopback and
-# ends within FLEET_SECONDS; one line sums it up:
+# ends within FLEET_SECONDS; one line sums it up, three more report from the
+# subscribers and the engines' metrics files (scripts/fleet_report.py), and
+# the last names the run's folder, which stays:
 #
 #   fleet: N engines, V of V VMs done, A of A alerts delivered, F broker switches, <seconds> s, <evictions/s>, <alerts/s>
+#   fleet: by broker 127.0.0.1:P1 <n>, 127.0.0.1:P2 <m>; <d> duplicates; <k> left in outboxes
+#   fleet: delivery p50 <x> ms, p99 <y> ms, max <z> ms; <f> failed passes; <e> HTTP errors
+#   fleet: picture <folder>/fleet.png
+#   fleet: files in <folder>
 #
 # The seconds are those of the engines, from the first start to the last exit.
+# Delivery is from an engine simulator's raise of its own alert to its first
+# arrival at a subscriber; HTTP errors are exchanges not answered 2xx. The
+# picture, drawn with gnuplot, shows the alerts delivered per second through
+# each broker, the alerts waiting across the engines (their metrics files,
+# summed every half second) and when broker 1 stopped.
 # Exit status 0 only when every VM is done and every alert an engine raised
 # reached a subscriber of one broker or the other; 1 otherwise, 2 for bad use.
 #
@@ -34,7 +45,8 @@ for value in "$engines" "$vms" "$alerts_per_poll" "$job_seconds" "$bound"; do
   [[ "$value" =~ ^[1-9][0-9]*$ ]] || { echo "fleet: counts and seconds must be positive whole numbers, not '$value'" >&2; exit 2; }
 done
 bin="$build/bin"
-for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" /usr/sbin/mosquitto "$(command -v mosquitto_sub || true)"; do
+for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" /usr/sbin/mosquitto "$(command -v mosquitto_sub || true)" \
+  "$(command -v gnuplot || true)"; do
   [[ -n "$program" && -x "$program" ]] || { echo "fleet: missing $program (run 'make fleet')" >&2; exit 2; }
 done
 
@@ -111,9 +123,10 @@ wait_for "the master simulator to listen" grep -qs 'listening on' "$work/master-
 master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
 
 # A subscriber per broker, as the master's own: QoS 1, a session that
-# outlives its connection.
+# outlives its connection. Each line is the arrival time and the payload.
 for n in 1 2; do
-  mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" >"$work/alerts-$n.jsonl" &
+  mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" -F '%U %p' \
+    >"$work/alerts-$n.jsonl" &
   pids+=($!)
   wait_for "the subscriber of broker $n" grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$n/mosquitto.log"
 done
@@ -133,20 +146,33 @@ ksqd_url = $master_url
 broker = 127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}
 outbox = $dir/outbox.db
 http_timeout = 10
+metrics_file = $dir/metrics.prom
+metrics_interval = 1
 CONF
   # The library of this build tree, by path: a sanitizer's dlopen does not
   # see the simulator's RUNPATH.
   KEEPSTONE_CONF="$dir/keepstone.conf" KSU_LOG_FILE="$dir/kscdp.log" \
     "$bin/kscdp-engine-sim" --library "$build/lib/libkscdp.so.1" --vms "$vms" --seed "$i" \
-    --poll-interval "$poll_interval" --timeout "$bound" --alerts-per-poll "$alerts_per_poll" >"$dir/engine.out" 2>&1 &
+    --poll-interval "$poll_interval" --timeout "$bound" --alerts-per-poll "$alerts_per_poll" \
+    --alert-times "$dir/alert-times.tsv" >"$dir/engine.out" 2>&1 &
   engine_pids+=($!)
   pids+=($!)
 done
+
+# The alerts waiting across the engines, as their metrics files tell, every
+# half second, for the picture.
+while true; do
+  echo "$(date +%s.%N) $(cat "$work"/engine-*/metrics.prom 2>/dev/null | awk '$1 == "kscdp_alerts_waiting" { s += $2 } END { print s + 0 }')"
+  sleep 0.5
+done >"$work/waiting.tsv" &
+sampler_pid=$!
+pids+=($!)
 
 half_evicted() {
   (($(cat "$work"/engine-*/engine.out | grep -c '^call_evict_data:') * 2 >= engines))
 }
 wait_for "half of the engines to evict their VMs" half_evicted
+broker_stopped=$(date +%s.%N)
 kill -TERM "${broker_pid[1]}"
 wait "${broker_pid[1]}" || true
 echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
@@ -162,6 +188,7 @@ until ! any_engine_running; do
 done
 seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
 for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
+kill "$sampler_pid" 2>/dev/null || true
 
 start_broker 1 "${broker_port[1]}"
 
@@ -177,7 +204,7 @@ for i in $(seq "$engines"); do
 done
 # Every alert names a VM of its own (and its engine's host), so distinct
 # payloads are distinct alerts; a payload seen twice was delivered twice.
-delivered() { sort -u "$work/alerts-1.jsonl" "$work/alerts-2.jsonl" | wc -l; }
+delivered() { cut -d ' ' -f 2- "$work/alerts-1.jsonl" "$work/alerts-2.jsonl" | sort -u | wc -l; }
 until (($(delivered) >= alerts_raised)); do
   if ((SECONDS - started >= bound)); then
     echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for the alerts to arrive" >&2
@@ -194,10 +221,12 @@ summary=$(awk -v e="$engines" -v vd="$vms_done" -v vt="$vms_total" -v ad="$alert
     printf "fleet: %d engines, %d of %d VMs done, %d of %d alerts delivered, %d broker switches, %.1f s, %.1f evictions/s, %.0f alerts/s",
       e, vd, vt, ad, ar, f, s, vt / s, ar / s }')
 echo "$summary"
+trap - EXIT
+cleanup
+/usr/bin/python3 "$(dirname "$0")/fleet_report.py" "$work" "127.0.0.1:${broker_port[1]}" "127.0.0.1:${broker_port[2]}" \
+  "$run_started" "$broker_stopped"
 if ((vms_done != vms_total || alerts_delivered != alerts_raised)); then
   echo "fleet: not every VM done or not every alert delivered; files in $work" >&2
-  trap - EXIT
-  cleanup
   exit 1
 fi
-rm -rf "$work"
+echo "fleet: files in $work"

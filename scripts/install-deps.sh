@@ -14,6 +14,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-dev valgrind python3
   dpkg-dev lintian mandoc abigail-tools
+  python3-prometheus-client gnuplot-nox
 )
 
 missing=()

@@ -28,9 +28,8 @@ struct ConfigValues {
   std::vector<UnknownKey> unknownKeys;          // in the order of their lines
 };
 
-// Every key the file may hold: the library's own two, the stand-ins' keys,
-// and those reserved for features still to come (metrics_file,
-// metrics_interval, outbox_sync, cert_file, key_file). The one list of them.
+// Every key the file may hold: the library's own two and the stand-ins' keys.
+// The one list of them.
 const std::vector<std::string>& knownConfigKeys();
 
 // The value of `key`, or `fallback` when the key is absent.

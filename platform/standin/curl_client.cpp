@@ -10,6 +10,7 @@
 
 #include "curl_exchange.h"
 #include "http_settings.h"
+#include "metrics.h"
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
 #include "service_url.h"
@@ -56,6 +57,7 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
     return CURLE_OUT_OF_MEMORY;
   }
   const CURLcode result = last->perform(function, baseUrl + "/" + path, payload, settings);
+  standin::metrics::httpExchange(standin::metrics::HttpService::kJobs, last->responseCode(), last->took());
   if (result != CURLE_OK) return result;
   code = last->responseCode();
   body.swap(last->body());

@@ -37,6 +37,14 @@ bool CurlExchange::addHeader(const std::string& line) {
 
 CURLcode CurlExchange::perform(const char* function, const std::string& url, const std::string* postBody,
                                const CurlSettings& settings) {
+  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  const CURLcode result = performOnce(function, url, postBody, settings);
+  m_took = std::chrono::steady_clock::now() - started;
+  return result;
+}
+
+CURLcode CurlExchange::performOnce(const char* function, const std::string& url, const std::string* postBody,
+                                   const CurlSettings& settings) {
   m_answered = false;
   m_connected = false;
   m_responseCode = 0;

@@ -5,6 +5,7 @@
 
 #include <curl/curl.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -50,6 +51,9 @@ class CurlExchange {
   CURLcode perform(const char* function, const std::string& url, const std::string* postBody,
                    const CurlSettings& settings);
 
+  // How long the last exchange took, from the call of perform() to its return.
+  std::chrono::steady_clock::duration took() const { return m_took; }
+
   // Why the last exchange failed, as libcurl words it.
   std::string errorText() const { return m_errorText; }
   // Whether the last exchange got as far as a connection.
@@ -68,6 +72,9 @@ class CurlExchange {
   bool header(const char* name, std::string& value) const;
 
  private:
+  CURLcode performOnce(const char* function, const std::string& url, const std::string* postBody,
+                       const CurlSettings& settings);
+
   struct HandleRelease {
     void operator()(CURL* easy) const { giveBackEasyHandle(easy); }
   };
@@ -80,6 +87,7 @@ class CurlExchange {
   bool m_answered = false;
   std::string m_errorText;
   bool m_connected = false;
+  std::chrono::steady_clock::duration m_took{0};
   // Last, so that it is given back before the members above that it points at.
   std::unique_ptr<CURL, HandleRelease> m_easy;
 };

@@ -8,7 +8,10 @@ namespace {
 
 // Outermost first: a publisher reads the configuration and logs while it
 // holds its locks; nothing calls into a publisher while it holds the log's.
-const ForkHooks* const kOuterFirst[] = {&kPublisherForkHooks, &kConfigForkHooks, &kCurlForkHooks, &kLogForkHooks};
+// The metrics writer holds its lock only while it starts or ends; the
+// counts' locks are innermost, held around a copy or a queue's own lock.
+const ForkHooks* const kOuterFirst[] = {&kMetricsWriterForkHooks, &kPublisherForkHooks, &kConfigForkHooks,
+                                        &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks};
 const int kParts = sizeof kOuterFirst / sizeof kOuterFirst[0];
 
 void prepare() {

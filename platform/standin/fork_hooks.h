@@ -15,10 +15,12 @@ struct ForkHooks {
   void (*child)();
 };
 
-extern const ForkHooks kPublisherForkHooks;  // the live publishers and their outboxes
-extern const ForkHooks kConfigForkHooks;     // the configuration snapshot
-extern const ForkHooks kCurlForkHooks;       // the pool of libcurl handles
-extern const ForkHooks kLogForkHooks;        // the log file
+extern const ForkHooks kPublisherForkHooks;      // the live publishers and their outboxes
+extern const ForkHooks kConfigForkHooks;         // the configuration snapshot
+extern const ForkHooks kCurlForkHooks;           // the pool of libcurl handles
+extern const ForkHooks kLogForkHooks;            // the log file
+extern const ForkHooks kMetricsWriterForkHooks;  // the metrics file's writer
+extern const ForkHooks kMetricsForkHooks;        // the counts of the metrics file
 
 }  // namespace standin
 

@@ -30,11 +30,13 @@
 #include "curl_exchange.h"
 #include "http_settings.h"
 #include "ksqd_url.h"
+#include "metrics.h"
 #include "platform/ksu_log.h"
 
 namespace {
 
 const char kFunction[] = "invoke_ksqd_cct_request";
+const int kManualBackupKind = 1;
 
 void addHeader(standin::CurlExchange& exchange, const std::string& header) {
   if (!exchange.addHeader(header)) throw std::bad_alloc();
@@ -73,11 +75,14 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   const CURLcode sent = exchange.perform(kFunction, url, &body, settings);
   const long status = exchange.responseCode();
   const bool accepted = status >= 200 && status <= 299;
+  standin::metrics::httpExchange(standin::metrics::HttpService::kDaemon, status, exchange.took());
   if (sent != CURLE_OK) {
     // A 2xx answer cut off for its size still says the daemon accepted.
     return accepted && exchange.answerTooLarge() ? static_cast<int>(status) : -static_cast<int>(sent);
   }
 
+  // A manual backup the daemon answered 2xx for is one VM's eviction requested.
+  if (accepted && kind == kManualBackupKind) standin::metrics::evictionRequested();
   if (!accepted) {
     const int daemonStatus = ksqdStatus(exchange);
     return daemonStatus != 0 ? daemonStatus : static_cast<int>(status);

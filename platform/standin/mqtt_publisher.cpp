@@ -12,6 +12,7 @@
 #include <exception>
 #include <system_error>
 
+#include "metrics.h"
 #include "mosquitto_library.h"
 #include "mqtt_client_setup.h"
 #include "platform/ksu_log.h"
@@ -289,6 +290,7 @@ void MqttPublisher::connectionFailed(const std::string& what) {
 void MqttPublisher::closeClient() {
   if (m_client != nullptr) mosquitto_destroy(m_client);
   m_client = nullptr;
+  if (m_connected) metrics::brokerDisconnected();
   m_connected = false;
   m_refusedCode = 0;
   m_events.takeBack();  // the next connection sends them again
@@ -334,6 +336,7 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
       logFailure("switched from broker " + left + " to broker " + publisher->m_broker);
     }
     publisher->m_lastReached = publisher->m_broker;
+    metrics::brokerConnected(publisher->m_broker, !left.empty() && left != publisher->m_broker);
   } catch (...) {
     // Only a log line could not be written; the connection stands.
   }

@@ -1,10 +1,13 @@
 #include "pending_events.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace standin {
 
-PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) {}
+PendingEvents::PendingEvents(size_t capacity) : m_capacity(capacity) { metrics::watchQueue(this); }
+
+PendingEvents::~PendingEvents() { metrics::unwatchQueue(this); }
 
 bool PendingEvents::full() const {
   port::MutexLock lock(m_mutex);
@@ -13,12 +16,13 @@ bool PendingEvents::full() const {
 
 void PendingEvents::push(std::string payload, int64_t outboxId) {
   port::MutexLock lock(m_mutex);
+  Event event{std::move(payload), outboxId, 0, Clock::now()};
   if (!m_holding) {
-    m_events.push_back(Event{std::move(payload), outboxId, 0});
+    m_events.push_back(std::move(event));
     return;
   }
   if (m_firstHeldId == 0) m_firstHeldId = outboxId;
-  m_held.push_back(StoredEvent{outboxId, std::move(payload)});
+  m_held.push_back(std::move(event));
 }
 
 void PendingEvents::holdForBacklog() {
@@ -31,7 +35,7 @@ size_t PendingEvents::queueBacklog(const std::vector<StoredEvent>& page) {
   size_t queued = 0;
   for (const StoredEvent& event : page) {
     if (m_firstHeldId != 0 && event.id >= m_firstHeldId) break;  // held already, in the order pushed
-    m_events.push_back(Event{event.payload, event.id, 0});
+    m_events.push_back(Event{event.payload, event.id, 0, Clock::now()});
     ++queued;
   }
   return queued;
@@ -40,16 +44,16 @@ size_t PendingEvents::queueBacklog(const std::vector<StoredEvent>& page) {
 void PendingEvents::storeHeldAgain(const std::function<int64_t(const std::string& payload)>& store) {
   port::MutexLock lock(m_mutex);
   m_firstHeldId = 0;
-  for (StoredEvent& event : m_held) {
-    event.id = store(event.payload);
-    if (m_firstHeldId == 0) m_firstHeldId = event.id;
+  for (Event& event : m_held) {
+    event.outboxId = store(event.payload);
+    if (m_firstHeldId == 0) m_firstHeldId = event.outboxId;
   }
 }
 
 void PendingEvents::releaseHeld() {
   port::MutexLock lock(m_mutex);
-  for (StoredEvent& event : m_held) m_events.push_back(Event{std::move(event.payload), event.id, 0});
-  std::vector<StoredEvent>().swap(m_held);
+  for (Event& event : m_held) m_events.push_back(std::move(event));
+  std::vector<Event>().swap(m_held);
   m_firstHeldId = 0;
   m_holding = false;
 }
@@ -79,6 +83,7 @@ int64_t PendingEvents::acknowledge(int messageId) {
   for (size_t i = 0; i < m_handedOver; ++i) {
     if (m_events[i].messageId == messageId) {
       const int64_t outboxId = m_events[i].outboxId;
+      metrics::alertDelivered(Clock::now() - m_events[i].accepted);
       m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
       --m_handedOver;
       return outboxId;
@@ -100,12 +105,34 @@ size_t PendingEvents::size() const {
 PendingEvents::Dropped PendingEvents::clear() {
   port::MutexLock lock(m_mutex);
   Dropped dropped{0, 0};
-  for (const Event& event : m_events) ++(event.outboxId != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
-  for (const StoredEvent& event : m_held) ++(event.id != 0 ? dropped.inOutbox : dropped.inMemoryOnly);
+  for (const Event& event : m_events) countDropped(event, dropped);
+  for (const Event& event : m_held) countDropped(event, dropped);
   m_events.clear();
   m_held.clear();
   m_handedOver = 0;
   return dropped;
+}
+
+void PendingEvents::countDropped(const Event& event, Dropped& dropped) {
+  if (event.outboxId == 0) {
+    ++dropped.inMemoryOnly;
+    return;
+  }
+  ++dropped.inOutbox;
+  if (m_leftInOutbox.count++ == 0 || event.accepted < m_leftInOutbox.oldest) m_leftInOutbox.oldest = event.accepted;
+}
+
+metrics::Waiting PendingEvents::waiting() const {
+  port::MutexLock lock(m_mutex);
+  metrics::Waiting waiting = m_leftInOutbox;
+  // Each list is oldest first.
+  const auto add = [&waiting](size_t count, const Event& first) {
+    waiting.oldest = waiting.count == 0 ? first.accepted : std::min(waiting.oldest, first.accepted);
+    waiting.count += count;
+  };
+  if (!m_events.empty()) add(m_events.size(), m_events.front());
+  if (!m_held.empty()) add(m_held.size(), m_held.front());
+  return waiting;
 }
 
 }  // namespace standin

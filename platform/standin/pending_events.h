@@ -2,6 +2,7 @@
 #ifndef KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 #define KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "metrics.h"
 #include "port/mutex.h"
 #include "stored_event.h"
 
@@ -31,7 +33,13 @@ namespace standin {
 // backlog's calls are for one thread, the connection's. A push and the
 // outbox append that gave its id must not be separated by a queueBacklog():
 // the caller holds one lock across each.
-class PendingEvents {
+//
+// While it lives, the queue is one of those the metrics file sums: an event
+// counts as waiting from push() (a backlog's from when it is queued) to its
+// acknowledgement, and as delivered (with the time it waited) at that. Events
+// that clear() drops but the outbox keeps still count as waiting, for the
+// next publisher to send.
+class PendingEvents : public metrics::WaitingQueue {
  public:
   // Hands one payload to the connection; fills the message id and returns
   // true, or returns false when the connection refused it.
@@ -42,7 +50,11 @@ class PendingEvents {
     size_t inMemoryOnly;
   };
 
+  // Throws std::bad_alloc when the metrics registry cannot take the queue.
   explicit PendingEvents(size_t capacity);
+  ~PendingEvents();
+  PendingEvents(const PendingEvents&) = delete;
+  PendingEvents& operator=(const PendingEvents&) = delete;
 
   // True when `capacity` events are waiting, held ones included: push() and
   // queueBacklog() take events that were accepted anyway.
@@ -71,20 +83,29 @@ class PendingEvents {
   size_t size() const;
   // Drops every event, held ones included, and returns how many there were.
   Dropped clear();
+  // How many events wait, and since when the oldest does.
+  metrics::Waiting waiting() const override;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   struct Event {
     std::string payload;
     int64_t outboxId;
     int messageId;  // meaningful for the first m_handedOver events only
+    Clock::time_point accepted;
   };
+
+  // Counts an event that clear() drops.
+  void countDropped(const Event& event, Dropped& dropped) REQUIRES(m_mutex);
 
   const size_t m_capacity;
   mutable port::Mutex m_mutex;
   std::deque<Event> m_events GUARDED_BY(m_mutex);
-  size_t m_handedOver GUARDED_BY(m_mutex) = 0;  // m_events[0, m_handedOver) are with the connection
+  size_t m_handedOver GUARDED_BY(m_mutex) = 0;          // m_events[0, m_handedOver) are with the connection
+  metrics::Waiting m_leftInOutbox GUARDED_BY(m_mutex);  // those clear() dropped that the outbox keeps
   bool m_holding GUARDED_BY(m_mutex) = true;
-  std::vector<StoredEvent> m_held GUARDED_BY(m_mutex);
+  std::vector<Event> m_held GUARDED_BY(m_mutex);
   int64_t m_firstHeldId GUARDED_BY(m_mutex) = 0;  // of the first held event in the outbox; 0: none yet
 };
 

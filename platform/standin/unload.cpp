@@ -2,6 +2,8 @@
 // or when the process exits with no publisher left.
 #include "unload.h"
 
+#include "metrics.h"
+#include "metrics_writer.h"
 #include "mosquitto_library.h"
 
 namespace standin {
@@ -9,8 +11,10 @@ namespace {
 
 struct ReleaseAtUnload {
   ~ReleaseAtUnload() {
+    stopMetricsWriter();
     // A live publisher's thread may still log and read the configuration.
     if (!releasePublisherRegistry()) return;
+    metrics::releaseQueueRegistry();
     releaseConfigSnapshot();
     releaseLogSink();
     releaseMosquittoLibrary();

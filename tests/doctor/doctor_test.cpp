@@ -2,8 +2,11 @@
 // configuration file, the master simulator on loopback and a mosquitto
 // broker. In every case the doctor must name the broken link, end in time,
 // and start no backup.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <jansson.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -24,7 +27,8 @@
 namespace {
 
 // The checks in the order the doctor reports them.
-const char kCheckIds[] = "config master-name rest daemon broker log outbox certificate broker-certificate plaintext";
+const char kCheckIds[] =
+    "config master-name rest daemon broker log outbox certificate broker-certificate plaintext metrics";
 
 const char kAllWell[] =
     "server = 127.0.0.1\nhost_name = cdp-host\nrest_url = {master}\nksqd_url = {master}\nbroker = {broker}\n";
@@ -244,6 +248,52 @@ TEST_F(DoctorTest, AnOutboxDirectoryTheEngineCanMakeIsOk) {
     EXPECT_NE(check.detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << check.detail;
   }
   EXPECT_FALSE(std::filesystem::exists(integration::scratchPath("fresh")));
+}
+
+// The metrics file's age against three intervals of 10 s: stale is a
+// warning only while an engine holds the outbox (its lock file's flock,
+// taken here as an engine takes it).
+TEST_F(DoctorTest, TellsTheMetricsFilesAgeAndWhetherItIsFresh) {
+  const std::string metrics = integration::scratchPath("doctor-metrics.prom");
+  const std::string outbox = integration::scratchPath("outbox.db");
+  writeConfig(std::string(kAllWell) + "metrics_file = " + metrics + "\nmetrics_interval = 10\n");
+  const struct {
+    int ageSeconds;  // -1: no file
+    bool engineRuns;
+    const char* expected;  // status, then a part of the detail
+  } rows[] = {{-1, false, "ok No such file or directory; the engine writes it"},
+              {-1, true, "warning No such file or directory while an engine holds the outbox"},
+              {5, true, "ok s ago (every 10 s): fresh"},
+              {40, true, "warning older than three intervals while an engine holds the outbox"},
+              {40, false, "ok no engine runs now"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.expected);
+    std::remove(metrics.c_str());
+    if (row.ageSeconds >= 0) {
+      std::ofstream(metrics) << "kscdp_alerts_waiting 0\n";
+      std::filesystem::last_write_time(
+          metrics, std::filesystem::file_time_type::clock::now() - std::chrono::seconds(row.ageSeconds));
+    }
+    const int lock = open((outbox + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(lock, 0);
+    if (row.engineRuns) {
+      ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    }
+    const DoctorRun run = runDoctor("--json");
+    close(lock);
+    const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
+    json_t* check = json_array_get(json_object_get(document.get(), "checks"), 10);
+    const std::string status = json_string_value(json_object_get(check, "status"));
+    const std::string detail = json_string_value(json_object_get(check, "detail"));
+    const std::string expected = row.expected;
+    EXPECT_EQ(status, expected.substr(0, expected.find(' ')));
+    EXPECT_NE(detail.find(metrics), std::string::npos) << detail;
+    EXPECT_NE(detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << detail;
+    if (row.ageSeconds >= 0) {
+      EXPECT_NEAR(json_integer_value(json_object_get(check, "ageSeconds")), row.ageSeconds, 2);
+      EXPECT_EQ(json_integer_value(json_object_get(check, "fresh")), row.ageSeconds <= 30 ? 1 : 0);
+    }
+  }
 }
 
 TEST_F(DoctorTest, JudgesTheHostsCertificatesAndPresentsThemToAMasterThatAuthenticatesItsHosts) {

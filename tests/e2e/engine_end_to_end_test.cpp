@@ -115,7 +115,8 @@ class EngineEndToEndTest : public ::testing::Test {
     ASSERT_TRUE(m_master.start());
     integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + m_master.url() +
                              "\nksqd_url = " + m_master.url() + "\nbroker = " + m_broker.address() +
-                             "\noutbox = " + integration::scratchPath("e2e-outbox.db") + "\n");
+                             "\noutbox = " + integration::scratchPath("e2e-outbox.db") +
+                             "\nmetrics_file = " + integration::scratchPath("e2e.prom") + "\nmetrics_interval = 1\n");
   }
 
   void TearDown() override {
@@ -306,7 +307,8 @@ long residentMegabytes() {
 TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
   const std::string config =
       "server = 127.0.0.1\nhost_name = cdp-e2e\nhttp_timeout = 2\nbroker = " + m_broker.address() +
-      "\noutbox = " + integration::scratchPath("e2e-outbox.db") + "\n";
+      "\noutbox = " + integration::scratchPath("e2e-outbox.db") +
+      "\nmetrics_file = " + integration::scratchPath("e2e.prom") + "\nmetrics_interval = 1\n";
   const std::string log = integration::logText();
   const struct {
     const char* name;
@@ -440,7 +442,7 @@ TEST_F(EngineEndToEndTest, UnloadingWithoutAStop) {
   };
   const std::string config =
       "server = 127.0.0.1\nhost_name = cdp-e2e\noutbox = " + integration::scratchPath("unload-outbox.db") +
-      "\nbroker = ";
+      "\nmetrics_file = " + integration::scratchPath("unload.prom") + "\nmetrics_interval = 1\nbroker = ";
   const std::string checker = RUNNING_ON_VALGRIND ? "valgrind -q --error-exitcode=1 --leak-check=full "
                                                     "--errors-for-leak-kinds=definite,indirect "
                                                   : "";

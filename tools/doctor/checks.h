@@ -46,6 +46,11 @@ CheckResult checkLogFile();
 // Whether the alert publisher can write its outbox.
 CheckResult checkOutbox(const Configuration& configuration);
 
+// The metrics file (metrics_file): its age against metrics_interval, a
+// warning when it is older than three intervals while an engine holds the
+// outbox.
+CheckResult checkMetricsFile(const Configuration& configuration);
+
 // True when `host` is the master's name and that did not resolve: a check
 // of it would only repeat that failure.
 bool isUnresolvedMaster(const std::string& host, const Configuration& configuration, bool masterResolves);

@@ -22,8 +22,8 @@ const char kUsage[] =
     "usage: kscdp-doctor [--json] [--send-test-alert]\n"
     "Checks the configuration file (KEEPSTONE_CONF), the master's name, its REST jobs\n"
     "interface, the request daemon, the broker, the log file (KSU_LOG_FILE), the\n"
-    "alert outbox, the client certificates and the links in the clear. Never starts\n"
-    "a backup.\n"
+    "alert outbox, the client certificates, the links in the clear and the metrics\n"
+    "file. Never starts a backup.\n"
     "  --json             print the results as one JSON document\n"
     "  --send-test-alert  publish one test alert to the broker\n";
 
@@ -48,6 +48,7 @@ std::vector<doctor::CheckResult> runChecks(const Options& options) {
   results.push_back(doctor::checkHostCertificate(configuration));
   results.push_back(doctor::checkBrokerCertificate(configuration));
   results.push_back(doctor::checkPlaintextLinks(configuration));
+  results.push_back(doctor::checkMetricsFile(configuration));
   return results;
 }
 

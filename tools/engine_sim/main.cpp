@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "alert_times.h"
 #include "engine_library.h"
 #include "fleet.h"
 
@@ -27,12 +28,13 @@ struct Options {
   double pollInterval = 1.0;
   double timeout = 60.0;
   int alertsPerPoll = 0;
+  std::string alertTimes;  // where to write when each own alert was raised; empty: nowhere
 };
 
 const char kUsage[] =
     "usage: kscdp-engine-sim [--library PATH] [--vms N] [--seed N]\n"
     "                        [--poll-interval SECONDS] [--timeout SECONDS]\n"
-    "                        [--alerts-per-poll N]\n";
+    "                        [--alerts-per-poll N] [--alert-times FILE]\n";
 
 bool parseOptions(int argc, char** argv, Options& options) {
   // By soname, as an installed engine finds it; in the build tree this
@@ -48,8 +50,8 @@ bool parseOptions(int argc, char** argv, Options& options) {
     const char* value = argv[++i];
     char* end = nullptr;
     errno = 0;
-    if (name == "--library") {
-      options.library = value;
+    if (name == "--library" || name == "--alert-times") {
+      (name == "--library" ? options.library : options.alertTimes) = value;
       continue;
     } else if (name == "--vms") {
       options.vms = static_cast<int>(std::strtol(value, &end, 10));
@@ -102,12 +104,13 @@ void printSummary(const std::vector<evict_vm_info>& fleet) {
 // Raises --alerts-per-poll alerts 501 (full sync started), each for a VM of
 // its own, never evicted: the VM id is the seed and the alert's number, so
 // that engines of different seeds raise alerts that differ. Counts them in
-// `raised`.
-void raiseOwnAlerts(const EngineLibrary& library, const Options& options, int& raised) {
+// `raised` and notes when each was raised in `times`.
+void raiseOwnAlerts(const EngineLibrary& library, const Options& options, int& raised, AlertTimes& times) {
   for (int i = 0; i < options.alertsPerPoll; ++i) {
     char vmId[33];
     std::snprintf(vmId, sizeof vmId, "%016llx%016llx", static_cast<unsigned long long>(options.seed),
                   static_cast<unsigned long long>(raised));
+    times.raised(vmId);
     library.raise_backup_alert(vmId, 501, "");
     ++raised;
   }
@@ -117,13 +120,13 @@ void raiseOwnAlerts(const EngineLibrary& library, const Options& options, int& r
 // progress line on a terminal (one line per change otherwise). Before each
 // status call raises the alerts of --alerts-per-poll, counted in `raised`.
 void pollUntilDone(const EngineLibrary& library, const Options& options, std::vector<evict_vm_info>& fleet,
-                   vm_node_list** requested, int& raised) {
+                   vm_node_list** requested, int& raised, AlertTimes& times) {
   const bool live = isatty(STDOUT_FILENO) != 0;
   const auto start = std::chrono::steady_clock::now();
   const int total = static_cast<int>(fleet.size());
   int shown = -1;
   for (;;) {
-    raiseOwnAlerts(library, options, raised);
+    raiseOwnAlerts(library, options, raised, times);
     const int result = library.call_check_eviction_progress(total, requested);
     const int done = countDone(fleet);
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -172,7 +175,8 @@ int main(int argc, char** argv) {
   std::printf("call_evict_data: %d\n", evictResult);
 
   int raised = 0;
-  pollUntilDone(library, options, fleet, &requested, raised);
+  AlertTimes times;
+  pollUntilDone(library, options, fleet, &requested, raised, times);
 
   if (options.alertsPerPoll == 0) {
     const evict_vm_info& sample = fleet.front();
@@ -181,6 +185,8 @@ int main(int argc, char** argv) {
     std::printf("raised sample alerts 2, 18, 501, 503 for VM %s\n", sample.vm_id);
   }
   library.stop_alert_thread();
+  if (!options.alertTimes.empty() && !times.write(options.alertTimes))
+    std::fprintf(stderr, "kscdp-engine-sim: cannot write %s\n", options.alertTimes.c_str());
 
   printSummary(fleet);
   library.delete_from_vm_list(&requested);
