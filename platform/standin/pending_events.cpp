@@ -1,5 +1,6 @@
 #include "pending_events.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace standin {
@@ -31,6 +32,7 @@ void PendingEvents::handOver(size_t window, const Publish& publish) {
     int messageId = 0;
     if (!publish(next->payload, &messageId)) return;
     port::MutexLock lock(m_mutex);
+    if (m_handedOver == 0) m_firstHandedOverAt = Clock::now();
     m_events[m_handedOver].messageId = messageId;
     ++m_handedOver;
   }
@@ -43,6 +45,7 @@ int64_t PendingEvents::acknowledge(int messageId) {
       const int64_t outboxId = m_events[i].outboxId;
       m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
       --m_handedOver;
+      m_lastAcknowledgedAt = Clock::now();
       return outboxId;
     }
   }
@@ -57,6 +60,12 @@ void PendingEvents::takeBack() {
 size_t PendingEvents::size() const {
   port::MutexLock lock(m_mutex);
   return m_events.size();
+}
+
+std::optional<PendingEvents::Clock::time_point> PendingEvents::owedSince() const {
+  port::MutexLock lock(m_mutex);
+  if (m_handedOver == 0) return std::nullopt;
+  return std::max(m_firstHandedOverAt, m_lastAcknowledgedAt);
 }
 
 PendingEvents::Dropped PendingEvents::clear() {

@@ -2,10 +2,12 @@
 #ifndef KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 #define KSCDP_PLATFORM_STANDIN_PENDING_EVENTS_H_
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "port/mutex.h"
@@ -24,6 +26,7 @@ class PendingEvents {
   // Hands one payload to the connection; fills the message id and returns
   // true, or returns false when the connection refused it.
   using Publish = std::function<bool(const std::string& payload, int* messageId)>;
+  using Clock = std::chrono::steady_clock;
 
   struct Dropped {
     size_t inOutbox;
@@ -45,6 +48,10 @@ class PendingEvents {
   // The connection is gone: every event handed over to it waits again.
   void takeBack();
   size_t size() const;
+  // Since when the connection has owed an acknowledgement without giving
+  // any: the later of the oldest handed-over event's hand-over and the last
+  // acknowledgement. Empty while no event is handed over.
+  std::optional<Clock::time_point> owedSince() const;
   // Drops every event and returns how many there were.
   Dropped clear();
 
@@ -59,6 +66,10 @@ class PendingEvents {
   mutable port::Mutex m_mutex;
   std::deque<Event> m_events GUARDED_BY(m_mutex);
   size_t m_handedOver GUARDED_BY(m_mutex) = 0;  // m_events[0, m_handedOver) are with the connection
+  // When m_events[0] was handed over (meaningful while m_handedOver > 0):
+  // events are handed over oldest first, so it is the oldest hand-over.
+  Clock::time_point m_firstHandedOverAt GUARDED_BY(m_mutex);
+  Clock::time_point m_lastAcknowledgedAt GUARDED_BY(m_mutex);
 };
 
 }  // namespace standin

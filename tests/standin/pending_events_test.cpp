@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -70,6 +72,38 @@ TEST(PendingEvents, HandsOverOldestFirstWithinTheWindowAndKeepsTheUnacknowledged
   events.push("f", 0);  // a cleared queue starts as a new one
   events.handOver(3, third.publish());
   EXPECT_EQ(third.given, (std::vector<std::string>{"d", "e", "f"}));
+}
+
+// A connection owes an acknowledgement from the oldest hand-over, or from the
+// last acknowledgement when that came later; nothing once all are done or
+// taken back.
+TEST(PendingEvents, OwesAnAcknowledgementSinceTheOldestHandOverOrTheLastAcknowledgement) {
+  using Clock = standin::PendingEvents::Clock;
+  standin::PendingEvents events(10);
+  events.push("a", 0);
+  events.push("b", 0);
+  EXPECT_FALSE(events.owedSince());
+  Connection connection{10, 1, {}};
+  const Clock::time_point beforeHandOver = Clock::now();
+  events.handOver(1, connection.publish());
+  const Clock::time_point afterFirst = Clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  events.handOver(2, connection.publish());  // "b" joins: the debt still runs from "a"
+  ASSERT_TRUE(events.owedSince());
+  EXPECT_GE(*events.owedSince(), beforeHandOver);
+  EXPECT_LE(*events.owedSince(), afterFirst);
+
+  const Clock::time_point beforeAcknowledgement = Clock::now();
+  events.acknowledge(2);  // "b" before "a": progress all the same
+  EXPECT_GE(*events.owedSince(), beforeAcknowledgement);
+  events.acknowledge(1);
+  EXPECT_FALSE(events.owedSince());
+
+  events.push("c", 0);
+  events.handOver(1, connection.publish());
+  EXPECT_TRUE(events.owedSince());
+  events.takeBack();
+  EXPECT_FALSE(events.owedSince());
 }
 
 }  // namespace
