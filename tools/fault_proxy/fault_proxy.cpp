@@ -51,22 +51,23 @@ struct Chunk {
   std::string bytes;
 };
 
+size_t bufferedIn(const std::deque<Chunk>& chunks) {
+  size_t size = 0;
+  for (const Chunk& chunk : chunks) size += chunk.bytes.size();
+  return size;
+}
+
 // One client connection and its connection to the target. Bytes the client
-// sent wait in toTarget until due; the target's wait in toClient.
+// sent wait in toTarget; the target's wait in toClient until due.
 struct Link {
   int client = -1;
   int target = -1;
   bool targetConnected = false;
   bool targetEnded = false;  // the target closed: the link ends once toClient is written
   std::deque<Chunk> toTarget;
-  std::string toClient;
+  std::deque<Chunk> toClient;
   bool dead = false;
 
-  size_t bufferedToTarget() const {
-    size_t size = 0;
-    for (const Chunk& chunk : toTarget) size += chunk.bytes.size();
-    return size;
-  }
   void end(bool reset) {
     for (int fd : {client, target}) {
       if (fd < 0) continue;
@@ -87,6 +88,18 @@ bool writeSome(int fd, std::string& bytes) {
   const ssize_t written = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   if (written < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   bytes.erase(0, static_cast<size_t>(written));
+  return true;
+}
+
+// Writes the chunks of `chunks` that are due to `fd`, oldest first; false
+// when the peer is gone.
+bool writeDue(int fd, std::deque<Chunk>& chunks, Clock::time_point now) {
+  while (!chunks.empty() && chunks.front().due <= now) {
+    std::string& bytes = chunks.front().bytes;
+    if (!writeSome(fd, bytes)) return false;
+    if (!bytes.empty()) return true;
+    chunks.pop_front();
+  }
   return true;
 }
 
@@ -204,15 +217,15 @@ void FaultProxy::run() {
     } else {
       fds.push_back({m_listenFd, POLLIN, 0});
       for (Link& link : links) {
-        const bool due = !link.toTarget.empty() && link.toTarget.front().due <= now;
-        if (!link.toTarget.empty() && !due) wakeAt = std::min(wakeAt, link.toTarget.front().due);
-        const bool roomForClient = link.bufferedToTarget() < kMostBuffered;
-        fds.push_back(
-            {link.client, static_cast<short>((roomForClient ? POLLIN : 0) | (link.toClient.empty() ? 0 : POLLOUT)), 0});
-        const bool targetReadable = !link.targetEnded && link.toClient.size() < kMostBuffered;
-        fds.push_back({link.target,
-                       static_cast<short>((targetReadable ? POLLIN : 0) | (!link.targetConnected || due ? POLLOUT : 0)),
-                       0});
+        const bool answerDue = !link.toClient.empty() && link.toClient.front().due <= now;
+        if (!link.toClient.empty() && !answerDue) wakeAt = std::min(wakeAt, link.toClient.front().due);
+        const bool clientReadable = bufferedIn(link.toTarget) < kMostBuffered;
+        fds.push_back({link.client, static_cast<short>((clientReadable ? POLLIN : 0) | (answerDue ? POLLOUT : 0)), 0});
+        const bool targetReadable = !link.targetEnded && bufferedIn(link.toClient) < kMostBuffered;
+        const bool targetWritable = !link.targetConnected || !link.toTarget.empty();
+        // Once the target has closed, only its answers wait: a closed socket would always be ready.
+        fds.push_back({link.targetEnded ? -1 : link.target,
+                       static_cast<short>((targetReadable ? POLLIN : 0) | (targetWritable ? POLLOUT : 0)), 0});
       }
     }
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(wakeAt - now).count();
@@ -246,22 +259,11 @@ void FaultProxy::run() {
           link.end(got < 0);
           continue;
         }
-        if (got == 1) {
-          const Duration latency = after < fault.delayedUntil ? fault.latency : Duration(0);
-          link.toTarget.push_back(Chunk{after + latency, std::move(bytes)});
-        }
+        if (got == 1) link.toTarget.push_back(Chunk{after, std::move(bytes)});
       }
-      if (link.targetConnected) {
-        while (!link.toTarget.empty() && link.toTarget.front().due <= after) {
-          std::string& bytes = link.toTarget.front().bytes;
-          if (!writeSome(link.target, bytes)) {
-            link.end(true);
-            break;
-          }
-          if (!bytes.empty()) break;
-          link.toTarget.pop_front();
-        }
-        if (link.dead) continue;
+      if (link.targetConnected && !writeDue(link.target, link.toTarget, after)) {
+        link.end(true);
+        continue;
       }
       if (link.targetConnected && (targetReady & (POLLIN | POLLERR | POLLHUP)) != 0) {
         std::string bytes;
@@ -276,10 +278,11 @@ void FaultProxy::run() {
             link.end(true);
             continue;
           }
-          link.toClient += bytes;
+          const Duration latency = after < fault.delayedUntil ? fault.latency : Duration(0);
+          link.toClient.push_back(Chunk{after + latency, std::move(bytes)});
         }
       }
-      if (!link.toClient.empty() && !writeSome(link.client, link.toClient)) {
+      if (!writeDue(link.client, link.toClient, after)) {
         link.end(true);
         continue;
       }

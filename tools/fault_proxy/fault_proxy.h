@@ -34,7 +34,8 @@ class FaultProxy {
   // For `duration`: nothing moves either way, no connection is accepted or
   // closed; bytes wait in the kernel's buffers as behind a partition.
   void freeze(Duration duration);
-  // For `duration`: what a client sends reaches the target `latency` later.
+  // For `duration`: what the target answers reaches the client `latency`
+  // later (the target reads requests at once, as behind a slow service).
   void delay(Duration latency, Duration duration);
   // The next `count` answers the target starts to give (on any connection)
   // end the connection with a reset to both sides instead: the target has
