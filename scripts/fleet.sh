@@ -12,13 +12,19 @@
 #
 #   fleet: N engines, V of V VMs done, A of A alerts delivered, F broker switches, <seconds> s, <evictions/s>, <alerts/s>
 #
+# With FLEET_BROKERS=rabbitmq the brokers are instead a three-node RabbitMQ
+# cluster with its MQTT plugin (Debian's rabbitmq-server, installed when
+# missing, as scripts/install-deps.sh does): the engines list nodes 2, 3 and
+# 1, the subscriber uses node 1, and node 2 is killed -9 halfway, never to
+# come back.
+#
 # The seconds are those of the engines, from the first start to the last exit.
 # Exit status 0 only when every VM is done and every alert an engine raised
 # reached a subscriber of one broker or the other; 1 otherwise, 2 for bad use.
 #
 #   scripts/fleet.sh [BUILD_DIR]
 #   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_ALERTS_PER_POLL (5),
-#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120)
+#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq)
 set -euo pipefail
 
 build=${1:-build}
@@ -27,12 +33,19 @@ vms=${FLEET_VMS:-5}
 alerts_per_poll=${FLEET_ALERTS_PER_POLL:-5}
 job_seconds=${FLEET_JOB_SECONDS:-4}
 bound=${FLEET_SECONDS:-120}
+brokers=${FLEET_BROKERS:-mosquitto}
 poll_interval=0.5
 topic=keepstone/notifications
 
 for value in "$engines" "$vms" "$alerts_per_poll" "$job_seconds" "$bound"; do
   [[ "$value" =~ ^[1-9][0-9]*$ ]] || { echo "fleet: counts and seconds must be positive whole numbers, not '$value'" >&2; exit 2; }
 done
+[[ "$brokers" == mosquitto || "$brokers" == rabbitmq ]] ||
+  { echo "fleet: FLEET_BROKERS is mosquitto or rabbitmq, not '$brokers'" >&2; exit 2; }
+if [[ "$brokers" == rabbitmq ]]; then
+  bash "$(dirname "$0")/install-deps.sh" rabbitmq-server >/dev/null ||
+    { echo "fleet: cannot install rabbitmq-server" >&2; exit 2; }
+fi
 bin="$build/bin"
 for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" /usr/sbin/mosquitto "$(command -v mosquitto_sub || true)"; do
   [[ -n "$program" && -x "$program" ]] || { echo "fleet: missing $program (run 'make fleet')" >&2; exit 2; }
@@ -43,6 +56,7 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  if declare -F stop_rabbitmq_cluster >/dev/null; then stop_rabbitmq_cluster; fi
 }
 trap cleanup EXIT
 trap 'echo; echo "fleet: interrupted" >&2; exit 130' INT TERM
@@ -97,10 +111,23 @@ broker_listens() {
   listening "$2"
 }
 declare -a broker_pid broker_port
-broker_port[1]=$(free_port)
-start_broker 1 "${broker_port[1]}"
-broker_port[2]=$(free_port)
-start_broker 2 "${broker_port[2]}"
+if [[ "$brokers" == rabbitmq ]]; then
+  # shellcheck source=scripts/rabbitmq_cluster.sh
+  . "$(dirname "$0")/rabbitmq_cluster.sh"
+  cluster_started=$(date +%s.%N)
+  start_rabbitmq_cluster
+  echo "fleet: RabbitMQ cluster of 3 nodes up in $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $cluster_started }") s"
+  subscribed=(1)
+  engine_brokers="127.0.0.1:${rabbit_mqtt_port[2]}, 127.0.0.1:${rabbit_mqtt_port[3]}, 127.0.0.1:${rabbit_mqtt_port[1]}"
+  for n in 1 2 3; do broker_port[$n]=${rabbit_mqtt_port[$n]}; done
+else
+  broker_port[1]=$(free_port)
+  start_broker 1 "${broker_port[1]}"
+  broker_port[2]=$(free_port)
+  start_broker 2 "${broker_port[2]}"
+  subscribed=(1 2)
+  engine_brokers="127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}"
+fi
 
 # A thread per connection an engine keeps open: its polls, and its last
 # request-daemon call for up to a second.
@@ -112,14 +139,20 @@ master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
 
 # A subscriber per broker, as the master's own: QoS 1, a session that
 # outlives its connection.
-for n in 1 2; do
+subscriber_ready() {
+  if [[ "$brokers" == rabbitmq ]]; then
+    rabbit_ctl "$1" list_queues name 2>/dev/null | grep -q "kscdp-fleet-$1"
+  else
+    grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$1/mosquitto.log"
+  fi
+}
+for n in "${subscribed[@]}"; do
   mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" >"$work/alerts-$n.jsonl" &
   pids+=($!)
-  wait_for "the subscriber of broker $n" grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$n/mosquitto.log"
+  wait_for "the subscriber of broker $n" subscriber_ready "$n"
 done
 
-echo "fleet: $engines engines of $vms VMs, master simulator $master_url," \
-  "brokers 127.0.0.1:${broker_port[1]} and 127.0.0.1:${broker_port[2]}; files in $work"
+echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers; files in $work"
 engine_pids=()
 run_started=$(date +%s.%N)
 for i in $(seq "$engines"); do
@@ -130,7 +163,7 @@ server = 127.0.0.1
 host_name = fleet-engine-$i
 rest_url = $master_url
 ksqd_url = $master_url
-broker = 127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}
+broker = $engine_brokers
 outbox = $dir/outbox.db
 http_timeout = 10
 CONF
@@ -147,9 +180,14 @@ half_evicted() {
   (($(cat "$work"/engine-*/engine.out | grep -c '^call_evict_data:') * 2 >= engines))
 }
 wait_for "half of the engines to evict their VMs" half_evicted
-kill -TERM "${broker_pid[1]}"
-wait "${broker_pid[1]}" || true
-echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+if [[ "$brokers" == rabbitmq ]]; then
+  kill -9 "$(rabbit_vm 2)"
+  echo "fleet: RabbitMQ node 2 killed after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+else
+  kill -TERM "${broker_pid[1]}"
+  wait "${broker_pid[1]}" || true
+  echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+fi
 
 any_engine_running() {
   local pid
@@ -163,7 +201,7 @@ done
 seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
 for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
 
-start_broker 1 "${broker_port[1]}"
+if [[ "$brokers" == mosquitto ]]; then start_broker 1 "${broker_port[1]}"; fi
 
 vms_done=0
 alerts_raised=0
@@ -177,7 +215,7 @@ for i in $(seq "$engines"); do
 done
 # Every alert names a VM of its own (and its engine's host), so distinct
 # payloads are distinct alerts; a payload seen twice was delivered twice.
-delivered() { sort -u "$work/alerts-1.jsonl" "$work/alerts-2.jsonl" | wc -l; }
+delivered() { for n in "${subscribed[@]}"; do cat "$work/alerts-$n.jsonl"; done | sort -u | wc -l; }
 until (($(delivered) >= alerts_raised)); do
   if ((SECONDS - started >= bound)); then
     echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for the alerts to arrive" >&2
