@@ -99,30 +99,10 @@ trap cleanup EXIT
 trap 'echo; echo "chaos: interrupted" >&2; exit 130' INT TERM
 
 started=$SECONDS
-within_bound() {
-  ((SECONDS - started < bound)) && return 0
-  echo "chaos: gave up after $bound s (CHAOS_SECONDS) waiting for $1; files in $work" >&2
-  exit 1
-}
-wait_for() {
-  local what=$1
-  shift
-  until "$@"; do
-    within_bound "$what"
-    sleep 0.1
-  done
-}
-port_is_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-listening() { ! port_is_free "$1"; }
-free_port() {
-  local port
-  for _ in $(seq 100); do
-    port=$((20000 + SRANDOM % 40000))
-    if port_is_free "$port"; then echo "$port"; return 0; fi
-  done
-  echo "chaos: no free port found" >&2
-  return 1
-}
+run_name=chaos
+bound_key=CHAOS_SECONDS
+# shellcheck source=scripts/site_run.sh
+. "$(dirname "$0")/site_run.sh"
 
 # Broker n on port $2, saving its subscriber's session every second, so that
 # a kill -9 keeps it.
@@ -144,7 +124,7 @@ CONF
   wait_for "broker $1 to listen on port $2" listening "$2"
 }
 for n in 1 2; do
-  broker_port[$n]=$(free_port)
+  pick_port "broker_port[$n]"
   start_broker "$n" "${broker_port[$n]}"
 done
 
@@ -248,16 +228,8 @@ for event in "${events[@]}"; do
   act "$action" $args
 done
 
-any_engine_running() {
-  local pid
-  for pid in "${engine_pid[@]}"; do kill -0 "$pid" 2>/dev/null && return 0; done
-  return 1
-}
-until ! any_engine_running; do
-  within_bound "the engines to finish"
-  sleep 0.1
-done
-seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
+wait_for_exits "${engine_pid[@]}"
+seconds=$(seconds_since "$run_started")
 declare -a engine_status
 for i in $(seq "$engines"); do
   status=0

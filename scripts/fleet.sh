@@ -62,32 +62,10 @@ trap cleanup EXIT
 trap 'echo; echo "fleet: interrupted" >&2; exit 130' INT TERM
 
 started=$SECONDS
-# Fails, naming `what`, once the run's time is up.
-within_bound() {
-  ((SECONDS - started < bound)) && return 0
-  echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for $1; files in $work" >&2
-  exit 1
-}
-# Waits, within the bound, until `command` succeeds.
-wait_for() {
-  local what=$1
-  shift
-  until "$@"; do
-    within_bound "$what"
-    sleep 0.1
-  done
-}
-port_is_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-listening() { ! port_is_free "$1"; }
-free_port() {
-  local port
-  for _ in $(seq 100); do
-    port=$((20000 + RANDOM % 40000))
-    if port_is_free "$port"; then echo "$port"; return 0; fi
-  done
-  echo "fleet: no free port found" >&2
-  return 1
-}
+run_name=fleet
+bound_key=FLEET_SECONDS
+# shellcheck source=scripts/site_run.sh
+. "$(dirname "$0")/site_run.sh"
 
 # Broker n (1 or 2) on port $2: it saves its subscriber's session when it
 # stops, and loads it when it starts again.
@@ -116,14 +94,14 @@ if [[ "$brokers" == rabbitmq ]]; then
   . "$(dirname "$0")/rabbitmq_cluster.sh"
   cluster_started=$(date +%s.%N)
   start_rabbitmq_cluster
-  echo "fleet: RabbitMQ cluster of 3 nodes up in $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $cluster_started }") s"
+  echo "fleet: RabbitMQ cluster of 3 nodes up in $(seconds_since "$cluster_started") s"
   subscribed=(1)
   engine_brokers="127.0.0.1:${rabbit_mqtt_port[2]}, 127.0.0.1:${rabbit_mqtt_port[3]}, 127.0.0.1:${rabbit_mqtt_port[1]}"
   for n in 1 2 3; do broker_port[$n]=${rabbit_mqtt_port[$n]}; done
 else
-  broker_port[1]=$(free_port)
+  pick_port "broker_port[1]"
   start_broker 1 "${broker_port[1]}"
-  broker_port[2]=$(free_port)
+  pick_port "broker_port[2]"
   start_broker 2 "${broker_port[2]}"
   subscribed=(1 2)
   engine_brokers="127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}"
@@ -182,23 +160,15 @@ half_evicted() {
 wait_for "half of the engines to evict their VMs" half_evicted
 if [[ "$brokers" == rabbitmq ]]; then
   kill -9 "$(rabbit_vm 2)"
-  echo "fleet: RabbitMQ node 2 killed after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+  echo "fleet: RabbitMQ node 2 killed after $(seconds_since "$run_started") s"
 else
   kill -TERM "${broker_pid[1]}"
   wait "${broker_pid[1]}" || true
-  echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+  echo "fleet: broker 1 stopped after $(seconds_since "$run_started") s"
 fi
 
-any_engine_running() {
-  local pid
-  for pid in "${engine_pids[@]}"; do kill -0 "$pid" 2>/dev/null && return 0; done
-  return 1
-}
-until ! any_engine_running; do
-  within_bound "the engines to finish"
-  sleep 0.1
-done
-seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
+wait_for_exits "${engine_pids[@]}"
+seconds=$(seconds_since "$run_started")
 for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
 
 if [[ "$brokers" == mosquitto ]]; then start_broker 1 "${broker_port[1]}"; fi

@@ -1,5 +1,5 @@
 # A three-node RabbitMQ cluster on loopback with the MQTT plugin, for
-# scripts/fleet.sh (sourced; it uses its work, pids, wait_for and free_port).
+# scripts/fleet.sh (sourced; it uses its work, pids, wait_for and pick_port).
 # Each node has its own name (kscdp-N@localhost), ports and data directory
 # under $work/rabbitmq-N; the Erlang cookie lives in $work, never in the
 # user's home. Debian's rabbitmq-server runs the nodes as this user.
@@ -15,10 +15,10 @@ rabbit_ctl() { HOME="$work" "$rabbitmq_bin/rabbitmqctl" -n "kscdp-$1@localhost" 
 start_rabbit_node() {
   local dir="$work/rabbitmq-$1"
   mkdir -p "$dir"
-  rabbit_mqtt_port[$1]=$(free_port)
+  pick_port "rabbit_mqtt_port[$1]"
   local amqp_port dist_port
-  amqp_port=$(free_port)
-  dist_port=$(free_port)
+  pick_port amqp_port
+  pick_port dist_port
   echo "[rabbitmq_mqtt]." >"$dir/enabled_plugins"
   cat >"$dir/rabbitmq.conf" <<CONF
 listeners.tcp.default = 127.0.0.1:$amqp_port
