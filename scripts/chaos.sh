@@ -104,8 +104,10 @@ bound_key=CHAOS_SECONDS
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
 
-# Broker n on port $2, saving its subscriber's session every second, so that
-# a kill -9 keeps it.
+# Broker n on port $2. It saves its state (its subscriber's session and the
+# messages queued for it) after every change: a standalone broker acknowledges
+# a message before it is on disk, and a kill -9 would otherwise lose what it
+# acknowledged since its last save, which no publisher can send again.
 declare -a broker_pid broker_port
 start_broker() {
   local dir="$work/broker-$1"
@@ -116,6 +118,7 @@ allow_anonymous true
 persistence true
 persistence_location $dir/
 autosave_interval 1
+autosave_on_changes true
 max_queued_messages 0
 CONF
   /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
