@@ -15,6 +15,7 @@
 #include <deque>
 #include <list>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 namespace faultproxy {
@@ -140,7 +141,13 @@ FaultProxy::FaultProxy(int listenPort, const std::string& targetHost, int target
     close(m_listenFd);
     throw error;
   }
-  m_thread = std::thread(&FaultProxy::run, this);
+  try {
+    m_thread = std::thread(&FaultProxy::run, this);
+  } catch (const std::system_error&) {
+    close(m_wakeFd);
+    close(m_listenFd);
+    throw;
+  }
 }
 
 FaultProxy::~FaultProxy() {
