@@ -104,31 +104,16 @@ bound_key=CHAOS_SECONDS
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
 
-# Broker n on port $2. It saves its state (its subscriber's session and the
-# messages queued for it) after every change: a standalone broker acknowledges
-# a message before it is on disk, and a kill -9 would otherwise lose what it
-# acknowledged since its last save, which no publisher can send again.
-declare -a broker_pid broker_port
-start_broker() {
-  local dir="$work/broker-$1"
-  mkdir -p "$dir"
-  cat >"$dir/mosquitto.conf" <<CONF
-listener $2 127.0.0.1
-allow_anonymous true
-persistence true
-persistence_location $dir/
-autosave_interval 1
-autosave_on_changes true
-max_queued_messages 0
-CONF
-  /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
-  broker_pid[$1]=$!
-  pids+=($!)
-  wait_for "broker $1 to listen on port $2" listening "$2"
-}
+# The brokers save their state after every change too: a standalone broker
+# acknowledges a message before it is on disk, and a kill -9 would otherwise
+# lose what it acknowledged since its last save, which no publisher can send
+# again.
+declare -a broker_port
+broker_saves="autosave_interval 1
+autosave_on_changes true"
 for n in 1 2; do
   pick_port "broker_port[$n]"
-  start_broker "$n" "${broker_port[$n]}"
+  start_broker "$n" "${broker_port[$n]}" "$broker_saves"
 done
 
 "$bin/kscdp-master-sim" --port 0 --job-seconds "$job_seconds" --threads $((4 * engines + 8)) \
@@ -192,7 +177,7 @@ act() {
       wait "${broker_pid[$2]}" 2>/dev/null || true
       note "kill -9 of broker $2" ;;
     restart-broker)
-      start_broker "$2" "${broker_port[$2]}"
+      start_broker "$2" "${broker_port[$2]}" "$broker_saves"
       note "restart of broker $2" ;;
     proxy)
       echo "${*:3}" >"$work/engine-$2/proxy.ctl"
@@ -239,7 +224,7 @@ for i in $(seq "$engines"); do
   wait "${engine_pid[$i]}" || status=$?
   engine_status[$i]=$status
 done
-for n in 1 2; do kill -0 "${broker_pid[$n]}" 2>/dev/null || start_broker "$n" "${broker_port[$n]}"; done
+for n in 1 2; do kill -0 "${broker_pid[$n]}" 2>/dev/null || start_broker "$n" "${broker_port[$n]}" "$broker_saves"; done
 curl_requests() {
   exec 3<>"/dev/tcp/127.0.0.1/$master_port"
   printf 'GET /sim/requests HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' >&3

@@ -67,28 +67,7 @@ bound_key=FLEET_SECONDS
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
 
-# Broker n (1 or 2) on port $2: it saves its subscriber's session when it
-# stops, and loads it when it starts again.
-start_broker() {
-  local dir="$work/broker-$1"
-  mkdir -p "$dir"
-  cat >"$dir/mosquitto.conf" <<CONF
-listener $2 127.0.0.1
-allow_anonymous true
-persistence true
-persistence_location $dir/
-max_queued_messages 0
-CONF
-  /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
-  broker_pid[$1]=$!
-  pids+=($!)
-  wait_for "broker $1 to listen on port $2" broker_listens "$1" "$2"
-}
-broker_listens() {
-  kill -0 "${broker_pid[$1]}" 2>/dev/null || { echo "fleet: broker $1 did not start: see $work/broker-$1/mosquitto.log" >&2; exit 1; }
-  listening "$2"
-}
-declare -a broker_pid broker_port
+declare -a broker_port
 if [[ "$brokers" == rabbitmq ]]; then
   # shellcheck source=scripts/rabbitmq_cluster.sh
   . "$(dirname "$0")/rabbitmq_cluster.sh"

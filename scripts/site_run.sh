@@ -1,7 +1,8 @@
 # What scripts/fleet.sh and scripts/chaos.sh share (sourced): waiting within
-# the run's bound, and free loopback ports. They set run_name ("fleet"),
-# bound (seconds), bound_key (the variable that sets it), started ($SECONDS
-# at the start) and work (the run's directory) first.
+# the run's bound, free loopback ports and mosquitto brokers. They set
+# run_name ("fleet"), bound (seconds), bound_key (the variable that sets it),
+# started ($SECONDS at the start), work (the run's directory) and pids (what
+# their cleanup ends) first.
 
 # Fails, naming `what`, once the run's time is up.
 within_bound() {
@@ -50,3 +51,32 @@ wait_for_exits() {
 }
 # Seconds since `start` (a date +%s.%N), with one decimal.
 seconds_since() { awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $1 }"; }
+
+# Broker n on port $2, its state in $work/broker-n, with the further
+# configuration lines of $3. It saves its subscriber's session and the
+# messages queued for it when it stops, and loads them when it starts again.
+# Started as root, mosquitto switches to the user its configuration names
+# (else "mosquitto", who could not write the state here): this one.
+declare -a broker_pid
+start_broker() {
+  local dir="$work/broker-$1"
+  mkdir -p "$dir"
+  cat >"$dir/mosquitto.conf" <<CONF
+listener $2 127.0.0.1
+allow_anonymous true
+user $(id -un)
+persistence true
+persistence_location $dir/
+max_queued_messages 0
+${3:-}
+CONF
+  /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
+  broker_pid[$1]=$!
+  pids+=($!)
+  wait_for "broker $1 to listen on port $2" broker_listens "$1" "$2"
+}
+broker_listens() {
+  kill -0 "${broker_pid[$1]}" 2>/dev/null ||
+    { echo "$run_name: broker $1 did not start: see $work/broker-$1/mosquitto.log" >&2; exit 1; }
+  listening "$2"
+}
