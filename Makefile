@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test demo fleet package test-asan test-tsan bench fuzz memcheck clean
+.PHONY: all deps build test demo fleet chaos package test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -30,6 +30,15 @@ demo: build
 FLEET_ENGINES ?= 20
 fleet: build
 	FLEET_ENGINES=$(FLEET_ENGINES) bash scripts/fleet.sh $(BUILD)
+
+# The fleet under a fault schedule drawn from CHAOS_SEED: brokers killed,
+# partitions, latency, resets, a master answering 503, an engine killed
+# mid-eviction; one summary line, and a failure for each broken invariant.
+CHAOS_SEED ?= 1
+CHAOS_ENGINES ?= 10
+CHAOS_SECONDS ?= 180
+chaos: build
+	CHAOS_SEED=$(CHAOS_SEED) CHAOS_ENGINES=$(CHAOS_ENGINES) CHAOS_SECONDS=$(CHAOS_SECONDS) bash scripts/chaos.sh $(BUILD)
 
 # The Debian packages libkscdp1, libkscdp-dev and kscdp-tools, in
 # $(BUILD)/packages/.

@@ -18,6 +18,12 @@
 #   fleet: picture <folder>/fleet.png
 #   fleet: files in <folder>
 #
+# With FLEET_BROKERS=rabbitmq the brokers are instead a three-node RabbitMQ
+# cluster with its MQTT plugin (Debian's rabbitmq-server, installed when
+# missing, as scripts/install-deps.sh does): the engines list nodes 2, 3 and
+# 1, the subscriber uses node 1, and node 2 is killed -9 halfway, never to
+# come back.
+#
 # The seconds are those of the engines, from the first start to the last exit.
 # Delivery is from an engine simulator's raise of its own alert to its first
 # arrival at a subscriber; HTTP errors are exchanges not answered 2xx. The
@@ -29,7 +35,7 @@
 #
 #   scripts/fleet.sh [BUILD_DIR]
 #   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_ALERTS_PER_POLL (5),
-#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120)
+#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq)
 set -euo pipefail
 
 build=${1:-build}
@@ -38,12 +44,19 @@ vms=${FLEET_VMS:-5}
 alerts_per_poll=${FLEET_ALERTS_PER_POLL:-5}
 job_seconds=${FLEET_JOB_SECONDS:-4}
 bound=${FLEET_SECONDS:-120}
+brokers=${FLEET_BROKERS:-mosquitto}
 poll_interval=0.5
 topic=keepstone/notifications
 
 for value in "$engines" "$vms" "$alerts_per_poll" "$job_seconds" "$bound"; do
   [[ "$value" =~ ^[1-9][0-9]*$ ]] || { echo "fleet: counts and seconds must be positive whole numbers, not '$value'" >&2; exit 2; }
 done
+[[ "$brokers" == mosquitto || "$brokers" == rabbitmq ]] ||
+  { echo "fleet: FLEET_BROKERS is mosquitto or rabbitmq, not '$brokers'" >&2; exit 2; }
+if [[ "$brokers" == rabbitmq ]]; then
+  bash "$(dirname "$0")/install-deps.sh" rabbitmq-server >/dev/null ||
+    { echo "fleet: cannot install rabbitmq-server" >&2; exit 2; }
+fi
 bin="$build/bin"
 for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" /usr/sbin/mosquitto "$(command -v mosquitto_sub || true)" \
   "$(command -v gnuplot || true)"; do
@@ -55,64 +68,35 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  if declare -F stop_rabbitmq_cluster >/dev/null; then stop_rabbitmq_cluster; fi
 }
 trap cleanup EXIT
 trap 'echo; echo "fleet: interrupted" >&2; exit 130' INT TERM
 
 started=$SECONDS
-# Fails, naming `what`, once the run's time is up.
-within_bound() {
-  ((SECONDS - started < bound)) && return 0
-  echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for $1; files in $work" >&2
-  exit 1
-}
-# Waits, within the bound, until `command` succeeds.
-wait_for() {
-  local what=$1
-  shift
-  until "$@"; do
-    within_bound "$what"
-    sleep 0.1
-  done
-}
-port_is_free() { ! (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-listening() { ! port_is_free "$1"; }
-free_port() {
-  local port
-  for _ in $(seq 100); do
-    port=$((20000 + RANDOM % 40000))
-    if port_is_free "$port"; then echo "$port"; return 0; fi
-  done
-  echo "fleet: no free port found" >&2
-  return 1
-}
+run_name=fleet
+bound_key=FLEET_SECONDS
+# shellcheck source=scripts/site_run.sh
+. "$(dirname "$0")/site_run.sh"
 
-# Broker n (1 or 2) on port $2: it saves its subscriber's session when it
-# stops, and loads it when it starts again.
-start_broker() {
-  local dir="$work/broker-$1"
-  mkdir -p "$dir"
-  cat >"$dir/mosquitto.conf" <<CONF
-listener $2 127.0.0.1
-allow_anonymous true
-persistence true
-persistence_location $dir/
-max_queued_messages 0
-CONF
-  /usr/sbin/mosquitto -c "$dir/mosquitto.conf" >>"$dir/mosquitto.log" 2>&1 &
-  broker_pid[$1]=$!
-  pids+=($!)
-  wait_for "broker $1 to listen on port $2" broker_listens "$1" "$2"
-}
-broker_listens() {
-  kill -0 "${broker_pid[$1]}" 2>/dev/null || { echo "fleet: broker $1 did not start: see $work/broker-$1/mosquitto.log" >&2; exit 1; }
-  listening "$2"
-}
-declare -a broker_pid broker_port
-broker_port[1]=$(free_port)
-start_broker 1 "${broker_port[1]}"
-broker_port[2]=$(free_port)
-start_broker 2 "${broker_port[2]}"
+declare -a broker_port
+if [[ "$brokers" == rabbitmq ]]; then
+  # shellcheck source=scripts/rabbitmq_cluster.sh
+  . "$(dirname "$0")/rabbitmq_cluster.sh"
+  cluster_started=$(date +%s.%N)
+  start_rabbitmq_cluster
+  echo "fleet: RabbitMQ cluster of 3 nodes up in $(seconds_since "$cluster_started") s"
+  subscribed=(1)
+  engine_brokers="127.0.0.1:${rabbit_mqtt_port[2]}, 127.0.0.1:${rabbit_mqtt_port[3]}, 127.0.0.1:${rabbit_mqtt_port[1]}"
+  for n in 1 2 3; do broker_port[$n]=${rabbit_mqtt_port[$n]}; done
+else
+  pick_port "broker_port[1]"
+  start_broker 1 "${broker_port[1]}"
+  pick_port "broker_port[2]"
+  start_broker 2 "${broker_port[2]}"
+  subscribed=(1 2)
+  engine_brokers="127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}"
+fi
 
 # A thread per connection an engine keeps open: its polls, and its last
 # request-daemon call for up to a second.
@@ -124,15 +108,21 @@ master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
 
 # A subscriber per broker, as the master's own: QoS 1, a session that
 # outlives its connection. Each line is the arrival time and the payload.
-for n in 1 2; do
+subscriber_ready() {
+  if [[ "$brokers" == rabbitmq ]]; then
+    rabbit_ctl "$1" list_queues name 2>/dev/null | grep -q "kscdp-fleet-$1"
+  else
+    grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$1/mosquitto.log"
+  fi
+}
+for n in "${subscribed[@]}"; do
   mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" -F '%U %p' \
     >"$work/alerts-$n.jsonl" &
   pids+=($!)
-  wait_for "the subscriber of broker $n" grep -qs 'New client connected.*kscdp-fleet' "$work/broker-$n/mosquitto.log"
+  wait_for "the subscriber of broker $n" subscriber_ready "$n"
 done
 
-echo "fleet: $engines engines of $vms VMs, master simulator $master_url," \
-  "brokers 127.0.0.1:${broker_port[1]} and 127.0.0.1:${broker_port[2]}; files in $work"
+echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers; files in $work"
 engine_pids=()
 run_started=$(date +%s.%N)
 for i in $(seq "$engines"); do
@@ -143,7 +133,7 @@ server = 127.0.0.1
 host_name = fleet-engine-$i
 rest_url = $master_url
 ksqd_url = $master_url
-broker = 127.0.0.1:${broker_port[1]}, 127.0.0.1:${broker_port[2]}
+broker = $engine_brokers
 outbox = $dir/outbox.db
 http_timeout = 10
 metrics_file = $dir/metrics.prom
@@ -173,24 +163,21 @@ half_evicted() {
 }
 wait_for "half of the engines to evict their VMs" half_evicted
 broker_stopped=$(date +%s.%N)
-kill -TERM "${broker_pid[1]}"
-wait "${broker_pid[1]}" || true
-echo "fleet: broker 1 stopped after $(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }") s"
+if [[ "$brokers" == rabbitmq ]]; then
+  kill -9 "$(rabbit_vm 2)"
+  echo "fleet: RabbitMQ node 2 killed after $(seconds_since "$run_started") s"
+else
+  kill -TERM "${broker_pid[1]}"
+  wait "${broker_pid[1]}" || true
+  echo "fleet: broker 1 stopped after $(seconds_since "$run_started") s"
+fi
 
-any_engine_running() {
-  local pid
-  for pid in "${engine_pids[@]}"; do kill -0 "$pid" 2>/dev/null && return 0; done
-  return 1
-}
-until ! any_engine_running; do
-  within_bound "the engines to finish"
-  sleep 0.1
-done
-seconds=$(awk "BEGIN { printf \"%.1f\", $(date +%s.%N) - $run_started }")
+wait_for_exits "${engine_pids[@]}"
+seconds=$(seconds_since "$run_started")
 for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
 kill "$sampler_pid" 2>/dev/null || true
 
-start_broker 1 "${broker_port[1]}"
+if [[ "$brokers" == mosquitto ]]; then start_broker 1 "${broker_port[1]}"; fi
 
 vms_done=0
 alerts_raised=0
@@ -204,7 +191,7 @@ for i in $(seq "$engines"); do
 done
 # Every alert names a VM of its own (and its engine's host), so distinct
 # payloads are distinct alerts; a payload seen twice was delivered twice.
-delivered() { cut -d ' ' -f 2- "$work/alerts-1.jsonl" "$work/alerts-2.jsonl" | sort -u | wc -l; }
+delivered() { for n in "${subscribed[@]}"; do cut -d ' ' -f 2- "$work/alerts-$n.jsonl"; done | sort -u | wc -l; }
 until (($(delivered) >= alerts_raised)); do
   if ((SECONDS - started >= bound)); then
     echo "fleet: gave up after $bound s (FLEET_SECONDS) waiting for the alerts to arrive" >&2

@@ -21,8 +21,11 @@ from prometheus_client.parser import text_string_to_metric_families
 
 
 def arrivals(path):
-    """(arrival time, payload) of every message a subscriber received."""
+    """(arrival time, payload) of every message a subscriber received; none
+    when the broker had no subscriber (a cluster's other nodes)."""
     received = []
+    if not os.path.exists(path):
+        return received
     with open(path, encoding="utf-8") as lines:
         for line in lines:
             stamp, _, payload = line.rstrip("\n").partition(" ")

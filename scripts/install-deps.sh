@@ -3,7 +3,8 @@
 # Idempotent: installs only what is missing, and refreshes the package lists
 # only when something must be installed. Package names carry no compiler
 # version: libclang-rt-dev is the sanitizer and libFuzzer runtime of whichever
-# clang the distribution's clang package is.
+# clang the distribution's clang package is. Packages named as arguments
+# (rabbitmq-server for make fleet FLEET_BROKERS=rabbitmq) are installed too.
 set -euo pipefail
 
 packages=(
@@ -16,6 +17,8 @@ packages=(
   dpkg-dev lintian mandoc abigail-tools
   python3-prometheus-client gnuplot-nox
 )
+
+packages+=("$@")  # what a target needs only when asked, e.g. rabbitmq-server
 
 missing=()
 for package in "${packages[@]}"; do

@@ -34,6 +34,10 @@ const size_t kLargestPayload = 268435455 - (2 + sizeof kNotificationTopic - 1) -
 const std::chrono::seconds kShutdownGrace(5);
 const std::chrono::seconds kUnloadGrace(1);  // an engine's exit or dlclose must not wait long
 const std::chrono::seconds kConnectTimeout(10);
+// A connection that owes an acknowledgement and has given none for this long
+// is lost: a silent peer (a partition, a frozen node) otherwise holds the
+// events until the keep-alive notices, 1.5 keep-alives later.
+const std::chrono::seconds kAcknowledgementTimeout(5);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
@@ -179,6 +183,9 @@ void MqttPublisher::run() {
       } else if (!m_connected && now >= m_connectDeadline) {
         connectionFailed("broker " + m_broker + " did not accept the connection within " +
                          std::to_string(kConnectTimeout.count()) + " s");
+      } else if (m_connected && now - m_events.owedSince().value_or(now) >= kAcknowledgementTimeout) {
+        connectionFailed("lost the connection to broker " + m_broker + ": nothing acknowledged for " +
+                         std::to_string(kAcknowledgementTimeout.count()) + " s");
       }
       if (m_connected) handOver();
       serviceNetwork(pollTimeoutMs(now, stopping, deadline));

@@ -73,6 +73,7 @@ void PendingEvents::handOver(size_t window, const Publish& publish) {
     int messageId = 0;
     if (!publish(next->payload, &messageId)) return;
     port::MutexLock lock(m_mutex);
+    if (m_handedOver == 0) m_firstHandedOverAt = Clock::now();
     m_events[m_handedOver].messageId = messageId;
     ++m_handedOver;
   }
@@ -86,6 +87,7 @@ int64_t PendingEvents::acknowledge(int messageId) {
       metrics::alertDelivered(Clock::now() - m_events[i].accepted);
       m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
       --m_handedOver;
+      m_lastAcknowledgedAt = Clock::now();
       return outboxId;
     }
   }
@@ -100,6 +102,12 @@ void PendingEvents::takeBack() {
 size_t PendingEvents::size() const {
   port::MutexLock lock(m_mutex);
   return m_events.size();
+}
+
+std::optional<PendingEvents::Clock::time_point> PendingEvents::owedSince() const {
+  port::MutexLock lock(m_mutex);
+  if (m_handedOver == 0) return std::nullopt;
+  return std::max(m_firstHandedOverAt, m_lastAcknowledgedAt);
 }
 
 PendingEvents::Dropped PendingEvents::clear() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,7 @@ class PendingEvents : public metrics::WaitingQueue {
   // Hands one payload to the connection; fills the message id and returns
   // true, or returns false when the connection refused it.
   using Publish = std::function<bool(const std::string& payload, int* messageId)>;
+  using Clock = std::chrono::steady_clock;
 
   struct Dropped {
     size_t inOutbox;
@@ -81,14 +83,16 @@ class PendingEvents : public metrics::WaitingQueue {
   // The connection is gone: every event handed over to it waits again.
   void takeBack();
   size_t size() const;
+  // Since when the connection has owed an acknowledgement without giving
+  // any: the later of the oldest handed-over event's hand-over and the last
+  // acknowledgement. Empty while no event is handed over.
+  std::optional<Clock::time_point> owedSince() const;
   // Drops every event, held ones included, and returns how many there were.
   Dropped clear();
   // How many events wait, and since when the oldest does.
   metrics::Waiting waiting() const override;
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   struct Event {
     std::string payload;
     int64_t outboxId;
@@ -107,6 +111,10 @@ class PendingEvents : public metrics::WaitingQueue {
   bool m_holding GUARDED_BY(m_mutex) = true;
   std::vector<Event> m_held GUARDED_BY(m_mutex);
   int64_t m_firstHeldId GUARDED_BY(m_mutex) = 0;  // of the first held event in the outbox; 0: none yet
+  // When m_events[0] was handed over (meaningful while m_handedOver > 0):
+  // events are handed over oldest first, so it is the oldest hand-over.
+  Clock::time_point m_firstHandedOverAt GUARDED_BY(m_mutex);
+  Clock::time_point m_lastAcknowledgedAt GUARDED_BY(m_mutex);
 };
 
 }  // namespace standin

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "case_table.h"
+#include "fault_proxy/fault_proxy.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
@@ -176,6 +177,37 @@ TEST_F(NotificationSupplierTest, WhenTheFirstBrokerOfTheListStopsAlertsGoToTheNe
   EXPECT_EQ(missing.size(), 0u) << "the first missing: " << (missing.empty() ? "" : missing[0]);
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: switched from broker " + rig.first.address() +
                                   " to broker " + rig.second.address() + "\n"));
+  supplier.shutdown();
+}
+
+// The first entry of the list is a link that falls silent (no reset, no
+// close): the publisher gives up on it once acknowledgements stop, long
+// before the keep-alive would, and the next entry gets what was waiting.
+TEST_F(NotificationSupplierTest, AlertsLeaveABrokerThatFallsSilentForTheNextWithinTwentySeconds) {
+  TwoBrokers rig;
+  faultproxy::FaultProxy link(0, "127.0.0.1", rig.first.port());
+  const std::string silent = "127.0.0.1:" + std::to_string(link.port());
+  integration::writeConfig("server = master.invalid\nbroker = " + silent + ", " + rig.second.address() +
+                           "\noutbox = " + testOutbox() + "\n");
+  NotificationSupplier supplier;
+  Messages before;
+  sendNumbered(&supplier, 1, 100, before);
+  ASSERT_EQ(testbed::withoutRepeats(rig.firstSubscriber.waitForDistinct(before.size(), kDeliveryTimeout)), before);
+
+  link.freeze(std::chrono::minutes(2));
+  const auto silenceBegan = std::chrono::steady_clock::now();
+  Messages after;
+  sendNumbered(&supplier, 101, 200, after);
+  EXPECT_EQ(rig.missingFromBoth(after), Messages());
+  EXPECT_LT(std::chrono::steady_clock::now() - silenceBegan, std::chrono::seconds(20));
+  // Those whose acknowledgement the silence held go again: in order, after.
+  Messages atSecond = testbed::withoutRepeats(rig.secondSubscriber.waitForCount(0, std::chrono::milliseconds(0)));
+  atSecond.erase(atSecond.begin(), std::find(atSecond.begin(), atSecond.end(), after.front()));
+  EXPECT_EQ(atSecond, after);
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: lost the connection to broker " + silent +
+                                  ": nothing acknowledged for 5 s; events wait until the broker can be reached\n"));
+  EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: switched from broker " + silent + " to broker " +
+                                  rig.second.address() + "\n"));
   supplier.shutdown();
 }
 

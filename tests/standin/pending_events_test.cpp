@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -93,6 +95,39 @@ TEST(PendingEvents, PutsTheBacklogAheadOfWhatWasPushedWhileItLoaded) {
   EXPECT_EQ(connection.given,
             (std::vector<std::string>{"old-1", "old-2", "old-3", "own-0", "own-5", "own-6", "own-7"}));
   EXPECT_EQ(events.acknowledge(5), 2);  // "own-5", stored again under id 2
+}
+
+// A connection owes an acknowledgement from the oldest hand-over, or from the
+// last acknowledgement when that came later; nothing once all are done or
+// taken back.
+TEST(PendingEvents, OwesAnAcknowledgementSinceTheOldestHandOverOrTheLastAcknowledgement) {
+  using Clock = standin::PendingEvents::Clock;
+  standin::PendingEvents events(10);
+  events.releaseHeld();  // no backlog
+  events.push("a", 0);
+  events.push("b", 0);
+  EXPECT_FALSE(events.owedSince());
+  Connection connection{10, 1, {}};
+  const Clock::time_point beforeHandOver = Clock::now();
+  events.handOver(1, connection.publish());
+  const Clock::time_point afterFirst = Clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  events.handOver(2, connection.publish());  // "b" joins: the debt still runs from "a"
+  ASSERT_TRUE(events.owedSince());
+  EXPECT_GE(*events.owedSince(), beforeHandOver);
+  EXPECT_LE(*events.owedSince(), afterFirst);
+
+  const Clock::time_point beforeAcknowledgement = Clock::now();
+  events.acknowledge(2);  // "b" before "a": progress all the same
+  EXPECT_GE(*events.owedSince(), beforeAcknowledgement);
+  events.acknowledge(1);
+  EXPECT_FALSE(events.owedSince());
+
+  events.push("c", 0);
+  events.handOver(1, connection.publish());
+  EXPECT_TRUE(events.owedSince());
+  events.takeBack();
+  EXPECT_FALSE(events.owedSince());
 }
 
 }  // namespace

@@ -4,8 +4,18 @@
 // while it polls), stops the alert thread and prints a summary.
 // Exit status: 0 when every VM was reported done, 1 when not, 2 for bad usage
 // or a library that cannot be used.
+//
+// With --record 1 (for fault runs) it evicts again, before each poll, what a
+// failed pass left on the evict list, and prints lines a checker reads:
+//   record: resources RSS_KIB FDS     after the first poll (the library has
+//                                     its connections then), and once alerts stopped
+//   record: alerts accepted up to N   after each batch of its own alerts
+//   record: alert N refused           for one the library refused
+//   record: longest call SECONDS      at the end, of evictions and polls
+#include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -29,12 +39,17 @@ struct Options {
   double timeout = 60.0;
   int alertsPerPoll = 0;
   std::string alertTimes;  // where to write when each own alert was raised; empty: nowhere
+  uint64_t firstAlert = 0;
+  bool record = false;
 };
+
+using Seconds = std::chrono::duration<double>;
 
 const char kUsage[] =
     "usage: kscdp-engine-sim [--library PATH] [--vms N] [--seed N]\n"
     "                        [--poll-interval SECONDS] [--timeout SECONDS]\n"
-    "                        [--alerts-per-poll N] [--alert-times FILE]\n";
+    "                        [--alerts-per-poll N] [--alert-times FILE] [--first-alert N]\n"
+    "                        [--record 0|1]\n";
 
 bool parseOptions(int argc, char** argv, Options& options) {
   // By soname, as an installed engine finds it; in the build tree this
@@ -63,6 +78,10 @@ bool parseOptions(int argc, char** argv, Options& options) {
       options.timeout = std::strtod(value, &end);
     } else if (name == "--alerts-per-poll") {
       options.alertsPerPoll = static_cast<int>(std::strtol(value, &end, 10));
+    } else if (name == "--first-alert") {
+      options.firstAlert = std::strtoull(value, &end, 10);
+    } else if (name == "--record") {
+      options.record = std::strtol(value, &end, 10) != 0;
     } else {
       std::fprintf(stderr, "kscdp-engine-sim: unknown option %s\n", name.c_str());
       return false;
@@ -101,33 +120,68 @@ void printSummary(const std::vector<evict_vm_info>& fleet) {
   }
 }
 
+// The process's resident memory in KiB and its open descriptors.
+void printResources() {
+  long residentKib = -1;
+  if (FILE* status = std::fopen("/proc/self/status", "r")) {
+    char line[256];
+    while (std::fgets(line, sizeof line, status) != nullptr) std::sscanf(line, "VmRSS: %ld kB", &residentKib);
+    std::fclose(status);
+  }
+  int descriptors = -1;  // the directory's own stream is one of them
+  if (DIR* fds = opendir("/proc/self/fd")) {
+    for (const dirent* entry; (entry = readdir(fds)) != nullptr;) descriptors += entry->d_name[0] != '.';
+    closedir(fds);
+  }
+  std::printf("record: resources %ld %d\n", residentKib, descriptors);
+}
+
 // Raises --alerts-per-poll alerts 501 (full sync started), each for a VM of
-// its own, never evicted: the VM id is the seed and the alert's number, so
-// that engines of different seeds raise alerts that differ. Counts them in
-// `raised` and notes when each was raised in `times`.
+// its own, never evicted: the VM id is the seed and the alert's number (from
+// --first-alert), so that engines of different seeds raise alerts that
+// differ. Counts them in `raised` and notes when each was raised in `times`.
 void raiseOwnAlerts(const EngineLibrary& library, const Options& options, int& raised, AlertTimes& times) {
   for (int i = 0; i < options.alertsPerPoll; ++i) {
     char vmId[33];
-    std::snprintf(vmId, sizeof vmId, "%016llx%016llx", static_cast<unsigned long long>(options.seed),
-                  static_cast<unsigned long long>(raised));
+    const unsigned long long number = options.firstAlert + static_cast<uint64_t>(raised);
+    std::snprintf(vmId, sizeof vmId, "%016llx%016llx", static_cast<unsigned long long>(options.seed), number);
     times.raised(vmId);
-    library.raise_backup_alert(vmId, 501, "");
+    const int result = library.raise_backup_alert(vmId, 501, "");
+    if (options.record && result != 0) std::printf("record: alert %llu refused\n", number);
     ++raised;
   }
+  if (options.record && options.alertsPerPoll > 0) {
+    std::printf("record: alerts accepted up to %llu\n",
+                static_cast<unsigned long long>(options.firstAlert + static_cast<uint64_t>(raised) - 1));
+  }
+}
+
+// call_evict_data for what is left on the evict list, printing its result;
+// keeps the longest call in `longest`.
+void evict(const EngineLibrary& library, evict_vm_list* evictList, vm_node_list** requested, Seconds& longest) {
+  const auto start = std::chrono::steady_clock::now();
+  const int result = library.call_evict_data(evictList->count, evictList, requested);
+  longest = std::max<Seconds>(longest, std::chrono::steady_clock::now() - start);
+  std::printf("call_evict_data: %d\n", result);
 }
 
 // Polls until every VM is done or the time limit passes, keeping one live
 // progress line on a terminal (one line per change otherwise). Before each
 // status call raises the alerts of --alerts-per-poll, counted in `raised`.
 void pollUntilDone(const EngineLibrary& library, const Options& options, std::vector<evict_vm_info>& fleet,
-                   vm_node_list** requested, int& raised, AlertTimes& times) {
+                   evict_vm_list* evictList, vm_node_list** requested, int& raised, AlertTimes& times,
+                   Seconds& longest) {
   const bool live = isatty(STDOUT_FILENO) != 0;
   const auto start = std::chrono::steady_clock::now();
   const int total = static_cast<int>(fleet.size());
   int shown = -1;
   for (;;) {
     raiseOwnAlerts(library, options, raised, times);
+    if (options.record && evictList->count > 0) evict(library, evictList, requested, longest);
+    const auto callStart = std::chrono::steady_clock::now();
     const int result = library.call_check_eviction_progress(total, requested);
+    longest = std::max<Seconds>(longest, std::chrono::steady_clock::now() - callStart);
+    if (options.record && shown < 0) printResources();
     const int done = countDone(fleet);
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (live) {
@@ -171,12 +225,12 @@ int main(int argc, char** argv) {
 
   vm_node_list* requested = nullptr;
   std::printf("evicting %d VMs, largest first\n", options.vms);
-  const int evictResult = library.call_evict_data(options.vms, evictList, &requested);
-  std::printf("call_evict_data: %d\n", evictResult);
+  Seconds longest(0);
+  evict(library, evictList, &requested, longest);
 
   int raised = 0;
   AlertTimes times;
-  pollUntilDone(library, options, fleet, &requested, raised, times);
+  pollUntilDone(library, options, fleet, evictList, &requested, raised, times, longest);
 
   if (options.alertsPerPoll == 0) {
     const evict_vm_info& sample = fleet.front();
@@ -187,6 +241,10 @@ int main(int argc, char** argv) {
   library.stop_alert_thread();
   if (!options.alertTimes.empty() && !times.write(options.alertTimes))
     std::fprintf(stderr, "kscdp-engine-sim: cannot write %s\n", options.alertTimes.c_str());
+  if (options.record) {
+    printResources();
+    std::printf("record: longest call %.1f\n", longest.count());
+  }
 
   printSummary(fleet);
   library.delete_from_vm_list(&requested);

@@ -92,7 +92,10 @@ struct MasterSimulator::Impl {
   void announceServing();
   void answerJob(const httplib::Request& request, httplib::Response& response);
   void answerDaemon(const httplib::Request& request, httplib::Response& response);
-  void recordRequest(const httplib::Request& request);
+  void unavailableFor(double seconds);
+  // True, with a 503 in `response`, while the simulator plays an unavailable master.
+  bool answeredUnavailable(httplib::Response& response);
+  void recordRequest(const httplib::Request& request, int status);
   std::string requestsJson() const;
   int64_t startJob(const std::string& policy, const JobFaults& faults) REQUIRES(m_mutex);
   const char* stateOf(const Job& job) const REQUIRES(m_mutex);
@@ -113,6 +116,7 @@ struct MasterSimulator::Impl {
   std::map<int64_t, Job> m_jobs GUARDED_BY(m_mutex);
   std::map<std::string, PolicyFaults> m_policyFaults GUARDED_BY(m_mutex);
   Clock::duration m_timeAdded GUARDED_BY(m_mutex){};
+  Clock::time_point m_unavailableUntil GUARDED_BY(m_mutex){};
   std::vector<RecordedRequest> m_requests GUARDED_BY(m_mutex);
 };
 
@@ -143,8 +147,13 @@ void MasterSimulator::Impl::addRoutes() {
   m_server->Get("/sim/requests", [this](const httplib::Request&, httplib::Response& response) {
     response.set_content(requestsJson(), kJsonType);
   });
-  m_server->set_post_routing_handler(
-      [this](const httplib::Request& request, httplib::Response&) { recordRequest(request); });
+  m_server->Post("/sim/unavailable", [this](const httplib::Request& request, httplib::Response& response) {
+    unavailableFor(std::atof(request.get_param_value("seconds").c_str()));
+    response.set_content("{}", kJsonType);
+  });
+  m_server->set_post_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+    recordRequest(request, response.status);
+  });
 }
 
 void MasterSimulator::Impl::serve() {
@@ -179,7 +188,24 @@ const char* MasterSimulator::Impl::stateOf(const Job& job) const {
   return age >= m_options.jobSeconds / 2 ? "ACTIVE" : "QUEUED";
 }
 
+void MasterSimulator::Impl::unavailableFor(double seconds) {
+  port::MutexLock lock(m_mutex);
+  m_unavailableUntil =
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+bool MasterSimulator::Impl::answeredUnavailable(httplib::Response& response) {
+  {
+    port::MutexLock lock(m_mutex);
+    if (Clock::now() >= m_unavailableUntil) return false;
+  }
+  response.status = 503;
+  response.set_content(errorDocument(503, "Service unavailable: the master server is restarting"), kJsonType);
+  return true;
+}
+
 void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::Response& response) {
+  if (answeredUnavailable(response)) return;
   if (request.get_header_value("Accept") != m_options.jobsMediaType) {
     response.status = 406;
     response.set_content(errorDocument(406, "Not acceptable: jobs are served as " + m_options.jobsMediaType),
@@ -207,6 +233,7 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
 }
 
 void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httplib::Response& response) {
+  if (answeredUnavailable(response)) return;
   const Json body(json_loadb(request.body.data(), request.body.size(), 0, nullptr));
   json_t* policyValue = json_object_get(body.get(), "policy");
   if (!json_is_string(policyValue)) {
@@ -240,10 +267,10 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
 }
 
 // Runs after every answer has been made.
-void MasterSimulator::Impl::recordRequest(const httplib::Request& request) {
+void MasterSimulator::Impl::recordRequest(const httplib::Request& request, int status) {
   port::MutexLock lock(m_mutex);
   if (request.path.compare(0, 5, "/sim/") == 0) return;
-  RecordedRequest recorded{request.method, request.path, {}, request.body, request.remote_port};
+  RecordedRequest recorded{request.method, request.path, {}, request.body, request.remote_port, status};
   for (const auto& header : request.headers) {
     bool serverMade = false;
     for (const char* name : kServerMadeHeaders) serverMade = serverMade || header.first == name;
@@ -262,9 +289,10 @@ std::string MasterSimulator::Impl::requestsJson() const {
     for (const auto& header : request.headers) {
       json_object_set_new(headers, header.first.c_str(), textValue(header.second));
     }
-    json_array_append_new(all.get(), json_pack("{s:o,s:o,s:o,s:o,s:i}", "method", textValue(request.method), "path",
-                                               textValue(request.path), "headers", headers, "body",
-                                               textValue(request.body), "remotePort", request.remotePort));
+    json_array_append_new(
+        all.get(), json_pack("{s:o,s:o,s:o,s:o,s:i,s:i}", "method", textValue(request.method), "path",
+                             textValue(request.path), "headers", headers, "body", textValue(request.body), "remotePort",
+                             request.remotePort, "status", request.status));
   }
   return compact(all);
 }
@@ -317,6 +345,8 @@ void MasterSimulator::setPolicyFaults(const std::string& policy, const PolicyFau
   port::MutexLock lock(m_impl->m_mutex);
   m_impl->m_policyFaults[policy] = faults;
 }
+
+void MasterSimulator::unavailableFor(double seconds) { m_impl->unavailableFor(seconds); }
 
 void MasterSimulator::advanceTime(double seconds) {
   port::MutexLock lock(m_impl->m_mutex);

@@ -63,6 +63,7 @@ struct RecordedRequest {
   std::map<std::string, std::string> headers;  // names as sent; repeated ones joined by ", "
   std::string body;
   int remotePort = 0;  // the client's end of the connection
+  int status = 0;      // of the answer
 };
 
 class MasterSimulator {
@@ -92,6 +93,10 @@ class MasterSimulator {
   void setPolicyFaults(const std::string& policy, const PolicyFaults& faults);
   // Moves the simulator's clock forward.
   void advanceTime(double seconds);
+  // For `seconds` from now, every daemon and jobs request is answered 503, as
+  // by a master that is restarting; POST /sim/unavailable?seconds=N does the
+  // same from outside.
+  void unavailableFor(double seconds);
 
   // Every request received so far except those under /sim/, in arrival order.
   std::vector<RecordedRequest> requests() const;
