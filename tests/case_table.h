@@ -13,6 +13,7 @@
 #include <istream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace cases {
@@ -80,6 +81,15 @@ inline std::vector<Row> read(const std::string& name) {
   std::vector<Row> rows = parse(in, path);
   if (rows.empty()) throw std::runtime_error(path + " has no rows");
   return rows;
+}
+
+// `text` with every mark of `marks` (such as "{dir}") replaced by its value.
+inline std::string filled(std::string text, const std::vector<std::pair<std::string, std::string>>& marks) {
+  for (const auto& [mark, value] : marks) {
+    for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size()))
+      text.replace(at, mark.size(), value);
+  }
+  return text;
 }
 
 }  // namespace cases

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -48,18 +49,12 @@ class DoctorTest : public ::testing::Test {
 
   // "{master}", "{other-release}", "{down}", "{down-port}" and "{broker}" in
   // `text` replaced by URLs and addresses of the test's own.
-  std::string fill(std::string text) const {
-    const std::pair<std::string, std::string> placeholders[] = {
-        {"{master}", m_master.url()},
-        {"{other-release}", m_otherReleaseMaster.url()},
-        {"{down}", "http://127.0.0.1:" + std::to_string(m_downPort)},
-        {"{down-port}", std::to_string(m_downPort)},
-        {"{broker}", m_broker.address()}};
-    for (const auto& [name, value] : placeholders) {
-      for (size_t at = text.find(name); at != std::string::npos; at = text.find(name))
-        text.replace(at, name.size(), value);
-    }
-    return text;
+  std::string fill(const std::string& text) const {
+    return cases::filled(text, {{"{master}", m_master.url()},
+                                {"{other-release}", m_otherReleaseMaster.url()},
+                                {"{down}", "http://127.0.0.1:" + std::to_string(m_downPort)},
+                                {"{down-port}", std::to_string(m_downPort)},
+                                {"{broker}", m_broker.address()}});
   }
 
   // The configuration file's text, filled.
@@ -125,6 +120,26 @@ TEST_F(DoctorTest, NamesTheBrokenLinkAndStartsNoBackup) {
   for (const master_sim::RecordedRequest& request : m_master.requests()) EXPECT_EQ(request.method, "GET");
 }
 
+// The check at `index` of a --json run's report: its status, its detail and
+// its numbers by name.
+struct Check {
+  std::string status;
+  std::string detail;
+  std::map<std::string, json_int_t> numbers;
+};
+Check checkOf(const DoctorRun& run, size_t index) {
+  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
+  const char* name = nullptr;
+  json_t* value = nullptr;
+  Check check;
+  json_object_foreach(json_array_get(json_object_get(document.get(), "checks"), index), name, value) {
+    if (json_is_integer(value)) check.numbers[name] = json_integer_value(value);
+    if (json_is_string(value) && std::string(name) == "status") check.status = json_string_value(value);
+    if (json_is_string(value) && std::string(name) == "detail") check.detail = json_string_value(value);
+  }
+  return check;
+}
+
 // Five alerts that a killed engine left waiting: counted, with the oldest's
 // age and the bytes on disk, in the text and as numbers, and the file left
 // as it was.
@@ -142,12 +157,10 @@ TEST_F(DoctorTest, TellsWhatWaitsInTheOutbox) {
 
   const DoctorRun text = runDoctor("");
   EXPECT_NE(text.output.find("5 alerts wait, the oldest raised 60"), std::string::npos) << text.output;
-  const DoctorRun json = runDoctor("--json");
-  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(json.output.c_str(), 0, nullptr), json_decref);
-  json_t* check = json_array_get(json_object_get(document.get(), "checks"), 6);
-  EXPECT_EQ(json_integer_value(json_object_get(check, "waiting")), 5);
-  EXPECT_GE(json_integer_value(json_object_get(check, "oldestAgeSeconds")), 600);
-  EXPECT_GE(json_integer_value(json_object_get(check, "bytesOnDisk")), static_cast<json_int_t>(before.size()));
+  Check check = checkOf(runDoctor("--json"), 6);
+  EXPECT_EQ(check.numbers["waiting"], 5);
+  EXPECT_GE(check.numbers["oldestAgeSeconds"], 600);
+  EXPECT_GE(check.numbers["bytesOnDisk"], static_cast<json_int_t>(before.size()));
   EXPECT_EQ(integration::fileText(outbox), before);
 }
 
@@ -178,23 +191,6 @@ std::string settledFilesBeside(const std::string& path) {
   return listing;
 }
 
-// The outbox check's status and detail in a --json run, and its figures
-// "waiting <n> bytesOnDisk <n>".
-struct OutboxCheck {
-  std::string status;
-  std::string detail;
-  std::string figures;
-};
-OutboxCheck outboxCheck(const DoctorRun& run) {
-  const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
-  json_t* check = json_array_get(json_object_get(document.get(), "checks"), 6);
-  const char* status = json_string_value(json_object_get(check, "status"));
-  const char* detail = json_string_value(json_object_get(check, "detail"));
-  return {status != nullptr ? status : "", detail != nullptr ? detail : "",
-          "waiting " + std::to_string(json_integer_value(json_object_get(check, "waiting"))) + " bytesOnDisk " +
-              std::to_string(json_integer_value(json_object_get(check, "bytesOnDisk")))};
-}
-
 // The doctor only looks: twice over an outbox that its engine closed, and
 // twice beside an engine that holds it open (WAL mode, its index in
 // "-shm"), it reports the same figures and leaves the same files.
@@ -221,8 +217,9 @@ TEST_F(DoctorTest, LooksAtTheOutboxWithoutCreatingOrChangingAFile) {
     EXPECT_EQ(filesBeside(outbox), files);
     const DoctorRun second = runDoctor("--json");
     EXPECT_EQ(filesBeside(outbox), files);
-    EXPECT_EQ(outboxCheck(first).figures, outboxCheck(second).figures);
-    EXPECT_EQ(outboxCheck(first).figures.rfind("waiting 5 ", 0), 0u) << first.output;
+    for (const char* figure : {"waiting", "bytesOnDisk"})
+      EXPECT_EQ(checkOf(first, 6).numbers[figure], checkOf(second, 6).numbers[figure]) << figure;
+    EXPECT_EQ(checkOf(first, 6).numbers["waiting"], 5) << first.output;
     if (engine == "running") {
       kill(pid, SIGKILL);
       pclose(raiser);
@@ -243,7 +240,7 @@ TEST_F(DoctorTest, AnOutboxDirectoryTheEngineCanMakeIsOk) {
   for (const auto& [outbox, expected] : rows) {
     SCOPED_TRACE(outbox);
     integration::writeConfig(fill(std::string(kAllWell) + "outbox = " + outbox + "\n"));
-    const OutboxCheck check = outboxCheck(runDoctor("--json"));
+    const Check check = checkOf(runDoctor("--json"), 6);
     EXPECT_EQ(check.status, expected.substr(0, expected.find(' ')));
     EXPECT_NE(check.detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << check.detail;
   }
@@ -281,17 +278,14 @@ TEST_F(DoctorTest, TellsTheMetricsFilesAgeAndWhetherItIsFresh) {
     }
     const DoctorRun run = runDoctor("--json");
     close(lock);
-    const std::unique_ptr<json_t, void (*)(json_t*)> document(json_loads(run.output.c_str(), 0, nullptr), json_decref);
-    json_t* check = json_array_get(json_object_get(document.get(), "checks"), 10);
-    const std::string status = json_string_value(json_object_get(check, "status"));
-    const std::string detail = json_string_value(json_object_get(check, "detail"));
+    Check check = checkOf(run, 10);
     const std::string expected = row.expected;
-    EXPECT_EQ(status, expected.substr(0, expected.find(' ')));
-    EXPECT_NE(detail.find(metrics), std::string::npos) << detail;
-    EXPECT_NE(detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << detail;
+    EXPECT_EQ(check.status, expected.substr(0, expected.find(' ')));
+    EXPECT_NE(check.detail.find(metrics), std::string::npos) << check.detail;
+    EXPECT_NE(check.detail.find(expected.substr(expected.find(' ') + 1)), std::string::npos) << check.detail;
     if (row.ageSeconds >= 0) {
-      EXPECT_NEAR(json_integer_value(json_object_get(check, "ageSeconds")), row.ageSeconds, 2);
-      EXPECT_EQ(json_integer_value(json_object_get(check, "fresh")), row.ageSeconds <= 30 ? 1 : 0);
+      EXPECT_NEAR(check.numbers["ageSeconds"], row.ageSeconds, 2);
+      EXPECT_EQ(check.numbers["fresh"], row.ageSeconds <= 30 ? 1 : 0);
     }
   }
 }
@@ -308,13 +302,8 @@ TEST_F(DoctorTest, JudgesTheHostsCertificatesAndPresentsThemToAMasterThatAuthent
   master_sim::MasterSimulator master(options);
   ASSERT_TRUE(master.start());
   for (const cases::Row& test : cases::read("doctor_tls.cases")) {
-    const auto fillTls = [&](std::string text) {
-      for (const auto& [name, value] :
-           {std::make_pair(std::string("{dir}"), dir), std::make_pair(std::string("{tls}"), master.url())}) {
-        for (size_t at = text.find(name); at != std::string::npos; at = text.find(name))
-          text.replace(at, name.size(), value);
-      }
-      return text;
+    const auto fillTls = [&](const std::string& text) {
+      return cases::filled(text, {{"{dir}", dir}, {"{tls}", master.url()}});
     };
     SCOPED_TRACE(test[0]);
     writeConfig("server = 127.0.0.1\nhost_name = cdp-host\nrest_url = " + master.url() + "\nksqd_url = " +

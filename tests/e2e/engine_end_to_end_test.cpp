@@ -411,17 +411,7 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
 }
 
 // "127.0.0.1:<port>" of a loopback port that nothing listens on.
-std::string deadBroker() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-}
+std::string deadBroker() { return "127.0.0.1:" + std::to_string(testbed::freeLoopbackPort()); }
 
 // An engine that unloads the library without stop_alert_thread: each row runs
 // kscdp_unload_cycles (under valgrind when this test runs under it), which

@@ -14,13 +14,6 @@
 
 namespace {
 
-std::string replaced(std::string text, const std::string& mark, const std::string& value) {
-  for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size())) {
-    text.replace(at, mark.size(), value);
-  }
-  return text;
-}
-
 // Whether a line of `log` holds `start` and, after it, `text`.
 bool loggedLine(const std::string& log, const std::string& start, const std::string& text) {
   for (size_t at = log.find(start); at != std::string::npos; at = log.find(start, at + 1)) {
@@ -63,7 +56,7 @@ TEST(TlsLinks, EvictOnlyWithTheHostsCertificateAndTheConfiguredTrust) {
                              "\nksqd_url = " + master.url() + "\nbroker = " + broker.address() + "\noutbox = none\n" +
                              fileSetting("ca_file", dir, c[0]) + fileSetting("cert_file", dir, c[1]) +
                              fileSetting("key_file", dir, c[2]));
-    const std::string expected = replaced(replaced(c[3], "{dir}", dir), "{url}", master.url());
+    const std::string expected = cases::filled(c[3], {{"{dir}", dir}, {"{url}", master.url()}});
     const size_t logStart = integration::logText().size();
     const size_t requestsBefore = master.requests().size();
     const int status =

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 
 #include "case_table.h"
 #include "master_sim/MasterSimulator.h"
@@ -14,16 +13,6 @@
 #include "standin_environment.h"
 
 namespace {
-
-// "{master}", "{down}" and "{broker}" in `text` replaced.
-std::string fill(std::string text, const std::string& master, const std::string& down, const std::string& broker) {
-  for (const auto& [name, value] :
-       {std::pair<std::string, std::string>{"{master}", master}, {"{down}", down}, {"{broker}", broker}}) {
-    for (size_t at = text.find(name); at != std::string::npos; at = text.find(name))
-      text.replace(at, name.size(), value);
-  }
-  return text;
-}
 
 TEST(ExamplesTest, EvictionEndsWhateverTheMasterDoesAndSaysWhy) {
   testbed::MosquittoBroker broker;
@@ -35,8 +24,9 @@ TEST(ExamplesTest, EvictionEndsWhateverTheMasterDoesAndSaysWhy) {
     master_sim::MasterSimulator master(options);
     ASSERT_TRUE(master.start());
     if (c[3] == "too-large") master.setPolicyFaults("gold", {0, 0, false, true});
-    integration::writeConfig(fill("server = 127.0.0.1\nhost_name = cdp-host\nbroker = {broker}\n" + c[1], master.url(),
-                                  down, broker.address()));
+    integration::writeConfig(
+        cases::filled("server = 127.0.0.1\nhost_name = cdp-host\nbroker = {broker}\n" + c[1],
+                      {{"{master}", master.url()}, {"{down}", down}, {"{broker}", broker.address()}}));
     const size_t logStart = integration::logText().size();
 
     const integration::ProgramRun example =

@@ -45,10 +45,12 @@ const std::chrono::seconds kDeliveryTimeout(20);
 const MosquittoBroker::Options kKeepSessions{true, {}, {}, {}, {}};
 
 // Adds the payloads of events first..last to `sent`, after sending each
-// through `supplier` (when there is one), which must accept it.
-void sendNumbered(NotificationSupplier* supplier, int first, int last, Messages& sent) {
+// through `supplier` (when there is one), which must accept it. Each event
+// carries a note of `noteBytes` bytes when that is not 0.
+void sendNumbered(NotificationSupplier* supplier, int first, int last, Messages& sent, size_t noteBytes = 0) {
   for (int number = first; number <= last; ++number) {
     NotificationEvent event = numbered(number);
+    if (noteBytes > 0) event.attributes["note"] = std::string(noteBytes, 'n');
     EXPECT_TRUE(supplier == nullptr || supplier->send_notification(event) == 0) << number;
     sent.push_back(standin::notificationPayload(event));
   }
@@ -252,14 +254,9 @@ TEST_F(NotificationSupplierTest, NothingIsLostWhileTheBrokerIsDownAndTheOutboxSt
   rig.broker.stop();
   NotificationSupplier supplier;
   Messages sent;
+  sendNumbered(&supplier, 1, 12000, sent, 1000);  // before the broker was ever reached
   long long payloadBytes = 0;
-  for (int n = 1; n <= 12000; ++n) {  // before the broker was ever reached
-    NotificationEvent event = numbered(n);
-    event.attributes["note"] = std::string(1000, 'n');
-    ASSERT_EQ(supplier.send_notification(event), 0);
-    sent.push_back(standin::notificationPayload(event));
-    payloadBytes += static_cast<long long>(sent.back().size());
-  }
+  for (const std::string& payload : sent) payloadBytes += static_cast<long long>(payload.size());
   EXPECT_LE(outboxBytes(testOutbox()), 2 * payloadBytes + (8 << 20));
   rig.broker.start();
   ASSERT_EQ(rig.receivedOnce(sent), sent);
@@ -382,12 +379,7 @@ TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack)
   Messages sent;
   {
     NotificationSupplier supplier;
-    for (int n = 1; n <= 20000; ++n) {
-      NotificationEvent event = numbered(n);
-      event.attributes["note"] = std::string(1000, 'n');
-      ASSERT_EQ(supplier.send_notification(event), 0);
-      sent.push_back(standin::notificationPayload(event));
-    }
+    sendNumbered(&supplier, 1, 20000, sent, 1000);
     ASSERT_EQ(rig.receivedOnce(sent), sent);
     supplier.shutdown();
   }
@@ -396,10 +388,8 @@ TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack)
 
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
   const std::string dir = integration::scratchPath("");
-  const auto fill = [&dir](std::string text, const std::string& path) {
-    for (size_t at; (at = text.find("{dir}/")) != std::string::npos;) text.replace(at, 6, dir);
-    for (size_t at; (at = text.find("{path}")) != std::string::npos;) text.replace(at, 6, path);
-    return text;
+  const auto fill = [&dir](const std::string& text, const std::string& path) {
+    return cases::filled(text, {{"{dir}/", dir}, {"{path}", path}});
   };
   BrokerWithSubscriber rig({}, "none");
   Messages sent;
@@ -479,8 +469,7 @@ TEST_F(NotificationSupplierTest, ReachesATlsBrokerWithCredentialsAndRefusesWhatI
                              std::to_string(rig.broker.port()) + "\nbroker_ca_file = " + dir + "/" + c[1] +
                              "\nbroker_user = kscdp\nbroker_password_file = " + dir + "/" + c[2] + "\n" +
                              (c[3] == "yes" ? client : ""));
-    std::string refusal = c[4];
-    if (refusal.find("{dir}") != std::string::npos) refusal.replace(refusal.find("{dir}"), 5, dir);
+    const std::string refusal = cases::filled(c[4], {{"{dir}", dir}});
     const size_t logStart = integration::logText().size();
     NotificationSupplier supplier;
     if (refusal.empty()) {
@@ -505,10 +494,7 @@ TEST(BrokerSettings, ComeFromTheConfigurationFileElseTheMasterServer) {
     for (const standin::BrokerAddress& address : settings.addresses)
       addresses += (addresses.empty() ? "" : " ") + standin::brokerText(address);
     EXPECT_EQ(addresses, c[1] != "-" ? c[1] : "") << c[0];
-    std::string refusal = c[2];
-    if (refusal.find("{conf}") != std::string::npos)
-      refusal.replace(refusal.find("{conf}"), 6, std::getenv("KEEPSTONE_CONF"));
-    EXPECT_THAT(error, HasSubstr(refusal)) << c[0];
+    EXPECT_THAT(error, HasSubstr(cases::filled(c[2], {{"{conf}", std::getenv("KEEPSTONE_CONF")}}))) << c[0];
   }
 }
 

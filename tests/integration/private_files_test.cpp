@@ -12,13 +12,6 @@
 
 namespace {
 
-std::string filled(std::string text, const std::string& mark, const std::string& value) {
-  for (size_t at = text.find(mark); at != std::string::npos; at = text.find(mark, at + value.size())) {
-    text.replace(at, mark.size(), value);
-  }
-  return text;
-}
-
 // The permission bits of `path`, or -1 when it is not there.
 int modeOf(const std::string& path) {
   struct stat status {};
@@ -58,7 +51,7 @@ TEST(PrivateFiles, APlantedLogIsNeitherFollowedNorWaitedOn) {
   int row = 0;
   for (const cases::Row& c : cases::read("planted_logs.cases")) {
     const std::string log = dir + "/log" + std::to_string(++row);
-    const auto fill = [&](const std::string& text) { return filled(filled(text, "{log}", log), "{dir}", dir); };
+    const auto fill = [&](const std::string& text) { return cases::filled(text, {{"{log}", log}, {"{dir}", dir}}); };
     SCOPED_TRACE(fill(c[0]));
     ASSERT_EQ(std::system(fill(c[0]).c_str()), 0);
     EXPECT_EQ(raiseUnderOpenUmask(log, dir + "/errors"), 0);
