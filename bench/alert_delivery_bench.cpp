@@ -18,7 +18,7 @@
 #include "benchmark_program.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
-#include "platform/standin/protocol.h"
+#include "platform/standin/config/protocol.h"
 #include "standin_files.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fuzz_check.h"
-#include "platform/standin/config_file.h"
+#include "platform/standin/config/config_file.h"
 
 namespace {
 

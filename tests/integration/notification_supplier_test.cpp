@@ -25,8 +25,8 @@
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
-#include "platform/standin/broker_settings.h"
-#include "platform/standin/notification_payload.h"
+#include "platform/standin/config/broker_settings.h"
+#include "platform/standin/mqtt/notification_payload.h"
 #include "programs/numbered_event.h"
 #include "standin_environment.h"
 

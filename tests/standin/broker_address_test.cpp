@@ -1,6 +1,6 @@
 // The broker address, and the list of them, as the "broker" setting writes
 // them; the order in which the publisher tries the list.
-#include "platform/standin/broker_address.h"
+#include "platform/standin/config/broker_address.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "case_table.h"
-#include "platform/standin/broker_rotation.h"
+#include "platform/standin/mqtt/broker_rotation.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // The JSON string writer of every string of a payload: escapes and UTF-8.
-#include "platform/standin/json_string.h"
+#include "platform/standin/mqtt/json_string.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "case_table.h"
-#include "platform/standin/notification_payload.h"
+#include "platform/standin/mqtt/notification_payload.h"
 
 namespace {
 

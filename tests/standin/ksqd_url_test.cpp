@@ -1,6 +1,6 @@
 // Where the request-daemon stand-in sends a request: the master's host written
 // into a URL, or the "ksqd_url" setting.
-#include "platform/standin/ksqd_url.h"
+#include "platform/standin/config/ksqd_url.h"
 
 #include <gtest/gtest.h>
 

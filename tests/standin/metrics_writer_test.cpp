@@ -1,6 +1,6 @@
 // The metrics file's rewrite: a reader never sees a part of a version, and
 // no temporary file is left beside it.
-#include "platform/standin/metrics_writer.h"
+#include "platform/standin/metrics/writer.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

@@ -1,6 +1,6 @@
 // The notification publisher's queue, driven the way its connection drives
 // it: hand over, acknowledge, lose the connection, hand over again.
-#include "platform/standin/pending_events.h"
+#include "platform/standin/publisher/pending_events.h"
 
 #include <gtest/gtest.h>
 

@@ -13,10 +13,10 @@
 
 #include "checks.h"
 #include "platform/notification.h"
-#include "platform/standin/broker_settings.h"
-#include "platform/standin/mqtt_client_setup.h"
-#include "platform/standin/notification_payload.h"
-#include "platform/standin/protocol.h"
+#include "platform/standin/config/broker_settings.h"
+#include "platform/standin/mqtt/client_setup.h"
+#include "platform/standin/mqtt/notification_payload.h"
+#include "platform/standin/config/protocol.h"
 #include "services/AlertServiceImpl.h"
 
 namespace doctor {

@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "checks.h"
-#include "platform/standin/client_identity.h"
+#include "platform/standin/config/client_identity.h"
 
 namespace doctor {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "check_result.h"
-#include "platform/standin/config_file.h"
+#include "platform/standin/config/config_file.h"
 
 namespace doctor {
 

@@ -13,8 +13,8 @@
 #include <string>
 
 #include "checks.h"
-#include "platform/standin/metrics_settings.h"
-#include "platform/standin/outbox_settings.h"
+#include "platform/standin/config/metrics_settings.h"
+#include "platform/standin/config/outbox_settings.h"
 
 namespace doctor {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "platform/standin/config_file.h"
+#include "platform/standin/config/config_file.h"
 
 namespace doctor {
 namespace {

@@ -1,7 +1,7 @@
 #include "checks.h"
-#include "platform/standin/broker_settings.h"
-#include "platform/standin/ksqd_url.h"
-#include "platform/standin/service_url.h"
+#include "platform/standin/config/broker_settings.h"
+#include "platform/standin/config/ksqd_url.h"
+#include "platform/standin/config/service_url.h"
 #include "rest/KeepstoneRestApi.h"
 #include "url_parts.h"
 

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "platform/standin/protocol.h"
+#include "platform/standin/config/protocol.h"
 #include "port/mutex.h"
 #include "rest/KeepstoneRestApi.h"
 

@@ -1,0 +1,67 @@
+// Where a process keeps the events it accepts while another process owns the
+// outbox: a forked child whose parent's publisher has the outbox open, or a
+// second engine configured with the same outbox.
+#ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_GUEST_H_
+#define KSCDP_PLATFORM_STANDIN_OUTBOX_GUEST_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "port/mutex.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace standin {
+
+// A guest's file: "<outbox>.guest-<pid>", a database of the outbox's format
+// (outbox_schema.h) that only this process writes, holding an flock on it
+// while it lives. It never opens the owner's file: a forked child shares its
+// parent's SQLite bookkeeping for that file, so a connection of its own
+// would take locks that exist only in the parent. The outbox's owner moves
+// what guests stored into its own file (Outbox::adoptGuests) and removes the
+// files of guests that are gone. An appended event is in the file, in the
+// kernel's buffers, before append() returns, so it survives the process
+// being killed. Failures are logged at level 16 under
+// "NotificationSupplier".
+class GuestOutbox {
+ public:
+  // Opens, creating it when missing, the guest file of this process beside
+  // the outbox at `outboxPath`, its directory already made. `fullSync`: sync
+  // every append to the disk. Null, with the reason in `error`, when it
+  // cannot be used.
+  static std::unique_ptr<GuestOutbox> open(const std::string& outboxPath, bool fullSync, std::string& error);
+  // Closes the file, and removes it when it holds nothing.
+  ~GuestOutbox();
+  GuestOutbox(const GuestOutbox&) = delete;
+  GuestOutbox& operator=(const GuestOutbox&) = delete;
+
+  const std::string& path() const { return m_path; }
+
+  // Stores one event; true when it is stored (else logged, once per run of
+  // failures). Thread-safe.
+  bool append(const std::string& payload);
+
+ private:
+  GuestOutbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
+
+  const std::string m_path;
+  const int m_lockFd;  // holds the flock that tells the owner this guest lives
+  port::Mutex m_mutex;
+  sqlite3* m_db = nullptr;
+  sqlite3_stmt* m_insert GUARDED_BY(m_mutex) = nullptr;
+  bool m_failing GUARDED_BY(m_mutex) = false;
+};
+
+// The guest file of process `pid` beside the outbox at `outboxPath`.
+std::string guestOutboxPath(const std::string& outboxPath, pid_t pid);
+// Whether `name`, a file name without its directory, is a guest file of the
+// outbox whose file name is `outboxName` (not its journal).
+bool isGuestOutboxName(const std::string& name, const std::string& outboxName);
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_OUTBOX_GUEST_H_

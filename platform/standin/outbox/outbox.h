@@ -1,0 +1,185 @@
+// The notification publisher's outbox: accepted events on disk, in an SQLite
+// database in WAL mode, until the broker has acknowledged them.
+#ifndef KSCDP_PLATFORM_STANDIN_OUTBOX_OUTBOX_H_
+#define KSCDP_PLATFORM_STANDIN_OUTBOX_OUTBOX_H_
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "port/mutex.h"
+#include "platform/standin/outbox/stored_event.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace standin {
+
+// The file's format is in outbox_schema.h. An appended event is in the WAL,
+// in the kernel's buffers, before append() returns, so it survives the
+// process being killed; with `fullSync` it is also on the disk, and survives
+// a power loss. Otherwise the WAL reaches the disk at each checkpoint, about
+// once a second. One process at a time owns the file, through an flock on
+// "<path>.lock"; the sqlite3 shell may read it meanwhile, and other processes
+// store their events in guest files beside it (guest_outbox.h), which the
+// owner adopts. Failures are logged at level 16 under "NotificationSupplier".
+class Outbox {
+ public:
+  using Event = StoredEvent;
+
+  // Opens the outbox at `path`, creating the file and its directory when
+  // missing, and adopts what guests left beside it. A file that is not a
+  // database, or one whose schema is damaged, is renamed aside with a time
+  // stamp (logged) and a new one started; so is one that a newer release
+  // wrote, whose events this one cannot know how to read. A file of an older
+  // version is upgraded in place. Null, with the reason in `error`, when the
+  // outbox cannot be used; `ownedElsewhere` is then true when another process
+  // owns it, or this process was forked from one that had it open: events
+  // then go to a guest file. Reads only the file's first pages:
+  // checkWhole() reads the rest.
+  static std::unique_ptr<Outbox> open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere);
+  ~Outbox();
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
+  const std::string& path() const { return m_path; }
+
+  // What SQLite's quick check finds wrong in the whole file, empty when
+  // nothing. The network thread's, before it reads the backlog; appends may
+  // run meanwhile.
+  std::string checkWhole();
+  // Sets a damaged outbox aside (logged, naming `found`, what was wrong) and
+  // starts a new one at the same path, keeping the lock; the events stored
+  // so far go with the old file. False, with the reason in `found`, when no
+  // new one could be started. No append may run meanwhile.
+  bool startAfreshAsDamaged(std::string& found);
+
+  // Up to `limit` events with an id above `after`, oldest first. Empty,
+  // logged, when the outbox cannot be read. The network thread's; appends
+  // may run meanwhile.
+  std::vector<Event> waiting(int64_t after, int64_t limit);
+  // Stores one event and returns its id, or 0 when it cannot be stored (one
+  // log line per run of failures). Thread-safe.
+  int64_t append(const std::string& payload);
+  // Removes the events with these ids, in one transaction.
+  void remove(const std::vector<int64_t>& ids);
+  // Moves into this outbox what guests stored beside it, and removes the
+  // files of guests that are gone. Returns the moved events under their ids
+  // here, in each guest's order; an event may be moved twice (a failure
+  // between storing it here and removing it there), never lost. The network
+  // thread's; appends may run meanwhile.
+  std::vector<Event> adoptGuests();
+  // Asks the outbox's own thread to copy the WAL into the database and sync
+  // both: the batched sync. Once the WAL has passed its bound, that thread
+  // also copies what was appended meanwhile, holding appends off for that
+  // short while, so that the next append starts the WAL over; and once the
+  // outbox is empty after a large backlog, it gives the space back. Returns
+  // at once: neither a sync nor a copy holds up the caller. Thread-safe.
+  void requestCheckpoint();
+  // Whether the WAL has passed its bound: the network thread should ask for
+  // a checkpoint now rather than at its next turn. Thread-safe.
+  bool walPastBound() const { return m_walFrames.load(std::memory_order_relaxed) > kWalBoundFrames; }
+
+  // Around fork(): holds every write and checkpoint in the forking thread,
+  // then lets them go. In a child, also closes the child's copy of the lock
+  // file, so that the parent's ownership ends when the parent lets it go, and
+  // marks the file as one this process may never open (see GuestOutbox); a
+  // child never uses its parent's outbox, nor its checkpoint thread.
+  void holdForFork() ACQUIRE(m_checkpointMutex, m_writeMutex);
+  void releaseAfterFork(bool inChild) RELEASE(m_checkpointMutex, m_writeMutex);
+
+ private:
+  Outbox(std::string path, int lockFd);
+
+  // About 4 MiB of WAL with SQLite's 4 KiB pages: what the outbox may hold
+  // beyond its database file while no broker acknowledges anything.
+  static const int kWalBoundFrames = 1024;
+  // Free pages past this (4 MiB) go back to the file system once the outbox
+  // holds little: after a drain, when it opens and when it closes.
+  static const int kFreePagesBound = 1024;
+  // What the outbox may hold (in pages) for that: a VACUUM copies it all.
+  static const int kVacuumLivePages = 256;
+
+  // SQLite's WAL hook: notes the WAL's length after each commit. Called from
+  // C; nothing unwinds through it.
+  static int onWalCommit(void* outbox, sqlite3* db, const char* name, int frames) noexcept;
+  // The checkpoint thread: one checkpoint() per request, until the outbox
+  // closes.
+  void checkpointLoop();
+  void checkpoint() REQUIRES(m_checkpointMutex);
+  // A passive checkpoint: copies what no reader still needs from the WAL.
+  void copyWal() REQUIRES(m_checkpointMutex);
+  // VACUUM when free pages pass their bound and the outbox holds little,
+  // then a truncating checkpoint.
+  void shrink() REQUIRES(m_checkpointMutex, m_writeMutex);
+  // An event as a guest stored it.
+  struct GuestEvent {
+    int64_t id;
+    std::string payload;
+    int64_t raised;
+  };
+  // adoptGuests() for one guest file.
+  void adoptGuest(const std::string& guestPath, std::vector<Event>& adopted);
+  // Stores a guest's events here in one transaction, appending them with
+  // their ids here to `adopted`; false (logged) when it cannot.
+  bool storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted);
+
+  // Why an outbox file cannot be used and is set aside.
+  enum class Unusable { kNo, kDamaged, kNewer };
+  bool openConnections(bool fullSync, std::string& error, Unusable& unusable);
+  // Sets the file aside as `unusable` (logged) and opens a new one.
+  bool startAfresh(Unusable unusable, std::string& error);
+  // Notes which file the connections have open, for releaseAfterFork().
+  void noteIdentity();
+  void closeConnections();
+  // Commits the writer's transaction when `code`, its statements' result, is
+  // SQLITE_OK. Otherwise, or when the commit fails, logs (once per run of
+  // failures, `failing`) and rolls back. True when it committed.
+  bool endTransaction(int code, bool& failing, const std::string& what, const std::string& consequence)
+      REQUIRES(m_writeMutex);
+  // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
+  void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
+
+  const std::string m_path;
+  int m_lockFd;  // holds the flock that makes this process the outbox's owner
+  bool m_fullSync = false;
+  dev_t m_device = 0;  // of the database file the connections have open
+  ino_t m_inode = 0;
+
+  // Every read and write of the events goes through one connection, under
+  // m_writeMutex: a write by a second connection would make this one drop
+  // its page cache at its next append. The checkpoint thread checkpoints
+  // through the other, so a passive checkpoint never holds up an append; its
+  // writes (the last frames, truncation, vacuum) take m_writeMutex too, so
+  // that neither connection ever waits in SQLite's busy handler for the
+  // other. m_checkpointMutex, held through each checkpoint and the quick
+  // check, is taken before m_writeMutex.
+  port::Mutex m_checkpointMutex;
+  port::Mutex m_writeMutex;
+  sqlite3* m_writer = nullptr;
+  sqlite3_stmt* m_insert GUARDED_BY(m_writeMutex) = nullptr;
+  bool m_appendFailing GUARDED_BY(m_writeMutex) = false;
+  sqlite3* m_checkpointer = nullptr;
+  sqlite3_stmt* m_delete GUARDED_BY(m_writeMutex) = nullptr;
+  bool m_removeFailing GUARDED_BY(m_writeMutex) = false;
+  bool m_adoptFailing GUARDED_BY(m_writeMutex) = false;
+  // The last removal left the outbox empty: the next checkpoint looks for
+  // free pages to give back. So does the first.
+  std::atomic<bool> m_drained{true};
+  std::atomic<int> m_walFrames{0};
+
+  port::Mutex m_requestMutex;
+  port::CondVar m_requestChanged;
+  bool m_checkpointWanted GUARDED_BY(m_requestMutex) = false;
+  bool m_stopping GUARDED_BY(m_requestMutex) = false;
+  std::thread m_checkpointThread;
+};
+
+}  // namespace standin
+
+#endif  // KSCDP_PLATFORM_STANDIN_OUTBOX_OUTBOX_H_
