@@ -14,9 +14,9 @@
 #include "checks.h"
 #include "platform/notification.h"
 #include "platform/standin/config/broker_settings.h"
+#include "platform/standin/config/protocol.h"
 #include "platform/standin/mqtt/client_setup.h"
 #include "platform/standin/mqtt/notification_payload.h"
-#include "platform/standin/config/protocol.h"
 #include "services/AlertServiceImpl.h"
 
 namespace doctor {

@@ -12,10 +12,10 @@
 #include <cstring>
 
 #include "checks.h"
-#include "platform/standin/http/curl_exchange.h"
-#include "platform/standin/http/http_settings.h"
 #include "platform/standin/config/ksqd_url.h"
 #include "platform/standin/config/protocol.h"
+#include "platform/standin/http/curl_exchange.h"
+#include "platform/standin/http/http_settings.h"
 #include "url_parts.h"
 
 namespace doctor {

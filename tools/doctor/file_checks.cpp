@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "checks.h"
-#include "platform/standin/outbox/backlog.h"
 #include "platform/standin/config/outbox_settings.h"
+#include "platform/standin/outbox/backlog.h"
 
 namespace doctor {
 namespace {

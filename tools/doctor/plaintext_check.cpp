@@ -3,8 +3,8 @@
 #include <strings.h>
 
 #include "checks.h"
-#include "platform/standin/http/http_settings.h"
 #include "platform/standin/config/ksqd_url.h"
+#include "platform/standin/http/http_settings.h"
 
 namespace doctor {
 namespace {

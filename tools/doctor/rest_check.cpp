@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "checks.h"
+#include "platform/standin/config/service_url.h"
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
-#include "platform/standin/config/service_url.h"
 #include "rest/KeepstoneRestApi.h"
 #include "url_parts.h"
 

@@ -2,9 +2,9 @@
 
 #include <vector>
 
-#include "platform/standin/files/private_file.h"
 #include "platform/standin/config/protocol.h"
 #include "platform/standin/config/service_url.h"
+#include "platform/standin/files/private_file.h"
 
 namespace standin {
 namespace {

@@ -10,10 +10,9 @@
 #include <cstring>
 #include <iterator>
 
-#include "platform/standin/process/fork_hooks.h"
+#include "port/fork_hooks.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
-#include "platform/standin/process/unload.h"
 
 namespace standin {
 namespace {
@@ -151,7 +150,7 @@ void unlockAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_last->mutex.unlock(); }
 
 }  // namespace
 
-const ForkHooks kConfigForkHooks = {&lockForFork, &unlockAfterFork, &unlockAfterFork};
+const port::ForkHooks kConfigForkHooks = {&lockForFork, &unlockAfterFork, &unlockAfterFork};
 
 const std::vector<std::string>& knownConfigKeys() {
   static port::NoDestructor<std::vector<std::string>> keys(std::begin(kKnownKeys), std::end(kKnownKeys));

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "port/fork_hooks.h"
+
 namespace standin {
 
 // A line whose key is not one of knownConfigKeys(): the library ignores it,
@@ -66,6 +68,14 @@ struct ConfigSnapshot {
 // A file that cannot be looked at gives a snapshot with the errno. Never
 // null; thread-safe.
 std::shared_ptr<const ConfigSnapshot> currentConfig();
+
+// Around fork(): the last parse is not being replaced while the process is
+// copied.
+extern const port::ForkHooks kConfigForkHooks;
+
+// Forgets the last parse of the configuration file; the next read parses it.
+// For unloading.
+void releaseConfigSnapshot();
 
 }  // namespace standin
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/standin/config/config_file.h"
 #include "platform/ks_master_config.h"
+#include "platform/standin/config/config_file.h"
 #include "port/mutex.h"
 
 namespace {

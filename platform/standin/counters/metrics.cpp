@@ -4,7 +4,7 @@
 #include <atomic>
 #include <vector>
 
-#include "platform/standin/process/fork_hooks.h"
+#include "port/fork_hooks.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
 
@@ -175,6 +175,6 @@ void releaseMetricsAfterFork() NO_THREAD_SAFETY_ANALYSIS {
 }
 }  // namespace
 
-const ForkHooks kMetricsForkHooks = {&prepareMetricsFork, &releaseMetricsAfterFork, &releaseMetricsAfterFork};
+const port::ForkHooks kMetricsForkHooks = {&prepareMetricsFork, &releaseMetricsAfterFork, &releaseMetricsAfterFork};
 
 }  // namespace standin

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "port/fork_hooks.h"
+
 namespace standin {
 namespace metrics {
 
@@ -97,6 +99,10 @@ void releaseQueueRegistry();
 size_t httpOutcome(long status);
 
 }  // namespace metrics
+
+// Around fork(): no count is being copied while the process is.
+extern const port::ForkHooks kMetricsForkHooks;
+
 }  // namespace standin
 
 #endif  // KSCDP_PLATFORM_STANDIN_COUNTERS_METRICS_H_

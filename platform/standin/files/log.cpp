@@ -15,12 +15,12 @@
 #include <ctime>
 #include <string>
 
-#include "platform/standin/process/fork_hooks.h"
 #include "platform/ksu_log.h"
+#include "platform/standin/files/log_sink.h"
+#include "platform/standin/files/private_file.h"
+#include "port/fork_hooks.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
-#include "platform/standin/files/private_file.h"
-#include "platform/standin/process/unload.h"
 
 namespace {
 
@@ -173,7 +173,7 @@ void appendTimestamp(std::string& out) {
 
 namespace standin {
 
-const ForkHooks kLogForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
+const port::ForkHooks kLogForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
 
 void releaseLogSink() {
   port::MutexLock lock(g_state->mutex);

@@ -8,12 +8,12 @@
 #include <memory>
 #include <string>
 
-#include "platform/standin/http/curl_exchange.h"
-#include "platform/standin/http/http_settings.h"
-#include "platform/standin/counters/metrics.h"
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
 #include "platform/standin/config/service_url.h"
+#include "platform/standin/counters/metrics.h"
+#include "platform/standin/http/curl_exchange.h"
+#include "platform/standin/http/http_settings.h"
 
 namespace {
 

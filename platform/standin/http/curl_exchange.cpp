@@ -2,8 +2,8 @@
 
 #include <strings.h>
 
-#include "platform/standin/config/client_identity.h"
 #include "platform/ksu_log.h"
+#include "platform/standin/config/client_identity.h"
 
 namespace standin {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/standin/process/fork_hooks.h"
+#include "port/fork_hooks.h"
 #include "port/mutex.h"
 
 namespace standin {
@@ -127,7 +127,7 @@ void unlockInChild() {
 
 }  // namespace
 
-const ForkHooks kCurlForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
+const port::ForkHooks kCurlForkHooks = {&lockForFork, &unlockAfterFork, &unlockInChild};
 
 size_t appendToBody(char* data, size_t size, size_t count, void* answer) {
   AnswerBody& body = *static_cast<AnswerBody*>(answer);

@@ -18,6 +18,8 @@
 #include <memory>
 #include <string>
 
+#include "port/fork_hooks.h"
+
 namespace standin {
 
 // An easy handle: the one given back last, else a new one; null when libcurl
@@ -69,6 +71,10 @@ struct HeaderListRelease {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 using HeaderList = std::unique_ptr<curl_slist, HeaderListRelease>;
+
+// Around fork(): libcurl's shared data is not being changed while the
+// process is copied; the child lets go of the parent's connections.
+extern const port::ForkHooks kCurlForkHooks;
 
 }  // namespace standin
 

@@ -26,12 +26,12 @@
 #include <new>
 #include <string>
 
+#include "platform/ksu_log.h"
 #include "platform/standin/config/config_file.h"
-#include "platform/standin/http/curl_exchange.h"
-#include "platform/standin/http/http_settings.h"
 #include "platform/standin/config/ksqd_url.h"
 #include "platform/standin/counters/metrics.h"
-#include "platform/ksu_log.h"
+#include "platform/standin/http/curl_exchange.h"
+#include "platform/standin/http/http_settings.h"
 
 namespace {
 

@@ -12,15 +12,15 @@
 #include <memory>
 #include <thread>
 
+#include "platform/ksu_log.h"
 #include "platform/standin/config/broker_settings.h"
 #include "platform/standin/config/config_file.h"
-#include "platform/standin/process/fork_hooks.h"
-#include "platform/standin/outbox/guest.h"
-#include "platform/standin/counters/metrics.h"
 #include "platform/standin/config/metrics_settings.h"
-#include "platform/standin/metrics/text.h"
 #include "platform/standin/config/outbox_settings.h"
-#include "platform/ksu_log.h"
+#include "platform/standin/counters/metrics.h"
+#include "platform/standin/metrics/text.h"
+#include "platform/standin/outbox/guest.h"
+#include "port/fork_hooks.h"
 #include "port/mutex.h"
 #include "port/no_destructor.h"
 
@@ -196,7 +196,7 @@ void writerChildAfterFork() NO_THREAD_SAFETY_ANALYSIS { g_writer->childAfterFork
 
 }  // namespace
 
-const ForkHooks kMetricsWriterForkHooks = {&prepareWriterFork, &writerParentAfterFork, &writerChildAfterFork};
+const port::ForkHooks kMetricsWriterForkHooks = {&prepareWriterFork, &writerParentAfterFork, &writerChildAfterFork};
 
 MetricsWriterUse::MetricsWriterUse() {
   try {

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "port/fork_hooks.h"
+
 namespace standin {
 
 // One user's hold on the writer. The first hold starts the writer's thread
@@ -28,6 +30,10 @@ class MetricsWriterUse {
  private:
   bool m_held = false;
 };
+
+// Around fork(): the writer is not starting or ending while the process is
+// copied; the child has no writer thread.
+extern const port::ForkHooks kMetricsWriterForkHooks;
 
 // Stops the writer whatever holds it, without a last write: the library is
 // being unloaded, and no thread may run its code afterwards.

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/standin/outbox/schema.h"
 #include "platform/ksu_log.h"
+#include "platform/standin/outbox/schema.h"
 
 namespace standin {
 namespace {

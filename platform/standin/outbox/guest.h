@@ -18,7 +18,7 @@ struct sqlite3_stmt;
 namespace standin {
 
 // A guest's file: "<outbox>.guest-<pid>", a database of the outbox's format
-// (outbox_schema.h) that only this process writes, holding an flock on it
+// (schema.h) that only this process writes, holding an flock on it
 // while it lives. It never opens the owner's file: a forked child shares its
 // parent's SQLite bookkeeping for that file, so a connection of its own
 // would take locks that exist only in the parent. The outbox's owner moves

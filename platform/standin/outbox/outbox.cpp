@@ -13,11 +13,11 @@
 #include <ctime>
 #include <filesystem>
 
-#include "platform/standin/outbox/schema.h"
 #include "platform/ksu_log.h"
-#include "port/no_destructor.h"
 #include "platform/standin/files/private_directory.h"
 #include "platform/standin/files/private_file.h"
+#include "platform/standin/outbox/schema.h"
+#include "port/no_destructor.h"
 
 namespace standin {
 namespace {

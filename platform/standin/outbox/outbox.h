@@ -12,21 +12,21 @@
 #include <thread>
 #include <vector>
 
-#include "port/mutex.h"
 #include "platform/standin/outbox/stored_event.h"
+#include "port/mutex.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace standin {
 
-// The file's format is in outbox_schema.h. An appended event is in the WAL,
+// The file's format is in schema.h. An appended event is in the WAL,
 // in the kernel's buffers, before append() returns, so it survives the
 // process being killed; with `fullSync` it is also on the disk, and survives
 // a power loss. Otherwise the WAL reaches the disk at each checkpoint, about
 // once a second. One process at a time owns the file, through an flock on
 // "<path>.lock"; the sqlite3 shell may read it meanwhile, and other processes
-// store their events in guest files beside it (guest_outbox.h), which the
+// store their events in guest files beside it (guest.h), which the
 // owner adopts. Failures are logged at level 16 under "NotificationSupplier".
 class Outbox {
  public:

@@ -1,7 +1,15 @@
-// Registers the stand-ins' fork handlers when the library loads.
-#include "platform/standin/process/fork_hooks.h"
+// Registers the stand-ins' fork handlers when the library loads: the one
+// place that knows every process-wide part, and the order their locks nest.
+#include "port/fork_hooks.h"
 
 #include <pthread.h>
+
+#include "platform/standin/config/config_file.h"
+#include "platform/standin/counters/metrics.h"
+#include "platform/standin/files/log_sink.h"
+#include "platform/standin/http/curl_support.h"
+#include "platform/standin/metrics/writer.h"
+#include "platform/standin/publisher/registry.h"
 
 namespace standin {
 namespace {
@@ -10,8 +18,8 @@ namespace {
 // holds its locks; nothing calls into a publisher while it holds the log's.
 // The metrics writer holds its lock only while it starts or ends; the
 // counts' locks are innermost, held around a copy or a queue's own lock.
-const ForkHooks* const kOuterFirst[] = {&kMetricsWriterForkHooks, &kPublisherForkHooks, &kConfigForkHooks,
-                                        &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks};
+const port::ForkHooks* const kOuterFirst[] = {&kMetricsWriterForkHooks, &kPublisherForkHooks, &kConfigForkHooks,
+                                              &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks};
 const int kParts = sizeof kOuterFirst / sizeof kOuterFirst[0];
 
 void prepare() {

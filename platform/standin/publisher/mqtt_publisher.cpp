@@ -12,11 +12,11 @@
 #include <exception>
 #include <system_error>
 
-#include "platform/standin/counters/metrics.h"
-#include "platform/standin/mqtt/mosquitto_library.h"
-#include "platform/standin/mqtt/client_setup.h"
 #include "platform/ksu_log.h"
 #include "platform/standin/config/protocol.h"
+#include "platform/standin/counters/metrics.h"
+#include "platform/standin/mqtt/client_setup.h"
+#include "platform/standin/mqtt/mosquitto_library.h"
 #include "platform/standin/publisher/registry.h"
 
 namespace standin {

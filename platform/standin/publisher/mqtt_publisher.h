@@ -10,11 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include "platform/standin/mqtt/broker_rotation.h"
 #include "platform/standin/config/broker_settings.h"
+#include "platform/standin/mqtt/broker_rotation.h"
 #include "platform/standin/outbox/guest.h"
 #include "platform/standin/outbox/outbox.h"
 #include "platform/standin/publisher/pending_events.h"
+#include "platform/standin/publisher/registry.h"
 #include "port/mutex.h"
 
 struct mosquitto;
@@ -43,7 +44,7 @@ namespace standin {
 // publisher becomes the owner once the outbox is free. Without an outbox, or
 // when it cannot be used, payloads wait in memory only. Failures are logged
 // at level 16 under "NotificationSupplier".
-class MqttPublisher {
+class MqttPublisher final : public ForkingPublisher {
  public:
   static const int kQueued = 0;
   static const int kRefusedQueueFull = 1;    // 100,000 payloads waiting (10,000 without an outbox)
@@ -69,11 +70,11 @@ class MqttPublisher {
   // or as not delivered. Later calls do nothing.
   void stop();
 
-  // Around fork() (publisher_registry.h): holds publishing and the outbox in
+  // Around fork() (registry.h): holds publishing and the outbox in
   // the forking thread, then lets them go; in a child, without touching the
   // connection, the outbox or the thread, which are the parent's.
-  void holdForFork() ACQUIRE(m_controlMutex);
-  void releaseAfterFork(bool inChild) RELEASE(m_controlMutex);
+  void holdForFork() override ACQUIRE(m_controlMutex);
+  void releaseAfterFork(bool inChild) override RELEASE(m_controlMutex);
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -1,11 +1,11 @@
 // NotificationSupplier over MQTT: each event becomes one JSON payload that an
 // MqttPublisher delivers to the broker. While a supplier lives, the metrics
 // file is rewritten; its alerts are counted here.
+#include "platform/notification.h"
 #include "platform/standin/counters/metrics.h"
 #include "platform/standin/metrics/writer.h"
-#include "platform/standin/publisher/mqtt_publisher.h"
 #include "platform/standin/mqtt/notification_payload.h"
-#include "platform/notification.h"
+#include "platform/standin/publisher/mqtt_publisher.h"
 
 namespace {
 

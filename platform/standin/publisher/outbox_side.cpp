@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/standin/publisher/mqtt_publisher.h"
-#include "platform/standin/config/outbox_settings.h"
 #include "platform/ksu_log.h"
+#include "platform/standin/config/outbox_settings.h"
+#include "platform/standin/publisher/mqtt_publisher.h"
 
 namespace standin {
 namespace {

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "platform/standin/counters/metrics.h"
-#include "port/mutex.h"
 #include "platform/standin/outbox/stored_event.h"
+#include "port/mutex.h"
 
 namespace standin {
 
