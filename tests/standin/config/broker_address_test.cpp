@@ -1,15 +1,13 @@
 // The broker address, and the list of them, as the "broker" setting writes
-// them; the order in which the publisher tries the list.
+// them.
 #include "platform/standin/config/broker_address.h"
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "case_table.h"
-#include "platform/standin/mqtt/broker_rotation.h"
 
 namespace {
 
@@ -38,24 +36,6 @@ TEST(BrokerListText, IsAddressesSeparatedByCommasAndRefusedWholeForOneBadEntry) 
       EXPECT_EQ(addresses.size(), 1u) << c[0];
     }
     EXPECT_EQ(parsed, c[1]) << c[0];
-  }
-}
-
-TEST(BrokerRotation, TriesEachEntryInTurnAndPausesOnlyAfterAWholeRound) {
-  using std::chrono::milliseconds;
-  for (const cases::Row& c : cases::read("broker_rotations.cases")) {
-    standin::BrokerRotation rotation(milliseconds(100), milliseconds(1000));
-    std::istringstream attempts(c[0]);
-    std::string trace;
-    for (std::string attempt; attempts >> attempt;) {
-      trace += (trace.empty() ? "" : " ") + std::to_string(rotation.entryToTry(std::stoul(attempt)));
-      if (attempt.back() == 'c') {
-        rotation.connected();
-      } else {
-        trace += "/" + std::to_string(std::chrono::duration_cast<milliseconds>(rotation.attemptFailed()).count());
-      }
-    }
-    EXPECT_EQ(trace, c[1]) << c[0];
   }
 }
 

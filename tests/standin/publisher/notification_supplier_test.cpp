@@ -22,12 +22,12 @@
 
 #include "case_table.h"
 #include "fault_proxy/fault_proxy.h"
+#include "integration/programs/numbered_event.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
 #include "platform/notification.h"
 #include "platform/standin/config/broker_settings.h"
 #include "platform/standin/mqtt/notification_payload.h"
-#include "programs/numbered_event.h"
 #include "standin_environment.h"
 
 namespace {

@@ -1,5 +1,7 @@
 // The metrics file's rewrite: a reader never sees a part of a version, and
 // no temporary file is left beside it.
+#include "platform/standin/metrics/writer.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -11,8 +13,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-
-#include "platform/standin/metrics/writer.h"
 
 namespace {
 

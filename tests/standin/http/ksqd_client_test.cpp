@@ -1,5 +1,6 @@
-// The stand-in master configuration and log, through their real files, and
-// the request-daemon client against the master simulator.
+// The request-daemon client against the master simulator.
+#include "platform/ksqd_client.h"
+
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <dlfcn.h>
@@ -26,107 +27,11 @@
 
 #include "case_table.h"
 #include "platform/ks_master_config.h"
-#include "platform/ksqd_client.h"
 #include "platform/ksu_log.h"
 #include "rest/CCTCurlWrapper.h"
 #include "standin_environment.h"
 
 namespace {
-
-TEST(MasterConfigFile, EveryReadLoadsWhatTheFileSaysNow) {
-  for (const cases::Row& c : cases::read("master_configs.cases")) {
-    SCOPED_TRACE(c[0]);
-    if (c[0] != "-") {
-      integration::writeConfig(c[0]);
-    } else {
-      integration::removeConfig();
-    }
-    EXPECT_EQ(KS_read_master_config(), std::stoi(c[1]));
-    const ks_master_config* config = get_master_config_ptr();
-    std::string servers;
-    int listed = 0;
-    for (; config->server_list != nullptr && config->server_list[listed] != nullptr; ++listed) {
-      servers += (listed == 0 ? "" : ",") + std::string(config->server_list[listed]);
-    }
-    EXPECT_EQ(servers, c[2]);
-    EXPECT_EQ(config->server_list == nullptr, c[1] != "0");
-    EXPECT_EQ(config->server_count, listed);
-    EXPECT_STREQ(config->host_name != nullptr ? config->host_name : "<none>", c[3].c_str());
-  }
-}
-
-// An edit is seen by the next read even when it keeps the file's size and
-// moves its modification time by a nanosecond only.
-TEST(MasterConfigFile, AnEditOfTheSameSizeInTheSameSecondIsSeen) {
-  const std::string path = std::getenv("KEEPSTONE_CONF");
-  integration::writeConfig("server = before\n");
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its times are then to be trusted
-  ASSERT_EQ(KS_read_master_config(), 0);
-  struct stat read {};
-  ASSERT_EQ(stat(path.c_str(), &read), 0);
-  std::ofstream(path) << "server = after!\n";  // in place: the same inode
-  timespec times[2] = {read.st_atim, read.st_mtim};
-  times[1].tv_nsec = read.st_mtim.tv_nsec > 0 ? read.st_mtim.tv_nsec - 1 : 1;
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  ASSERT_EQ(KS_read_master_config(), 0);
-  EXPECT_STREQ(get_master_config_ptr()->server_list[0], "after!");
-}
-
-TEST(StandinLog, WritesOneEscapedRecordALineWithTheWritersProcessId) {
-  const size_t before = integration::logText().size();
-  ksu_logmsg_str(16, "Some::function",
-                 "a\\b\nc\rd\te\x01\x1f"
-                 "f\x7f\xc3\xa9 \"q\"");
-  ksu_logmsg_str(2, "other", "");
-  const std::string added = integration::logText().substr(before);
-  const std::string stamp = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z " + std::to_string(getpid());
-  const std::regex expected(stamp + " 16 Some::function: a\\\\\\\\b\\\\nc\\\\rd\\\\te\\\\x01\\\\x1f" +
-                            "f\x7f\xc3\xa9 \"q\"\n" + stamp + " 2 other: \n");
-  EXPECT_TRUE(std::regex_match(added, expected)) << added;
-
-  const pid_t child = fork();  // whose records carry its own process id
-  if (child == 0) {
-    ksu_logmsg_str(2, "child", "");
-    _exit(0);
-  }
-  ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  EXPECT_NE(integration::logText().find(" " + std::to_string(child) + " 2 child: \n"), std::string::npos);
-}
-
-// logrotate moves the log away and creates a fresh file in its place, or
-// moves it with nothing put there: within a second or so records reach a file
-// at the path again, and none is lost or written twice.
-TEST(StandinLog, FollowsTheFileThroughLogrotatesMoves) {
-  const std::string log = integration::scratchPath("ksu.log");
-  int written = 0;
-  // Logs numbered records until one lands in a file at `log`; false after 5 s.
-  const auto logUntilOneIsAtThePath = [&] {
-    for (int i = 0; i < 500; ++i) {
-      ksu_logmsg_str(4, "rotation", "record " + std::to_string(written++));
-      if (integration::fileText(log).find(" rotation: record ") != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  };
-  ASSERT_TRUE(logUntilOneIsAtThePath());
-  ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
-  std::ofstream(log).close();
-  ASSERT_TRUE(logUntilOneIsAtThePath());
-  ASSERT_EQ(std::rename(log.c_str(), (log + ".2").c_str()), 0);
-  ASSERT_TRUE(logUntilOneIsAtThePath());
-
-  std::vector<int> seen;
-  for (const std::string& path : {log + ".1", log + ".2", log}) {
-    std::istringstream lines(integration::fileText(path));
-    for (std::string line; std::getline(lines, line);) {
-      const size_t at = line.find(" rotation: record ");
-      if (at != std::string::npos) seen.push_back(std::stoi(line.substr(at + 18)));
-    }
-  }
-  std::vector<int> expected(written);
-  std::iota(expected.begin(), expected.end(), 0);
-  EXPECT_EQ(seen, expected);
-}
 
 using KsqdClient = integration::MasterOnLoopback;
 
