@@ -1,6 +1,8 @@
 // The master server's REST jobs interface as this system speaks it: the one
 // home of its constants, shared by the REST client, the job handler, the
-// operator's doctor and the master simulator.
+// operator's doctor and the master simulator. The REST client and the job
+// handler build their own file-local strings from the parts at load, in the
+// system's order; the joined forms below are for everything else.
 #ifndef KSCDP_REST_KEEPSTONERESTAPI_H_
 #define KSCDP_REST_KEEPSTONERESTAPI_H_
 

@@ -1,12 +1,9 @@
-// The codes of the library's service exceptions, by name, with the levels of
-// its log lines. The codes reach the engine as results, so their values are
-// part of the interface.
+// The codes of the library's service exceptions, by name. The codes reach
+// the engine as results, so their values are part of the interface.
 #ifndef KSCDP_REST_SERVICECODES_H_
 #define KSCDP_REST_SERVICECODES_H_
 
 #include <kscdp/backup_engine.h>
-
-#include "platform/ksu_log.h"
 
 // Codes of KSServiceException, the results the engine sees (named for it in
 // backup_engine.h). The REST client's own codes pass through the job handler

@@ -32,8 +32,8 @@ class KSServiceFactory {
   // One singleton per thread. Operations on different threads never share a
   // factory, so one operation's destroyInstance cannot delete the factory
   // another is using, and no lock is needed; an engine calling from one
-  // thread sees one factory per operation as before. The factory holds no
-  // state, so nothing is lost by not sharing it.
+  // thread sees one factory per operation. The factory holds no state, so
+  // nothing is lost by not sharing it.
   static thread_local KSServiceFactory* m_instance;
 };
 

@@ -10,6 +10,7 @@
 
 #include "check_result.h"
 #include "configuration.h"
+#include "url_parts.h"
 
 namespace doctor {
 
@@ -54,6 +55,13 @@ CheckResult checkMetricsFile(const Configuration& configuration);
 // True when `host` is the master's name and that did not resolve: a check
 // of it would only repeat that failure.
 bool isUnresolvedMaster(const std::string& host, const Configuration& configuration, bool masterResolves);
+
+// Where the check `id` (`title`) of a service at `url` connects: true with
+// `where` set, or false with the check's `verdict`: failed with `advice` when
+// `url` is not an http or https URL, skipped when it names the master and
+// that did not resolve.
+bool serviceAddress(const std::string& id, const std::string& title, const std::string& url, const std::string& advice,
+                    const Configuration& configuration, bool masterResolves, UrlParts& where, CheckResult& verdict);
 
 // True when the REST interface, the request daemon or a broker is reached by
 // the master's name: a default rest_url or ksqd_url, or an address that names

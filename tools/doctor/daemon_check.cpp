@@ -90,18 +90,13 @@ CheckResult checkRequestDaemon(const Configuration& configuration, bool masterRe
   if (!configuration.namesMaster()) return skippedResult(kId, kTitle, kNoMasterReason);
   std::string url;
   std::string problem;
+  const std::string advice = "set ksqd_url in " + configuration.path + " to the base URL of the request daemon";
   if (!standin::ksqdRequestUrl(configuration.values, configuration.master(), 0, url, problem)) {
-    return failedResult(kId, kTitle, problem,
-                        "set ksqd_url in " + configuration.path + " to the base URL of the request daemon");
+    return failedResult(kId, kTitle, problem, advice);
   }
   UrlParts where;
-  if (!splitUrl(url, where)) {
-    return failedResult(kId, kTitle, "\"" + url + "\" is not an http or https URL",
-                        "set ksqd_url in " + configuration.path + " to the base URL of the request daemon");
-  }
-  if (isUnresolvedMaster(where.host, configuration, masterResolves)) {
-    return skippedResult(kId, kTitle, kUnresolvedMasterReason);
-  }
+  CheckResult verdict;
+  if (!serviceAddress(kId, kTitle, url, advice, configuration, masterResolves, where, verdict)) return verdict;
   const std::string address = where.host + ":" + std::to_string(where.port);
   std::string resolveError;
   const int error = connectWithin(where, resolveError);

@@ -14,6 +14,19 @@ bool isUnresolvedMaster(const std::string& host, const Configuration& configurat
   return !masterResolves && host == configuration.master();
 }
 
+bool serviceAddress(const std::string& id, const std::string& title, const std::string& url, const std::string& advice,
+                    const Configuration& configuration, bool masterResolves, UrlParts& where, CheckResult& verdict) {
+  if (!splitUrl(url, where)) {
+    verdict = failedResult(id, title, "\"" + url + "\" is not an http or https URL", advice);
+    return false;
+  }
+  if (isUnresolvedMaster(where.host, configuration, masterResolves)) {
+    verdict = skippedResult(id, title, kUnresolvedMasterReason);
+    return false;
+  }
+  return true;
+}
+
 bool linksUseMastersName(const Configuration& configuration) {
   const std::string master = configuration.master();
   std::string url;

@@ -55,23 +55,19 @@ std::string transportAction(CURLcode result, const UrlParts& where, bool connect
 
 CheckResult checkRestInterface(const Configuration& configuration, bool masterResolves) {
   if (!configuration.namesMaster()) return skippedResult(kId, kTitle, kNoMasterReason);
+  const std::string advice =
+      "set rest_url in " + configuration.path + " to the base URL of the master's REST interface";
   std::string base;
   std::string problem;
   if (!standin::serviceBaseUrl(configuration.values, "rest_url",
                                "https://" + standin::hostAndPort(configuration.master(), keepstone_rest::kPort), base,
                                problem)) {
-    return failedResult(kId, kTitle, problem,
-                        "set rest_url in " + configuration.path + " to the base URL of the master's REST interface");
+    return failedResult(kId, kTitle, problem, advice);
   }
   const std::string url = base + "/" + keepstone_rest::kJobsPath + kJobZero;
   UrlParts where;
-  if (!splitUrl(url, where)) {
-    return failedResult(kId, kTitle, "\"" + url + "\" is not an http or https URL",
-                        "set rest_url in " + configuration.path + " to the base URL of the master's REST interface");
-  }
-  if (isUnresolvedMaster(where.host, configuration, masterResolves)) {
-    return skippedResult(kId, kTitle, kUnresolvedMasterReason);
-  }
+  CheckResult verdict;
+  if (!serviceAddress(kId, kTitle, url, advice, configuration, masterResolves, where, verdict)) return verdict;
 
   standin::CurlSettings settings = standin::httpSettings(configuration).curl;
   // libcurl reads ca_file only once the handshake needs it, so that a peer

@@ -11,6 +11,7 @@
 #include "platform/standin/config/protocol.h"
 #include "port/mutex.h"
 #include "rest/KeepstoneRestApi.h"
+#include "services/JsonReference.h"
 
 namespace master_sim {
 
@@ -31,11 +32,6 @@ const time_t kKeepAliveSeconds = 1;
 // Headers that the HTTP server adds to a request itself; no client sent them.
 const char* const kServerMadeHeaders[] = {"REMOTE_ADDR", "REMOTE_PORT", "LOCAL_ADDR", "LOCAL_PORT"};
 
-struct JsonRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, JsonRelease>;
-
 // A JSON string of `text`; bytes that are not UTF-8 are read as Latin-1 so
 // that nothing a client sent is dropped.
 json_t* textValue(const std::string& text) {
@@ -53,7 +49,7 @@ json_t* textValue(const std::string& text) {
   return json_stringn(utf8.data(), utf8.size());
 }
 
-std::string compact(const Json& value) {
+std::string compact(const JsonReference& value) {
   char* text = value ? json_dumps(value.get(), JSON_COMPACT) : nullptr;
   if (text == nullptr) return "{}";
   std::string result(text);
@@ -62,7 +58,7 @@ std::string compact(const Json& value) {
 }
 
 std::string errorDocument(int code, const std::string& message) {
-  return compact(Json(json_pack("{s:i,s:o}", "errorCode", code, "errorMessage", textValue(message))));
+  return compact(JsonReference(json_pack("{s:i,s:o}", "errorCode", code, "errorMessage", textValue(message))));
 }
 
 bool parseJobId(const std::string& text, int64_t& id) {
@@ -226,15 +222,16 @@ void MasterSimulator::Impl::answerJob(const httplib::Request& request, httplib::
     response.set_content(kNotJson, kNotJsonType);
     return;
   }
-  const Json document(json_pack("{s:{s:s,s:o,s:{s:I,s:s,s:o,s:s,s:i}}}", "data", "type", "job", "id", textValue(idText),
-                                "attributes", "jobId", static_cast<json_int_t>(id), "jobType", "BACKUP", "policyName",
-                                textValue(job.policy), "state", stateOf(job), "status", 0));
+  const JsonReference document(json_pack("{s:{s:s,s:o,s:{s:I,s:s,s:o,s:s,s:i}}}", "data", "type", "job", "id",
+                                         textValue(idText), "attributes", "jobId", static_cast<json_int_t>(id),
+                                         "jobType", "BACKUP", "policyName", textValue(job.policy), "state",
+                                         stateOf(job), "status", 0));
   response.set_content(compact(document), keepstone_rest::kVersionedMediaType);
 }
 
 void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httplib::Response& response) {
   if (answeredUnavailable(response)) return;
-  const Json body(json_loadb(request.body.data(), request.body.size(), 0, nullptr));
+  const JsonReference body(json_loadb(request.body.data(), request.body.size(), 0, nullptr));
   json_t* policyValue = json_object_get(body.get(), "policy");
   if (!json_is_string(policyValue)) {
     response.status = 400;
@@ -263,7 +260,7 @@ void MasterSimulator::Impl::answerDaemon(const httplib::Request& request, httpli
     response.set_content("{\"jobid\": " + std::to_string(id) + "," + padding + "}", kJsonType);
     return;
   }
-  response.set_content(compact(Json(json_pack("{s:I}", "jobid", static_cast<json_int_t>(id)))), kJsonType);
+  response.set_content(compact(JsonReference(json_pack("{s:I}", "jobid", static_cast<json_int_t>(id)))), kJsonType);
 }
 
 // Runs after every answer has been made.
@@ -282,7 +279,7 @@ void MasterSimulator::Impl::recordRequest(const httplib::Request& request, int s
 }
 
 std::string MasterSimulator::Impl::requestsJson() const {
-  const Json all(json_array());
+  const JsonReference all(json_array());
   port::MutexLock lock(m_mutex);
   for (const RecordedRequest& request : m_requests) {
     json_t* headers = json_object();
