@@ -179,6 +179,15 @@ std::string joinDistinct(const std::vector<std::string>& texts, const char* sepa
   return joined;
 }
 
+// For a list: which entry this host tries first, and why.
+std::string firstEntryNote(const standin::BrokerSettings& settings) {
+  if (settings.addresses.size() < 2) return "";
+  const standin::BrokerAddress& first = settings.addresses[standin::brokerRoute(settings).first];
+  const std::string order =
+      settings.spread ? "broker_order = spread, host name " + settings.hostName : "broker_order = written";
+  return "; this host tries " + standin::brokerText(first) + " first (" + order + ")";
+}
+
 // Every entry answered: ok; some did not: a warning naming them; none did: a
 // failure.
 CheckResult verdict(const std::vector<std::unique_ptr<Probe>>& probes, const standin::BrokerSettings& settings) {
@@ -193,16 +202,20 @@ CheckResult verdict(const std::vector<std::unique_ptr<Probe>>& probes, const sta
   }
   if (probes.size() == 1 && reached.empty()) return failedResult(kId, kTitle, problems[0], actions[0]);
   if (reached.empty()) {
-    return failedResult(kId, kTitle, "no broker of the list answered: " + joinDistinct(problems, "; "),
+    return failedResult(kId, kTitle,
+                        "no broker of the list answered: " + joinDistinct(problems, "; ") + firstEntryNote(settings),
                         joinDistinct(actions, "; "));
   }
   const std::string connection = "an MQTT connection " + std::string(settings.tls ? "over TLS" : "without TLS") + ", " +
                                  (settings.user.empty() ? "anonymous" : "as " + settings.user);
-  if (problems.empty()) return okResult(kId, kTitle, joinDistinct(reached, ", ") + " accepted " + connection);
+  if (problems.empty()) {
+    return okResult(kId, kTitle, joinDistinct(reached, ", ") + " accepted " + connection + firstEntryNote(settings));
+  }
   return warningResult(kId, kTitle,
                        std::to_string(problems.size()) + " of " + std::to_string(probes.size()) +
                            " brokers did not answer: " + joinDistinct(problems, "; ") + "; alerts go to " +
-                           joinDistinct(reached, ", ") + " meanwhile (accepted " + connection + ")",
+                           joinDistinct(reached, ", ") + " meanwhile (accepted " + connection + ")" +
+                           firstEntryNote(settings),
                        joinDistinct(actions, "; "));
 }
 

@@ -1,5 +1,8 @@
 #include "platform/standin/config/broker_settings.h"
 
+#include <unistd.h>
+
+#include <climits>
 #include <vector>
 
 #include "platform/standin/config/protocol.h"
@@ -34,6 +37,15 @@ bool brokerAddresses(const ConfigSnapshot& config, int defaultPort, std::vector<
   return false;
 }
 
+// "host_name" when set, else the system's host name (empty when it cannot be
+// had: a route all the same, if not a spread one).
+std::string spreadName(const ConfigValues& values) {
+  if (values.hasHostName && !values.hostName.empty()) return values.hostName;
+  char name[HOST_NAME_MAX + 1] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return std::string();
+  return name;
+}
+
 }  // namespace
 
 bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std::string& error) {
@@ -50,6 +62,13 @@ bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std:
   }
   read.tls = tls == "on";
   if (!brokerAddresses(config, read.tls ? kBrokerTlsPort : kBrokerPort, read.addresses, error)) return false;
+  const std::string order = setting(values, "broker_order", "written");
+  if (order != "written" && order != "spread") {
+    error = "broker_order \"" + order + "\" in " + config.path + " is neither written nor spread";
+    return false;
+  }
+  read.spread = order == "spread";
+  if (read.spread) read.hostName = spreadName(values);
   read.caFile = setting(values, "broker_ca_file", "");
   read.certFile = setting(values, "broker_cert_file", "");
   read.keyFile = setting(values, "broker_key_file", "");
@@ -75,6 +94,10 @@ bool brokerSettings(const ConfigSnapshot& config, BrokerSettings& settings, std:
   }
   settings = read;
   return true;
+}
+
+BrokerRoute brokerRoute(const BrokerSettings& settings) {
+  return settings.spread ? spreadRoute(settings.hostName, settings.addresses.size()) : writtenRoute();
 }
 
 bool readBrokerPassword(const std::string& path, std::string& password, std::string& error) {

@@ -23,25 +23,10 @@ const char kBlanks[] = " \t\r";
 const size_t kLargestConfigFile = 1024 * 1024;
 
 const char* const kKnownKeys[] = {
-    "server",
-    "host_name",
-    "rest_url",
-    "ksqd_url",
-    "broker",
-    "ca_file",
-    "cert_file",
-    "key_file",
-    "metrics_file",
-    "metrics_interval",
-    "http_timeout",
-    "outbox",
-    "outbox_sync",
-    "broker_tls",
-    "broker_ca_file",
-    "broker_cert_file",
-    "broker_key_file",
-    "broker_user",
-    "broker_password_file",
+    "server",           "host_name",        "rest_url",        "ksqd_url",    "broker",
+    "broker_order",     "ca_file",          "cert_file",       "key_file",    "metrics_file",
+    "metrics_interval", "http_timeout",     "outbox",          "outbox_sync", "broker_tls",
+    "broker_ca_file",   "broker_cert_file", "broker_key_file", "broker_user", "broker_password_file",
 };
 
 bool isKnownKey(const std::string& key) {

@@ -40,6 +40,7 @@ const std::chrono::seconds kConnectTimeout(10);
 const std::chrono::seconds kAcknowledgementTimeout(5);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
+const std::chrono::milliseconds kRetryDelayAfterLoss(500);
 const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
 
 const char kLogFunction[] = "NotificationSupplier";
@@ -56,13 +57,20 @@ int openWakeFd() {
   return fd;
 }
 
+// Distinct for every process, even for engines started in the same instant
+// on one machine: the retry pauses of a fleet must not fall in step.
+uint64_t rotationSeed() {
+  const auto now = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  return now ^ (static_cast<uint64_t>(getpid()) << 40);
+}
+
 }  // namespace
 
 MqttPublisher::MqttPublisher()
     : m_outbox(openOutbox(m_guest)),
       m_events(capacity()),
       m_wakeFd(openWakeFd()),
-      m_rotation(kFirstRetryDelay, kLongestRetryDelay) {
+      m_rotation(kFirstRetryDelay, kLongestRetryDelay, kRetryDelayAfterLoss, rotationSeed()) {
   useMosquittoLibrary();
   try {
     m_network = std::thread(&MqttPublisher::run, this);
@@ -210,12 +218,16 @@ void MqttPublisher::connect(Clock::time_point now) {
   BrokerSettings settings;
   std::string error;
   if (!brokerSettings(*currentConfig(), settings, error)) {
-    m_rotation.entryToTry(1);
+    m_rotation.entryToTry(writtenRoute(), 1);
     connectionFailed("no broker to publish to: " + error);
     return;
   }
-  const BrokerAddress& address = settings.addresses[m_rotation.entryToTry(settings.addresses.size())];
+  const BrokerAddress& address =
+      settings.addresses[m_rotation.entryToTry(brokerRoute(settings), settings.addresses.size())];
   m_broker = brokerText(address);
+  // Every attempt, so that the spread of a fleet's attempts over time shows
+  // in their logs.
+  ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_broker);
   static const MqttCallbacks callbacks = {&MqttPublisher::onConnect, &MqttPublisher::onPublish, &MqttPublisher::onLog};
   MqttStartFailure failure;
   m_client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,

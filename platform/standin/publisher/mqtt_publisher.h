@@ -32,7 +32,7 @@ namespace standin {
 // broker may see a payload twice, never lose one).
 //
 // With a list of brokers (a cluster's nodes), BrokerRotation picks the entry
-// to try and the pause before it. A connection to another broker than the
+// to try, along the route that "broker_order" gives, and the pause before it. A connection to another broker than the
 // last one is logged at level 16, naming both.
 //
 // With an outbox (the "outbox" key), every accepted payload is also in the
