@@ -3,7 +3,8 @@
 #   runtime  the two shared libraries, keepstone.conf(5)
 #   dev      headers under include/kscdp/, the .so links, kscdp.pc, the CMake
 #            package, the section 3 pages
-#   tools    the simulators and the doctor, section 1 pages
+#   tools    the simulators and the doctor, section 1 pages, the Prometheus
+#            alerting rules
 # Every install() names its component: CPack packs only these three.
 
 # Debian's multiarch library directory whatever the prefix, so an installed
@@ -21,6 +22,7 @@ install(TARGETS kscdp kscdp_platform
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(TARGETS kscdp-master-sim kscdp-engine-sim kscdp-doctor
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES doc/kscdp.rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/kscdp COMPONENT tools)
 install(DIRECTORY include/kscdp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 

@@ -156,9 +156,11 @@ TEST_F(MetricsFileTest, WaitingAlertsWithTheBrokerAway) {
   EXPECT_GE(running["kscdp_alert_oldest_waiting_seconds{}"], 1.0);
   EXPECT_LT(running["kscdp_alert_oldest_waiting_seconds{}"], 30.0);
   EXPECT_EQ(running["kscdp_broker_connected{broker=\"" + m_broker.address() + "\"}"], 0);
+  EXPECT_EQ(running["kscdp_metrics_rewrite_seconds{}"], 1);
 
   ASSERT_EQ(m_library.stop_alert_thread(), 0);
   Samples stopped = readMetrics(m_file);
+  EXPECT_EQ(stopped["kscdp_metrics_rewrite_seconds{}"], 0);  // no publisher: the file stays as it is
   EXPECT_EQ(stopped["kscdp_alerts_waiting{}"], 40);
   EXPECT_GE(stopped["kscdp_alert_oldest_waiting_seconds{}"], running["kscdp_alert_oldest_waiting_seconds{}"]);
   EXPECT_GT(stopped["kscdp_outbox_bytes{}"], 0);

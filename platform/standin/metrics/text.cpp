@@ -106,6 +106,9 @@ std::string metricsText(const metrics::Counts& counts, const MetricsGauges& gaug
   out.sample("kscdp_evictions_requested_total", "", counts.evictionsRequested);
   out.family("kscdp_eviction_passes_failed_total", "counter", "Eviction passes that failed.");
   out.sample("kscdp_eviction_passes_failed_total", "", counts.evictionPassesFailed);
+  out.family("kscdp_metrics_rewrite_seconds", "gauge",
+             "Seconds until this file is rewritten; 0 in its last write, when the engine raises no alerts.");
+  out.sample("kscdp_metrics_rewrite_seconds", "", gauges.rewriteSeconds);
   out.family("kscdp_build_info", "gauge", "The library's release; always 1.");
   out.sample("kscdp_build_info", "version=" + labelValue(gauges.version), "1");
   return out.text();

@@ -18,6 +18,9 @@ struct MetricsGauges {
   uint64_t outboxBytes = 0;
   std::vector<std::string> brokers;  // "host:port" of every entry of the broker list
   std::string version;               // the library's release, e.g. "1.0.0"
+  // Seconds until the file is rewritten: metrics_interval, or 0 in the last
+  // write, when no publisher lives any more and none is due.
+  uint64_t rewriteSeconds = 0;
 };
 
 // Every family of the metrics file, each with its # HELP and # TYPE lines, in

@@ -143,28 +143,34 @@ class Writer {
   // still writing its last file when the next one starts stops all the same.
   void run(uint64_t generation) EXCLUDES(m_mutex) {
     Logged logged;
+    // The last write says that no other follows, so that a file left
+    // unchanged by an engine without a publisher does not look stale.
+    bool last = false;
     for (;;) {
       MetricsSettings settings;
       try {
         settings = metricsSettings(*currentConfig());
-        write(settings, logged);
+        write(settings, last, logged);
       } catch (...) {
         // Memory ran out for this rewrite: the next one tries again.
       }
       port::MutexLock lock(m_mutex);
+      if (last) return;
       const auto stopped = [this, generation]() REQUIRES(m_mutex) { return m_generation != generation; };
-      if (stopped()) return;
-      m_wake.waitUntil(m_mutex, Clock::now() + settings.interval, stopped);
+      if (!stopped()) m_wake.waitUntil(m_mutex, Clock::now() + settings.interval, stopped);
       if (stopped() && m_skipLastWrite) return;
+      last = stopped();
     }
   }
 
-  static void write(const MetricsSettings& settings, Logged& logged) {
+  static void write(const MetricsSettings& settings, bool last, Logged& logged) {
     if (!settings.problem.empty() && settings.problem != logged.problem)
       ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, settings.problem);
     logged.problem = settings.problem;
     if (settings.path.empty()) return;
-    const std::string text = metricsText(metrics::currentCounts(), currentGauges());
+    MetricsGauges gauges = currentGauges();
+    gauges.rewriteSeconds = last ? 0 : static_cast<uint64_t>(settings.interval.count());
+    const std::string text = metricsText(metrics::currentCounts(), gauges);
     std::string error;
     if (replaceFileAtomically(settings.path, text, error)) {
       logged.failing = false;
