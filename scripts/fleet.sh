@@ -8,15 +8,28 @@
 # messages as a cluster's nodes do:
 # the first comes back once the engines are done and hands its subscriber
 # what it had accepted before it stopped. Everything runs on loopback and
-# ends within FLEET_SECONDS; one line sums it up, three more report from the
-# subscribers and the engines' metrics files (scripts/fleet_report.py), and
-# the last names the run's folder, which stays:
+# ends within FLEET_SECONDS; one line sums it up, more report from the
+# subscribers, the brokers' sockets, the engines' logs, metrics files and
+# /proc (scripts/fleet_sampler.py, scripts/fleet_report.py), and the last
+# names the run's folder, which stays:
 #
 #   fleet: N engines, V of V VMs done, A of A alerts delivered, F broker switches, <seconds> s, <evictions/s>, <alerts/s>
 #   fleet: by broker 127.0.0.1:P1 <n>, 127.0.0.1:P2 <m>; <d> duplicates; <k> left in outboxes
+#   fleet: connections per node before <n1> <n2> <n3>; after <n1> <n2> <n3>
+#   fleet: most connection attempts in 100 ms after the kill <a> of <k> engines
 #   fleet: delivery p50 <x> ms, p99 <y> ms, max <z> ms; <f> failed passes; <e> HTTP errors
+#   fleet: one engine (simulator and library, /proc): CPU p50 <s> s, max <s> s; resident p50 <r> MiB (<a> MiB its own), max <m> MiB
+#   fleet: broker nodes' CPU <s1> <s2> <s3> s
 #   fleet: picture <folder>/fleet.png
 #   fleet: files in <folder>
+#
+# Connections per node are the engines' established connections on each
+# node's port (the subscribers' left out), in the order of the nodes, just
+# before the stop and when the survivors held the most within 1 to 6 s after
+# it; <k> is how many the stopped node held, and the attempts are the
+# engines' log lines "connecting to broker" after the stop. FLEET_ORDER sets
+# the engines' broker_order: spread (the default: each engine starts at a
+# node chosen from its host name, fleet-engine-N) or written.
 #
 # With FLEET_BROKERS=rabbitmq the brokers are instead a three-node RabbitMQ
 # cluster with its MQTT plugin (Debian's rabbitmq-server, installed when
@@ -27,15 +40,22 @@
 # The seconds are those of the engines, from the first start to the last exit.
 # Delivery is from an engine simulator's raise of its own alert to its first
 # arrival at a subscriber; HTTP errors are exchanges not answered 2xx. The
-# picture, drawn with gnuplot, shows the alerts delivered per second through
-# each broker, the alerts waiting across the engines (their metrics files,
-# summed every half second) and when broker 1 stopped.
+# picture, drawn with gnuplot, shows the alerts delivered per second to each
+# subscriber (on a cluster, one subscriber receives from every node), the
+# alerts waiting across the engines (their metrics files, summed every half
+# second), the engines connected to each node, and when the node stopped.
 # Exit status 0 only when every VM is done and every alert an engine raised
-# reached a subscriber of one broker or the other; 1 otherwise, 2 for bad use.
+# reached a subscriber of one broker or the other, and, with FLEET_BOUNDS=1,
+# the site's bounds hold (scripts/fleet_report.py: even shares within 20%
+# before and after the stop, attempts spread, delivery p99 within 2 s);
+# 1 otherwise, 2 for bad use. FLEET_BOUNDS is 1 by default with spread from
+# 100 engines up, where an even share is a fair expectation (at 20 engines
+# 20% of a share is one engine), and 0 otherwise.
 #
 #   scripts/fleet.sh [BUILD_DIR]
 #   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_ALERTS_PER_POLL (5),
-#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq)
+#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq),
+#   FLEET_ORDER (spread or written), FLEET_BOUNDS (0 or 1)
 set -euo pipefail
 
 build=${1:-build}
@@ -45,6 +65,7 @@ alerts_per_poll=${FLEET_ALERTS_PER_POLL:-5}
 job_seconds=${FLEET_JOB_SECONDS:-4}
 bound=${FLEET_SECONDS:-120}
 brokers=${FLEET_BROKERS:-mosquitto}
+order=${FLEET_ORDER:-spread}
 poll_interval=0.5
 topic=keepstone/notifications
 
@@ -53,6 +74,10 @@ for value in "$engines" "$vms" "$alerts_per_poll" "$job_seconds" "$bound"; do
 done
 [[ "$brokers" == mosquitto || "$brokers" == rabbitmq ]] ||
   { echo "fleet: FLEET_BROKERS is mosquitto or rabbitmq, not '$brokers'" >&2; exit 2; }
+[[ "$order" == spread || "$order" == written ]] ||
+  { echo "fleet: FLEET_ORDER is spread or written, not '$order'" >&2; exit 2; }
+if [[ "$order" == spread ]] && ((engines >= 100)); then bounds=${FLEET_BOUNDS:-1}; else bounds=${FLEET_BOUNDS:-0}; fi
+[[ "$bounds" == 0 || "$bounds" == 1 ]] || { echo "fleet: FLEET_BOUNDS is 0 or 1, not '$bounds'" >&2; exit 2; }
 if [[ "$brokers" == rabbitmq ]]; then
   bash "$(dirname "$0")/install-deps.sh" rabbitmq-server >/dev/null ||
     { echo "fleet: cannot install rabbitmq-server" >&2; exit 2; }
@@ -80,7 +105,9 @@ bound_key=FLEET_SECONDS
 . "$(dirname "$0")/site_run.sh"
 
 declare -a broker_port
+stopped_node=1
 if [[ "$brokers" == rabbitmq ]]; then
+  stopped_node=2
   # shellcheck source=scripts/rabbitmq_cluster.sh
   . "$(dirname "$0")/rabbitmq_cluster.sh"
   cluster_started=$(date +%s.%N)
@@ -122,7 +149,7 @@ for n in "${subscribed[@]}"; do
   wait_for "the subscriber of broker $n" subscriber_ready "$n"
 done
 
-echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers; files in $work"
+echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers ($order); files in $work"
 engine_pids=()
 run_started=$(date +%s.%N)
 for i in $(seq "$engines"); do
@@ -134,6 +161,7 @@ host_name = fleet-engine-$i
 rest_url = $master_url
 ksqd_url = $master_url
 broker = $engine_brokers
+broker_order = $order
 outbox = $dir/outbox.db
 http_timeout = 10
 metrics_file = $dir/metrics.prom
@@ -149,12 +177,15 @@ CONF
   pids+=($!)
 done
 
-# The alerts waiting across the engines, as their metrics files tell, every
-# half second, for the picture.
-while true; do
-  echo "$(date +%s.%N) $(cat "$work"/engine-*/metrics.prom 2>/dev/null | awk '$1 == "kscdp_alerts_waiting" { s += $2 } END { print s + 0 }')"
-  sleep 0.5
-done >"$work/waiting.tsv" &
+# Every half second: the alerts waiting, the connections on each node, and
+# what the nodes and the engines spend.
+printf '%s\n' "${engine_pids[@]}" >"$work/engine-pids"
+nodes=()
+for n in "${!broker_port[@]}"; do
+  if [[ "$brokers" == rabbitmq ]]; then node_pid=$(rabbit_vm "$n"); else node_pid=${broker_pid[$n]}; fi
+  nodes+=("${broker_port[$n]}:${node_pid:-0}")
+done
+/usr/bin/python3 "$(dirname "$0")/fleet_sampler.py" "$work" "$work/engine-pids" "${nodes[@]}" &
 sampler_pid=$!
 pids+=($!)
 
@@ -175,7 +206,7 @@ fi
 wait_for_exits "${engine_pids[@]}"
 seconds=$(seconds_since "$run_started")
 for pid in "${engine_pids[@]}"; do wait "$pid" || true; done
-kill "$sampler_pid" 2>/dev/null || true
+wait "$sampler_pid" || true
 
 if [[ "$brokers" == mosquitto ]]; then start_broker 1 "${broker_port[1]}"; fi
 
@@ -210,10 +241,21 @@ summary=$(awk -v e="$engines" -v vd="$vms_done" -v vt="$vms_total" -v ad="$alert
 echo "$summary"
 trap - EXIT
 cleanup
-/usr/bin/python3 "$(dirname "$0")/fleet_report.py" "$work" "127.0.0.1:${broker_port[1]}" "127.0.0.1:${broker_port[2]}" \
-  "$run_started" "$broker_stopped"
+report_nodes=()
+for n in "${!broker_port[@]}"; do
+  subscribers=0
+  [[ " ${subscribed[*]} " == *" $n "* ]] && subscribers=1
+  report_nodes+=("127.0.0.1:${broker_port[$n]}:$subscribers")
+done
+within_bounds=0
+/usr/bin/python3 "$(dirname "$0")/fleet_report.py" "$work" "$run_started" "$broker_stopped" "$stopped_node" "$bounds" \
+  "${report_nodes[@]}" || within_bounds=$?
 if ((vms_done != vms_total || alerts_delivered != alerts_raised)); then
   echo "fleet: not every VM done or not every alert delivered; files in $work" >&2
+  exit 1
+fi
+if ((within_bounds != 0)); then
+  echo "fleet: out of the site's bounds; files in $work" >&2
   exit 1
 fi
 echo "fleet: files in $work"
