@@ -186,7 +186,7 @@ int parseConfigText(const std::string& text, ConfigValues& out, int& badLine) {
 }
 
 std::string configFilePath() {
-  const char* path = std::getenv("KEEPSTONE_CONF");
+  const char* path = secure_getenv("KEEPSTONE_CONF");
   return (path != nullptr && *path != '\0') ? path : "/etc/keepstone/keepstone.conf";
 }
 

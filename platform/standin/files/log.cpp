@@ -79,7 +79,7 @@ FILE* sink(LogState& state) REQUIRES(state.mutex) {
   LogSink& log = state.sink;
   if (!log.opened) {
     log.opened = true;
-    const char* path = std::getenv("KSU_LOG_FILE");
+    const char* path = secure_getenv("KSU_LOG_FILE");
     if (path != nullptr && *path != '\0') log.path = path;
     std::string error;
     if (!log.path.empty() && !openLogFile(log, error)) {
