@@ -15,6 +15,7 @@
 #include "platform/notification.h"
 #include "platform/standin/config/broker_settings.h"
 #include "platform/standin/config/protocol.h"
+#include "platform/standin/mqtt/broker_tls_context.h"
 #include "platform/standin/mqtt/client_setup.h"
 #include "platform/standin/mqtt/notification_payload.h"
 #include "services/AlertServiceImpl.h"
@@ -151,7 +152,9 @@ void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
     probe.problem = where + ": " + probe.failure.text;
     probe.action = connectAction(result, settings, where);
   } else if (result != MOSQ_ERR_SUCCESS) {
-    probe.problem = where + ": " + standin::mosquittoErrorText(result, error);
+    const std::string certificate = result == MOSQ_ERR_TLS ? standin::refusedBrokerCertificate() : "";
+    probe.problem = where + ": " + standin::mosquittoErrorText(result, error) +
+                    (certificate.empty() ? "" : " (the broker's certificate: " + certificate + ")");
     probe.action = connectAction(result, settings, where);
   } else if (probe.session.connack < 0) {
     probe.problem = where + " gave no MQTT answer within 3 s";

@@ -14,6 +14,7 @@
 #include "checks.h"
 #include "platform/standin/config/ksqd_url.h"
 #include "platform/standin/config/protocol.h"
+#include "platform/standin/config/url_credentials.h"
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
 #include "url_parts.h"
@@ -70,17 +71,18 @@ int connectWithin(const UrlParts& where, std::string& resolveError) {
 // certificate, and a GET of the daemon's root, which starts nothing.
 CheckResult checkHandshake(const Configuration& configuration, const std::string& requestUrl) {
   const std::string root = requestUrl.substr(0, requestUrl.rfind(standin::kDaemonPath)) + "/";
+  const std::string shownRoot = standin::urlWithoutPassword(root);
   standin::CurlSettings settings = standin::httpSettings(configuration).curl;
   settings.connectTimeoutSeconds = kConnectMilliseconds / 1000;
   settings.timeoutSeconds = kConnectMilliseconds / 1000 + 1;
   standin::CurlExchange exchange;
   if (exchange.perform(nullptr, root, nullptr, settings) != CURLE_OK) {
-    return failedResult(kId, kTitle, "GET " + root + ": " + exchange.errorText(),
+    return failedResult(kId, kTitle, "GET " + shownRoot + ": " + exchange.errorText(),
                         "set ca_file to the CA bundle that signed the daemon's certificate, and cert_file and "
                         "key_file to the host's certificate that the master's CA signed");
   }
   return okResult(kId, kTitle,
-                  "GET " + root + " answered HTTP " + std::to_string(exchange.responseCode()) +
+                  "GET " + shownRoot + " answered HTTP " + std::to_string(exchange.responseCode()) +
                       " over TLS, the host's certificate presented (no backup was started)");
 }
 

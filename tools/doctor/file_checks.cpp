@@ -24,17 +24,29 @@ std::string directoryOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// What writableProblem() returns for a path that holds something other than
+// a regular file (a FIFO, a device, a directory): the library refuses it.
+const int kNotRegularFile = -1;
+
+std::string problemText(int problem) {
+  return problem == kNotRegularFile ? "not a regular file, which the library refuses" : std::strerror(problem);
+}
+
 // 0 when this user could write `path` with `flags` (creating it when
-// missing), else the errno that stops it; `inDirectory` tells whether the
-// problem is the file's directory.
+// missing), else the errno that stops it or kNotRegularFile; `inDirectory`
+// tells whether the problem is the file's directory.
 int writableProblem(const std::string& path, int flags, bool& inDirectory) {
   inDirectory = false;
-  // As the library opens them: never through a symbolic link, never waiting on a FIFO.
+  // As the library opens them: never through a symbolic link, never waiting
+  // on a FIFO, judged on the descriptor.
   const int fd = open(path.c_str(), flags | O_NOCTTY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd >= 0) {
+    struct stat status {};
+    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
     close(fd);
-    return 0;
+    return regular ? 0 : kNotRegularFile;
   }
+  if (errno == ENXIO || errno == EISDIR) return kNotRegularFile;  // a FIFO without a reader, a device, a directory
   if (errno != ENOENT) return errno;
   inDirectory = true;
   return access(directoryOf(path).c_str(), W_OK | X_OK) == 0 ? 0 : errno;
@@ -79,7 +91,7 @@ CheckResult backlogResult(const char* id, const char* title, const std::string& 
 CheckResult checkLogFile() {
   const char kId[] = "log";
   const char kTitle[] = "log file";
-  const char* variable = std::getenv("KSU_LOG_FILE");
+  const char* variable = secure_getenv("KSU_LOG_FILE");
   if (variable == nullptr || *variable == '\0') {
     return okResult(kId, kTitle, "KSU_LOG_FILE is not set here: the library logs to the engine's standard error");
   }
@@ -88,7 +100,7 @@ CheckResult checkLogFile() {
   const int problem = writableProblem(path, O_WRONLY | O_APPEND, inDirectory);
   if (problem == 0) return okResult(kId, kTitle, path + (inDirectory ? " can be created" : " can be appended to"));
   const std::string where = inDirectory ? "directory " + directoryOf(path) : path;
-  return failedResult(kId, kTitle, where + ": " + std::strerror(problem) + "; the library would log to standard error",
+  return failedResult(kId, kTitle, where + ": " + problemText(problem) + "; the library would log to standard error",
                       "let the engine's user write " + where + ", or point KSU_LOG_FILE elsewhere");
 }
 
@@ -129,8 +141,7 @@ CheckResult checkOutbox(const Configuration& configuration) {
   }
   return warningResult(
       kId, kTitle,
-      where + ": " + std::strerror(problem) +
-          "; alerts would wait in memory only and be lost with the engine's process",
+      where + ": " + problemText(problem) + "; alerts would wait in memory only and be lost with the engine's process",
       "create " + directory + " writable by the engine's user, or set outbox in " + configuration.path);
 }
 

@@ -4,6 +4,7 @@
 
 #include "checks.h"
 #include "platform/standin/config/ksqd_url.h"
+#include "platform/standin/config/url_credentials.h"
 #include "platform/standin/http/http_settings.h"
 
 namespace doctor {
@@ -21,12 +22,12 @@ CheckResult checkPlaintextLinks(const Configuration& configuration) {
   std::string links;
   const auto add = [&links](const std::string& link) { links += (links.empty() ? "" : ", ") + link; };
   const std::string restUrl = standin::httpSettings(configuration).restUrl;
-  if (isPlainHttp(restUrl)) add("rest_url " + restUrl);
+  if (isPlainHttp(restUrl)) add("rest_url " + standin::urlWithoutPassword(restUrl));
   std::string daemonUrl;
   std::string problem;
   if (standin::ksqdRequestUrl(configuration.values, configuration.master(), 0, daemonUrl, problem) &&
       isPlainHttp(daemonUrl)) {
-    add("ksqd_url " + standin::setting(configuration.values, "ksqd_url", ""));
+    add("ksqd_url " + standin::urlWithoutPassword(standin::setting(configuration.values, "ksqd_url", "")));
   }
   if (standin::setting(configuration.values, "broker_tls", "off") != "on") add("the broker (broker_tls is off)");
   if (links.empty()) return okResult(kId, kTitle, "none: every link is TLS");

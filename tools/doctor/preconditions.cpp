@@ -2,6 +2,7 @@
 #include "platform/standin/config/broker_settings.h"
 #include "platform/standin/config/ksqd_url.h"
 #include "platform/standin/config/service_url.h"
+#include "platform/standin/config/url_credentials.h"
 #include "rest/KeepstoneRestApi.h"
 #include "url_parts.h"
 
@@ -17,7 +18,8 @@ bool isUnresolvedMaster(const std::string& host, const Configuration& configurat
 bool serviceAddress(const std::string& id, const std::string& title, const std::string& url, const std::string& advice,
                     const Configuration& configuration, bool masterResolves, UrlParts& where, CheckResult& verdict) {
   if (!splitUrl(url, where)) {
-    verdict = failedResult(id, title, "\"" + url + "\" is not an http or https URL", advice);
+    verdict =
+        failedResult(id, title, "\"" + standin::urlWithoutPassword(url) + "\" is not an http or https URL", advice);
     return false;
   }
   if (isUnresolvedMaster(where.host, configuration, masterResolves)) {

@@ -10,6 +10,7 @@
 
 #include "checks.h"
 #include "platform/standin/config/service_url.h"
+#include "platform/standin/config/url_credentials.h"
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
 #include "rest/KeepstoneRestApi.h"
@@ -85,7 +86,7 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
   }
   const CURLcode result = exchange.perform(nullptr, url, nullptr, settings);
 
-  const std::string request = "GET " + url;
+  const std::string request = "GET " + standin::urlWithoutPassword(url);
   if (result != CURLE_OK) {
     return failedResult(kId, kTitle, request + ": " + exchange.errorText(),
                         transportAction(result, where, exchange.connected()));

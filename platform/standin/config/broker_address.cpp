@@ -1,5 +1,7 @@
 #include "platform/standin/config/broker_address.h"
 
+#include <arpa/inet.h>
+
 #include "platform/standin/config/protocol.h"
 #include "platform/standin/config/service_url.h"
 
@@ -67,5 +69,10 @@ bool parseBrokerList(const std::string& text, std::vector<BrokerAddress>& addres
 }
 
 std::string brokerText(const BrokerAddress& address) { return hostAndPort(address.host, address.port); }
+
+bool isIpAddress(const std::string& host) {
+  unsigned char address[sizeof(struct in6_addr)];
+  return inet_pton(AF_INET, host.c_str(), address) == 1 || inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
 
 }  // namespace standin

@@ -27,6 +27,10 @@ bool parseBrokerList(const std::string& text, std::vector<BrokerAddress>& addres
 // broker.
 std::string brokerText(const BrokerAddress& address);
 
+// Whether `host` is an IPv4 or IPv6 address (without brackets) rather than a
+// name: reaching it needs no name lookup.
+bool isIpAddress(const std::string& host);
+
 }  // namespace standin
 
 #endif  // KSCDP_PLATFORM_STANDIN_CONFIG_BROKER_ADDRESS_H_

@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include "platform/standin/config/url_credentials.h"
+
 namespace standin {
 namespace {
 
@@ -30,9 +32,15 @@ bool serviceBaseUrl(const std::string& key, const std::string& configured, const
     url = fallback;
     return true;
   }
+  const std::string shown = "\"" + urlWithoutPassword(configured) + "\"";
   if (!startsWithNoCase(configured, "http://") && !startsWithNoCase(configured, "https://")) {
-    problem = key + " \"" + configured + "\" in " + configFilePath() +
+    problem = key + " " + shown + " in " + configFilePath() +
               " is not an http:// or https:// URL; correct it, or remove it to use the default";
+    return false;
+  }
+  if (startsWithNoCase(configured, "http://") && hasUrlCredentials(configured)) {
+    problem = key + " " + shown + " in " + configFilePath() +
+              " carries credentials over plain http://: a password never travels in the clear; use https://";
     return false;
   }
   url = configured;

@@ -19,8 +19,9 @@ std::string hostAndPort(const std::string& host, int port);
 
 // The base URL that the setting `key` gives, or `fallback` when the key is
 // absent or empty. The setting must be an http:// or https:// URL (scheme in
-// any case); otherwise the result is false and `problem` says what is wrong
-// and what to do, naming the key and the file.
+// any case), with credentials ("user:password@") only over https://;
+// otherwise the result is false and `problem` says what is wrong and what to
+// do, naming the key and the file, never the password.
 bool serviceBaseUrl(const ConfigValues& values, const std::string& key, const std::string& fallback, std::string& url,
                     std::string& problem);
 // The same for `configured`, the value of `key` already read (empty when

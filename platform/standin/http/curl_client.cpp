@@ -11,6 +11,7 @@
 #include "platform/ks_curl_client.h"
 #include "platform/ksu_log.h"
 #include "platform/standin/config/service_url.h"
+#include "platform/standin/config/url_credentials.h"
 #include "platform/standin/counters/metrics.h"
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
@@ -53,7 +54,8 @@ CURLcode KSClientCURL::State::exchange(const std::string& path, const std::strin
     headersReady = headersReady && last->addHeader("Content-Type: application/json") && last->addHeader("Expect:");
   }
   if (!headersReady) {
-    ksu_logmsg_str(FAILURE_LEVEL, function, "No memory for the headers of a request to " + baseUrl + "/" + path);
+    ksu_logmsg_str(FAILURE_LEVEL, function,
+                   "No memory for the headers of a request to " + standin::urlWithoutPassword(baseUrl + "/" + path));
     return CURLE_OUT_OF_MEMORY;
   }
   const CURLcode result = last->perform(function, baseUrl + "/" + path, payload, settings);

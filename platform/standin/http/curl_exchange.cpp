@@ -4,6 +4,7 @@
 
 #include "platform/ksu_log.h"
 #include "platform/standin/config/client_identity.h"
+#include "platform/standin/config/url_credentials.h"
 
 namespace standin {
 namespace {
@@ -60,8 +61,9 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
   if (presentsCertificate &&
       !loadClientIdentity(settings.certFile, settings.keyFile, "cert_file", "key_file", identity, m_errorText)) {
     if (function != nullptr) {
-      ksu_logmsg_str(FAILURE_LEVEL, function,
-                     std::string(postBody != nullptr ? "POST " : "GET ") + url + ": " + m_errorText);
+      ksu_logmsg_str(
+          FAILURE_LEVEL, function,
+          std::string(postBody != nullptr ? "POST " : "GET ") + urlWithoutPassword(url) + ": " + m_errorText);
     }
     return CURLE_SSL_CERTPROBLEM;
   }
@@ -89,7 +91,7 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
       curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
       curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 0L);
     }
-    result = curl_easy_perform(easy);
+    result = performTransfer(easy);
     curl_off_t connectMicroseconds = 0;
     m_connected =
         curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connectMicroseconds) == CURLE_OK && connectMicroseconds > 0;
@@ -115,8 +117,8 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
   m_body.text.clear();
   if (function != nullptr) {
     ksu_logmsg_str(FAILURE_LEVEL, function,
-                   std::string(postBody != nullptr ? "POST " : "GET ") + url + " failed: " + m_errorText +
-                       " (libcurl error " + std::to_string(result) + ")");
+                   std::string(postBody != nullptr ? "POST " : "GET ") + urlWithoutPassword(url) +
+                       " failed: " + m_errorText + " (libcurl error " + std::to_string(result) + ")");
   }
   return result;
 }

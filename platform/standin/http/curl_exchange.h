@@ -47,7 +47,7 @@ class CurlExchange {
   // kLargestAnswer is a failure, read no further. CURLE_OK when an answer
   // came; otherwise errorText() says why, and, unless `function` is
   // null, one level-16 log line under `function` names the method, the URL
-  // and the error.
+  // (without its password) and the error.
   CURLcode perform(const char* function, const std::string& url, const std::string* postBody,
                    const CurlSettings& settings);
 

@@ -1,15 +1,22 @@
 #include "platform/standin/http/curl_support.h"
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/standin/files/close_on_exec.h"
 #include "port/fork_hooks.h"
 #include "port/mutex.h"
 
 namespace standin {
 namespace {
+
+const size_t kWakeUpSockets = 2;
+// A transfer's own timeouts end it; this only bounds one wait for activity.
+const int kLongestPollMs = 1000;
 
 class Share {
  public:
@@ -37,7 +44,7 @@ class Share {
   // other code of the process may still use it. Kept handles go first: they
   // may still be attached to the share.
   ~Share() {
-    for (CURL* easy : m_idle) curl_easy_cleanup(easy);
+    for (CURL* easy : m_idle) cleanUp(easy);
     if (m_handle != nullptr) curl_share_cleanup(m_handle);
   }
 
@@ -107,6 +114,18 @@ class Share {
   std::vector<CURL*> m_abandoned GUARDED_BY(m_idleMutex);  // a forked child's parent's; never used
 };
 
+// The multi handle that runs `easy`'s transfers, kept in its private pointer.
+CURLM* multiOf(CURL* easy) {
+  void* multi = nullptr;
+  return curl_easy_getinfo(easy, CURLINFO_PRIVATE, &multi) == CURLE_OK ? static_cast<CURLM*>(multi) : nullptr;
+}
+
+// libcurl opens its connections through this, close-on-exec from the start;
+// libcurl closes them with close(), its default.
+curl_socket_t openCloseOnExecSocket(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 std::atomic<Share*> g_share{nullptr};  // once share() made it
 
 Share& share() {
@@ -147,8 +166,21 @@ CURL* takeEasyHandle() {
   Share& shared = share();  // also initialises libcurl
   CURL* easy = shared.takeIdle();
   if (easy != nullptr) return easy;
+  // A multi handle of its own, rather than the one curl_easy_perform would
+  // make, so that its wake-up socket pair is made where it can be marked
+  // close-on-exec.
+  // Should another thread open sockets meanwhile, none is marked: the
+  // handle works all the same.
+  CURLM* multi = nullptr;
+  markSocketsOpenedBy(kWakeUpSockets, [&multi] { multi = curl_multi_init(); });
   easy = curl_easy_init();
-  if (easy == nullptr) return nullptr;
+  if (multi == nullptr || easy == nullptr) {
+    curl_easy_cleanup(easy);
+    curl_multi_cleanup(multi);
+    return nullptr;
+  }
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, multi);
+  curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &openCloseOnExecSocket);
   if (shared.handle() != nullptr) curl_easy_setopt(easy, CURLOPT_SHARE, shared.handle());
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -174,7 +206,31 @@ void giveBackEasyHandle(CURL* easy) {
   } catch (...) {
     // No memory to keep it: it goes.
   }
+  cleanUp(easy);
+}
+
+void cleanUp(CURL* easy) {
+  CURLM* multi = multiOf(easy);
   curl_easy_cleanup(easy);
+  curl_multi_cleanup(multi);
+}
+
+CURLcode performTransfer(CURL* easy) {
+  CURLM* multi = multiOf(easy);
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) return CURLE_OUT_OF_MEMORY;
+  int running = 1;
+  CURLMcode progress = CURLM_OK;
+  while (progress == CURLM_OK && running > 0) {
+    progress = curl_multi_perform(multi, &running);
+    if (progress == CURLM_OK && running > 0) progress = curl_multi_poll(multi, nullptr, 0, kLongestPollMs, nullptr);
+  }
+  CURLcode result = progress == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
+  int left = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    if (message->msg == CURLMSG_DONE && message->easy_handle == easy) result = message->data.result;
+  }
+  curl_multi_remove_handle(multi, easy);
+  return result;
 }
 
 }  // namespace standin

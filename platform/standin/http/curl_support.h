@@ -30,11 +30,18 @@ namespace standin {
 //
 // Besides libcurl's defaults a handle holds, from its making on, the options
 // that every request of the stand-ins shares: the share handle, http and
-// https only, no signals, TLS 1.2 at least, peer and host verified, and the answer's body
-// appended to the AnswerBody that CURLOPT_WRITEDATA names. Every other
-// option a request sets it sets each time, as a previous request may have
-// set it otherwise.
+// https only, no signals, TLS 1.2 at least, peer and host verified,
+// connections opened close-on-exec, and the answer's body appended to the
+// AnswerBody that CURLOPT_WRITEDATA names. Every other option a request sets
+// it sets each time, as a previous request may have set it otherwise. Each
+// handle has a multi handle of its own, which keeps its open connections and
+// whose descriptors are close-on-exec too: a handle's transfers run through
+// performTransfer(), never curl_easy_perform(), and its private pointer is
+// not the caller's.
 CURL* takeEasyHandle();
+// Runs the transfer `easy` (from takeEasyHandle()) is set up for, as
+// curl_easy_perform() would: blocks until it ends; its result.
+CURLcode performTransfer(CURL* easy);
 // The CA bundle libcurl verifies peers with when a request names none, as
 // libcurl was built; null when it was built without one. A pooled handle may
 // have been given another bundle, and setting CURLOPT_CAINFO to null would
@@ -48,6 +55,8 @@ const char* builtInCaPath();
 // later takeEasyHandle(), or cleans it up when enough are kept already. Null
 // is ignored.
 void giveBackEasyHandle(CURL* easy);
+// Cleans up `easy` (from takeEasyHandle()) and its multi handle.
+void cleanUp(CURL* easy);
 
 // The largest answer a stand-in reads. The jobs interface and the request
 // daemon answer a few hundred bytes; a peer that sends more than this is not

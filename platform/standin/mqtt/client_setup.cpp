@@ -1,30 +1,18 @@
 #include "platform/standin/mqtt/client_setup.h"
 
 #include <mosquitto.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <memory>
 
-#include "platform/standin/config/client_identity.h"
+#include "platform/standin/files/close_on_exec.h"
+#include "platform/standin/mqtt/broker_tls_context.h"
 
 namespace standin {
 namespace {
 
-const char kSystemCaDirectory[] = "/etc/ssl/certs";
-const int kVerifyPeer = 1;  // OpenSSL's SSL_VERIFY_PEER
-// libmosquitto takes "tlsv1.3", "tlsv1.2" or "tlsv1.1" as the oldest version
-// it offers: "tlsv1.2" still lets the broker choose TLS 1.3.
-const char kOldestTlsVersion[] = "tlsv1.2";
-
-bool readable(const std::string& path, const char* key, std::string& error) {
-  if (access(path.c_str(), R_OK) == 0) return true;
-  error = std::string("cannot read ") + key + " " + path + ": " + std::strerror(errno);
-  return false;
-}
-
-const char* fileOrNull(const std::string& path) { return path.empty() ? nullptr : path.c_str(); }
+const size_t kWakeUpSockets = 2;
 
 }  // namespace
 
@@ -35,25 +23,46 @@ struct mosquitto* startMqttConnection(const BrokerAddress& address, const Broker
     void operator()(struct mosquitto* client) const { mosquitto_destroy(client); }
   };
   // Destroyed on every way out but success, a throw included.
-  std::unique_ptr<struct mosquitto, Destroy> client(mosquitto_new(clientId, true, owner));
+  std::unique_ptr<struct mosquitto, Destroy> client;
+  int savedErrno = 0;
+  // libmosquitto opens a socket pair for its own loop's wake-up, without
+  // close-on-exec, and does not say which; the publisher runs its own loop.
+  // Should another thread open sockets meanwhile, none is marked: the client
+  // works all the same.
+  markSocketsOpenedBy(kWakeUpSockets, [&] {
+    client.reset(mosquitto_new(clientId, true, owner));
+    savedErrno = errno;
+  });
   if (client == nullptr) {
     failure.step = MqttStartFailure::kMake;
-    failure.text = std::strerror(errno);
+    failure.text = std::strerror(savedErrno);
     return nullptr;
   }
   mosquitto_connect_callback_set(client.get(), callbacks.connected);
   mosquitto_publish_callback_set(client.get(), callbacks.published);
   if (callbacks.logged != nullptr) mosquitto_log_callback_set(client.get(), callbacks.logged);
   mosquitto_max_inflight_messages_set(client.get(), static_cast<unsigned int>(inFlight));
-  if (!applyBrokerSettings(client.get(), settings, failure.text)) {
+  if (!applyBrokerSettings(client.get(), settings, address.host, failure.text)) {
     failure.step = MqttStartFailure::kSetUp;
     return nullptr;
   }
-  errno = 0;
-  failure.result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, keepAliveSeconds);
+  // libmosquitto names its connection's socket only once it is open: it is
+  // marked close-on-exec at once, with fork() held off when no name lookup
+  // can make that wait long.
+  const auto connect = [&] {
+    errno = 0;
+    failure.result = mosquitto_connect_async(client.get(), address.host.c_str(), address.port, keepAliveSeconds);
+    savedErrno = errno;
+    setCloseOnExec(mosquitto_socket(client.get()));
+  };
+  if (isIpAddress(address.host)) {
+    withForkHeldOff(connect);
+  } else {
+    connect();
+  }
   if (failure.result != MOSQ_ERR_SUCCESS) {
     failure.step = MqttStartFailure::kConnect;
-    failure.text = mosquittoErrorText(failure.result, errno);
+    failure.text = mosquittoErrorText(failure.result, savedErrno);
     return nullptr;
   }
   return client.release();
@@ -65,19 +74,15 @@ std::string mosquittoErrorText(int result, int savedErrno) {
   return text;
 }
 
-bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, std::string& error) {
+bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, const std::string& host,
+                         std::string& error) {
   if (settings.tls) {
-    if (!settings.caFile.empty() && !readable(settings.caFile, "broker_ca_file", error)) return false;
-    ClientIdentity identity;
-    if (!settings.certFile.empty() && !loadClientIdentity(settings.certFile, settings.keyFile, "broker_cert_file",
-                                                          "broker_key_file", identity, error)) {
-      return false;
-    }
-    int result =
-        mosquitto_tls_set(client, fileOrNull(settings.caFile), settings.caFile.empty() ? kSystemCaDirectory : nullptr,
-                          fileOrNull(settings.certFile), fileOrNull(settings.keyFile), nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_opts_set(client, kVerifyPeer, kOldestTlsVersion, nullptr);
-    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_tls_insecure_set(client, false);
+    // libmosquitto keeps a reference of its own to the context; with its
+    // defaults off it opens none of the files again.
+    const SslContext context = makeBrokerTlsContext(settings, host, error);
+    if (!context) return false;
+    int result = mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
+    if (result == MOSQ_ERR_SUCCESS) result = mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, context.get());
     if (result != MOSQ_ERR_SUCCESS) {
       error = "cannot set up TLS: " + mosquittoErrorText(result, errno);
       return false;

@@ -16,12 +16,14 @@ namespace standin {
 // sentence; `savedErrno` is errno right after the call.
 std::string mosquittoErrorText(int result, int savedErrno);
 
-// Sets `client` up as `settings` say, before it connects: with TLS, the
-// broker's certificate and host name are verified against `caFile` (else the
-// system's CA certificates) and a client certificate is presented when set;
-// with a user, the password is read from its file (refused when others may
-// read it). False, with what is wrong in `error`, when a file cannot be used.
-bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, std::string& error);
+// Sets `client` up as `settings` say, before it connects to `host`: with TLS,
+// through a context made by makeBrokerTlsContext() (the broker's certificate
+// and name verified, a client certificate presented when set, every file read
+// once and checked); with a user, the password is read from its file (refused
+// when others may read it). False, with what is wrong in `error`, when a file
+// cannot be used.
+bool applyBrokerSettings(struct mosquitto* client, const BrokerSettings& settings, const std::string& host,
+                         std::string& error);
 
 // The callbacks of a client's owner; libmosquitto passes them `owner`, from
 // the thread that runs the client's loop, and nothing may unwind through them.

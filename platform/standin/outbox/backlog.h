@@ -17,7 +17,10 @@ struct OutboxBacklog {
 // read-only connections that take none of the engine's locks, change nothing
 // and create no file beside it (no "-wal", "-shm" or journal), whether an
 // engine has the outbox open or none does. A missing file holds nothing.
-// False, with SQLite's reason in `error`, when a file cannot be read.
+// Every file is first opened without following a symbolic link or waiting
+// on a FIFO, and judged on its descriptor: a guest's name on anything but a
+// regular file is not counted. False, with the reason in `error`, when the
+// outbox is not a regular file or a file cannot be read.
 bool readOutboxBacklog(const std::string& path, OutboxBacklog& backlog, std::string& error);
 
 }  // namespace standin

@@ -6,6 +6,7 @@
 
 #include "platform/standin/config/config_file.h"
 #include "platform/standin/counters/metrics.h"
+#include "platform/standin/files/close_on_exec.h"
 #include "platform/standin/files/log_sink.h"
 #include "platform/standin/http/curl_support.h"
 #include "platform/standin/metrics/writer.h"
@@ -17,9 +18,12 @@ namespace {
 // Outermost first: a publisher reads the configuration and logs while it
 // holds its locks; nothing calls into a publisher while it holds the log's.
 // The metrics writer holds its lock only while it starts or ends; the
-// counts' locks are innermost, held around a copy or a queue's own lock.
+// counts' locks are innermost, held around a copy or a queue's own lock,
+// but for the lock that holds fork() off while a library opens descriptors
+// that are still to be marked close-on-exec, under which nothing is taken.
 const port::ForkHooks* const kOuterFirst[] = {&kMetricsWriterForkHooks, &kPublisherForkHooks, &kConfigForkHooks,
-                                              &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks};
+                                              &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks,
+                                              &kCloseOnExecForkHooks};
 const int kParts = sizeof kOuterFirst / sizeof kOuterFirst[0];
 
 void prepare() {

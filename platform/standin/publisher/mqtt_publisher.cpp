@@ -15,6 +15,7 @@
 #include "platform/ksu_log.h"
 #include "platform/standin/config/protocol.h"
 #include "platform/standin/counters/metrics.h"
+#include "platform/standin/mqtt/broker_tls_context.h"
 #include "platform/standin/mqtt/client_setup.h"
 #include "platform/standin/mqtt/mosquitto_library.h"
 #include "platform/standin/publisher/registry.h"
@@ -298,7 +299,11 @@ int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::ti
 void MqttPublisher::connectionFailed(const std::string& what) {
   // One line per outage: the first failure after a working connection, or
   // the first since the publisher started.
-  const std::string tls = m_tlsFailure.empty() ? "" : " (" + m_tlsFailure + ")";
+  // OpenSSL's line says only that the certificate was refused; the check
+  // that refused it says why.
+  const std::string certificate = m_tlsFailure.empty() ? "" : refusedBrokerCertificate();
+  const std::string tls =
+      m_tlsFailure.empty() ? "" : " (" + m_tlsFailure + (certificate.empty() ? "" : ": " + certificate) + ")";
   if (!m_outageLogged) logFailure(what + tls + "; events wait until the broker can be reached");
   m_outageLogged = true;
   m_tlsFailure.clear();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "case_table.h"
+#include "platform/standin/config/url_credentials.h"
 
 namespace {
 
@@ -19,7 +20,8 @@ TEST(KsqdUrl, IsTheSettingOrTheMastersDaemonPortWithIpv6InBrackets) {
     const bool made = standin::ksqdRequestUrl(config, c[0], 1, url, problem);
     EXPECT_EQ(made ? url : "-", c[2]) << c[0] << " " << c[1];
     if (!made) {
-      EXPECT_EQ(problem.rfind("ksqd_url \"" + c[1] + "\" in ", 0), 0u) << problem;
+      EXPECT_EQ(problem.rfind("ksqd_url \"" + standin::urlWithoutPassword(c[1]) + "\" in ", 0), 0u) << problem;
+      EXPECT_EQ(problem.find(":pw@"), std::string::npos) << problem;
       EXPECT_EQ(url, "unset");
     }
   }
