@@ -171,6 +171,7 @@ TEST_F(KsqdClient, BaseUrlsOtherThanHttpFailWithOneLineNamingTheKeyAndEmptyMeans
     const std::string log = integration::logText().substr(logStart);
     EXPECT_THAT(log, ::testing::HasSubstr(" 16 " + c[2]));
     EXPECT_EQ(log.find(" 16 "), log.rfind(" 16 ")) << log;
+    EXPECT_EQ(log.find("secret"), std::string::npos) << log;
   }
   EXPECT_TRUE(m_master.requests().empty());
 }
