@@ -52,11 +52,12 @@ time_t monotonicSeconds() {
 
 // Opens `path` for appending and notes its identity; false, with why in
 // `error`, leaves `sink` as it was. Never through a symbolic link, never a
-// FIFO or device (a write would block the engine's calls), never inherited by
-// a program the engine starts; readable by the group at most.
+// FIFO or device (a write would block the engine's calls), never a file of
+// another user or a second name of another file, never inherited by a
+// program the engine starts; readable by the group at most.
 bool openLogFile(LogSink& sink, std::string& error) {
-  const int fd =
-      standin::openRegularFile(sink.path, O_WRONLY | O_APPEND | O_CREAT, kLogFileMode, "the log file", error);
+  const int fd = standin::openOwnFileAt(AT_FDCWD, sink.path, sink.path, O_WRONLY | O_APPEND | O_CREAT, kLogFileMode,
+                                        "the log file", error);
   if (fd < 0) return false;
   struct stat status {};
   FILE* file = fstat(fd, &status) == 0 ? fdopen(fd, "a") : nullptr;

@@ -11,12 +11,6 @@
 namespace standin {
 namespace {
 
-std::string modeText(mode_t mode) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
-  return text;
-}
-
 // Why the secret opened as `status` is refused; empty when it is not.
 std::string secretProblem(const struct stat& status, const std::string& what, const std::string& path) {
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
@@ -32,26 +26,61 @@ std::string secretProblem(const struct stat& status, const std::string& what, co
 
 }  // namespace
 
-int openRegularFile(const std::string& path, int flags, mode_t mode, const std::string& what, std::string& error) {
-  const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
+std::string modeText(mode_t mode) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+int openRegularFileAt(int directoryFd, const std::string& name, const std::string& shownPath, int flags, mode_t mode,
+                      const std::string& what, std::string& error) {
+  const int fd = openat(directoryFd, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
   if (fd < 0 && errno == ENXIO) {
     // A FIFO without a reader, or a device: opened for writing, it would block.
-    error = what + " " + path + " is not a regular file: refused";
+    error = what + " " + shownPath + " is not a regular file: refused";
     return -1;
   }
   if (fd < 0) {
     const int saved = errno;
-    error = "cannot open " + what + " " + path + ": " +
+    error = "cannot open " + what + " " + shownPath + ": " +
             (saved == ELOOP ? std::string("it is a symbolic link, which is never followed") : std::strerror(saved));
     return -1;
   }
   struct stat status {};
   if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-    error = what + " " + path + " is not a regular file: refused";
+    error = what + " " + shownPath + " is not a regular file: refused";
     close(fd);
     return -1;
   }
   return fd;
+}
+
+std::string notOwnFileProblem(const struct stat& status, const std::string& what, const std::string& shownPath) {
+  if (status.st_uid != geteuid()) {
+    return what + " " + shownPath + " belongs to user " + std::to_string(status.st_uid) +
+           ", not to this process's user " + std::to_string(geteuid()) +
+           ": refused; remove it, or chown it to the engine's user";
+  }
+  if (status.st_nlink > 1) {
+    return what + " " + shownPath + " has " + std::to_string(status.st_nlink) +
+           " links: refused; it must be a file of its own: remove it or its other names";
+  }
+  return std::string();
+}
+
+int openOwnFileAt(int directoryFd, const std::string& name, const std::string& shownPath, int flags, mode_t mode,
+                  const std::string& what, std::string& error) {
+  const int fd = openRegularFileAt(directoryFd, name, shownPath, flags, mode, what, error);
+  if (fd < 0) return -1;
+  struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    error = "cannot open " + what + " " + shownPath + ": " + std::strerror(errno);
+  } else {
+    error = notOwnFileProblem(status, what, shownPath);
+  }
+  if (error.empty()) return fd;
+  close(fd);
+  return -1;
 }
 
 bool readCheckedFile(const std::string& path, const std::string& what, size_t maxBytes, bool secret, std::string& text,

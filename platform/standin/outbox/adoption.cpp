@@ -1,11 +1,17 @@
 // How the outbox's owner takes in what guest processes stored beside it.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <cerrno>
+#include <cstring>
 
+#include "platform/ksu_log.h"
+#include "platform/standin/files/private_file.h"
+#include "platform/standin/outbox/descriptor_vfs.h"
 #include "platform/standin/outbox/guest.h"
 #include "platform/standin/outbox/outbox.h"
 #include "platform/standin/outbox/schema.h"
@@ -13,30 +19,77 @@
 namespace standin {
 namespace {
 
+const char kLogFunction[] = "NotificationSupplier";
 const int kBusyTimeoutMs = 5000;  // the guest appending meanwhile
+const mode_t kGuestFileMode = 0600;
+
+// The names in the directory `directoryFd` that are guest files of the
+// outbox file `outboxName`.
+std::vector<std::string> guestNames(int directoryFd, const std::string& outboxName) {
+  std::vector<std::string> names;
+  const int listFd = openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* listing = listFd >= 0 ? fdopendir(listFd) : nullptr;
+  if (listing == nullptr) {
+    if (listFd >= 0) close(listFd);
+    return names;
+  }
+  while (const dirent* entry = readdir(listing)) {
+    if (isGuestOutboxName(entry->d_name, outboxName)) names.emplace_back(entry->d_name);
+  }
+  closedir(listing);
+  return names;
+}
+
+// Why the file opened as `status` is no guest file of this engine's, in a
+// few words; empty when it is one.
+std::string notAGuestFile(const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
+  if (status.st_uid != geteuid()) {
+    return "it belongs to user " + std::to_string(status.st_uid) + ", not to this process's user " +
+           std::to_string(geteuid());
+  }
+  if (status.st_nlink != 1) return "it has " + std::to_string(status.st_nlink) + " links";
+  if ((status.st_mode & 07777) != kGuestFileMode) return "its mode is " + modeText(status.st_mode) + ", not 0600";
+  return std::string();
+}
 
 }  // namespace
 
 std::vector<Outbox::Event> Outbox::adoptGuests() {
   std::vector<Event> adopted;
-  const std::filesystem::path file(m_path);
-  const std::string outboxName = file.filename().string();
-  std::error_code listed;
-  for (const auto& entry : std::filesystem::directory_iterator(
-           file.has_parent_path() ? file.parent_path() : std::filesystem::path("."), listed)) {
-    if (isGuestOutboxName(entry.path().filename().string(), outboxName)) adoptGuest(entry.path().string(), adopted);
+  std::set<std::pair<std::string, ino_t>> stillThere;
+  for (const std::string& name : guestNames(m_location.directory->fd(), m_location.name)) {
+    // Opened without following a link, without blocking on a FIFO, and
+    // judged on the descriptor.
+    const int fd = openat(m_location.directory->fd(), name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status {};
+    const bool opened = fd >= 0 && fstat(fd, &status) == 0;
+    const std::string problem =
+        opened ? notAGuestFile(status) : "it cannot be opened: " + std::string(std::strerror(errno));
+    if (problem.empty()) {
+      adoptGuest(name, fd, adopted);
+    } else {
+      const auto seen = std::make_pair(name, opened ? status.st_ino : 0);
+      stillThere.insert(seen);
+      if (m_leftAlone.count(seen) == 0) {
+        ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
+                       "left " + m_location.directory->shownPath(name) + " alone: it has a guest file's name, but " +
+                           problem + "; a guest file is the engine's own regular file, mode 0600, with one link");
+      }
+    }
+    if (fd >= 0) close(fd);  // after the guest's database: closing a descriptor of it would drop SQLite's locks
   }
+  m_leftAlone.swap(stillThere);
   return adopted;
 }
 
-void Outbox::adoptGuest(const std::string& guestPath, std::vector<Event>& adopted) {
-  const int fd = ::open(guestPath.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return;
+void Outbox::adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted) {
   const bool guestGone = flock(fd, LOCK_EX | LOCK_NB) == 0;
   sqlite3* guest = nullptr;
   std::vector<GuestEvent> found;
   bool readWhole = false;
-  if (sqlite3_open_v2(guestPath.c_str(), &guest, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) == SQLITE_OK) {
+  if (sqlite3_open_v2(m_location.directory->pathThroughDescriptor(name).c_str(), &guest,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, descriptorVfs()) == SQLITE_OK) {
     sqlite3_busy_timeout(guest, kBusyTimeoutMs);
     sqlite3_stmt* select = nullptr;
     int code = sqlite3_prepare_v2(guest, kSelectEventsAfter, -1, &select, nullptr);
@@ -64,8 +117,7 @@ void Outbox::adoptGuest(const std::string& guestPath, std::vector<Event>& adopte
     sqlite3_finalize(remove);
   }
   sqlite3_close(guest);
-  if (guestGone && empty) unlink(guestPath.c_str());
-  close(fd);  // after the database: closing a descriptor of it would drop SQLite's locks
+  if (guestGone && empty) unlinkat(m_location.directory->fd(), name.c_str(), 0);
 }
 
 bool Outbox::storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted) {

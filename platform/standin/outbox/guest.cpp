@@ -11,6 +11,8 @@
 #include <ctime>
 
 #include "platform/ksu_log.h"
+#include "platform/standin/files/private_file.h"
+#include "platform/standin/outbox/descriptor_vfs.h"
 #include "platform/standin/outbox/schema.h"
 
 namespace standin {
@@ -19,16 +21,22 @@ namespace {
 const char kGuestInfix[] = ".guest-";
 const int kBusyTimeoutMs = 5000;  // the owner moving events out
 
-// Opens `path` and takes its flock, waiting while an owner that found the
-// guest gone removes the file; -1 with errno set when it cannot.
-int lockFile(const std::string& path) {
+const mode_t kGuestFileMode = 0600;
+
+// Opens the guest file `name` in `directory`, as the engine's own, and takes
+// its flock, waiting while an owner that found the guest gone removes the
+// file; -1 with why in `error` when it cannot.
+int lockFile(const PrivateDirectory& directory, const std::string& name, std::string& error) {
   for (;;) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = openOwnFileAt(directory.fd(), name, directory.shownPath(name), O_RDWR | O_CREAT, kGuestFileMode,
+                                 "the guest file", error);
     if (fd < 0) return -1;
     struct stat opened {};
     struct stat named {};
-    if (flock(fd, LOCK_EX) == 0 && fstat(fd, &opened) == 0 && stat(path.c_str(), &named) == 0 &&
-        opened.st_ino == named.st_ino && opened.st_dev == named.st_dev) {
+    if (flock(fd, LOCK_EX) == 0 && fstat(fd, &opened) == 0 &&
+        fstatat(directory.fd(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && opened.st_ino == named.st_ino &&
+        opened.st_dev == named.st_dev) {
+      fchmod(fd, kGuestFileMode);  // the owner adopts nothing else
       return fd;
     }
     close(fd);  // removed meanwhile: a new file of the same name is the one to take
@@ -37,8 +45,8 @@ int lockFile(const std::string& path) {
 
 }  // namespace
 
-std::string guestOutboxPath(const std::string& outboxPath, pid_t pid) {
-  return outboxPath + kGuestInfix + std::to_string(pid);
+std::string guestOutboxName(const std::string& outboxName, pid_t pid) {
+  return outboxName + kGuestInfix + std::to_string(pid);
 }
 
 bool isGuestOutboxName(const std::string& name, const std::string& outboxName) {
@@ -47,19 +55,18 @@ bool isGuestOutboxName(const std::string& name, const std::string& outboxName) {
          name.find_first_not_of("0123456789", prefix.size()) == std::string::npos;
 }
 
-std::unique_ptr<GuestOutbox> GuestOutbox::open(const std::string& outboxPath, bool fullSync, std::string& error) {
-  const std::string path = guestOutboxPath(outboxPath, getpid());
-  const int lockFd = lockFile(path);
-  if (lockFd < 0) {
-    error = "cannot write " + path + ": " + std::strerror(errno);
-    return nullptr;
-  }
-  std::unique_ptr<GuestOutbox> guest(new GuestOutbox(path, lockFd));
+std::unique_ptr<GuestOutbox> GuestOutbox::open(const OutboxLocation& outbox, bool fullSync, std::string& error) {
+  const std::string name = guestOutboxName(outbox.name, getpid());
+  const int lockFd = lockFile(*outbox.directory, name, error);
+  if (lockFd < 0) return nullptr;
+  std::unique_ptr<GuestOutbox> guest(new GuestOutbox(outbox.directory, name, lockFd));
+  const std::string& path = guest->m_path;
   // A rollback journal rather than a WAL: no companion file outlives a
   // transaction, and the owner reads the file only now and then.
   const std::string setUp = std::string("PRAGMA journal_mode = DELETE; PRAGMA synchronous = ") +
                             (fullSync ? "FULL;" : "OFF;") + kCreateEventsTable;
-  int code = sqlite3_open_v2(path.c_str(), &guest->m_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr);
+  int code = sqlite3_open_v2(outbox.directory->pathThroughDescriptor(name).c_str(), &guest->m_db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, descriptorVfs());
   if (code == SQLITE_OK) {
     sqlite3_busy_timeout(guest->m_db, kBusyTimeoutMs);
     code = sqlite3_exec(guest->m_db, setUp.c_str(), nullptr, nullptr, nullptr);
@@ -84,8 +91,8 @@ GuestOutbox::~GuestOutbox() {
     sqlite3_finalize(any);
   }
   sqlite3_close(m_db);
-  if (empty) unlink(m_path.c_str());  // still under the flock: no owner reads it now
-  close(m_lockFd);                    // after the database: closing a descriptor of it would drop SQLite's locks
+  if (empty) unlinkat(m_directory->fd(), m_name.c_str(), 0);  // still under the flock: no owner reads it now
+  close(m_lockFd);  // after the database: closing a descriptor of it would drop SQLite's locks
 }
 
 bool GuestOutbox::append(const std::string& payload) {

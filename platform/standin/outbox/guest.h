@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/standin/outbox/location.h"
 #include "port/mutex.h"
 
 struct sqlite3;
@@ -30,10 +31,10 @@ namespace standin {
 class GuestOutbox {
  public:
   // Opens, creating it when missing, the guest file of this process beside
-  // the outbox at `outboxPath`, its directory already made. `fullSync`: sync
-  // every append to the disk. Null, with the reason in `error`, when it
-  // cannot be used.
-  static std::unique_ptr<GuestOutbox> open(const std::string& outboxPath, bool fullSync, std::string& error);
+  // the outbox at `outbox`, through its directory. `fullSync`: sync every
+  // append to the disk. Null, with the reason in `error`, when it cannot be
+  // used.
+  static std::unique_ptr<GuestOutbox> open(const OutboxLocation& outbox, bool fullSync, std::string& error);
   // Closes the file, and removes it when it holds nothing.
   ~GuestOutbox();
   GuestOutbox(const GuestOutbox&) = delete;
@@ -46,18 +47,24 @@ class GuestOutbox {
   bool append(const std::string& payload);
 
  private:
-  GuestOutbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
+  GuestOutbox(std::shared_ptr<const PrivateDirectory> directory, std::string name, int lockFd)
+      : m_directory(std::move(directory)),
+        m_name(std::move(name)),
+        m_path(m_directory->shownPath(m_name)),
+        m_lockFd(lockFd) {}
 
-  const std::string m_path;
-  const int m_lockFd;  // holds the flock that tells the owner this guest lives
+  const std::shared_ptr<const PrivateDirectory> m_directory;
+  const std::string m_name;
+  const std::string m_path;  // for messages
+  const int m_lockFd;        // holds the flock that tells the owner this guest lives
   port::Mutex m_mutex;
   sqlite3* m_db = nullptr;
   sqlite3_stmt* m_insert GUARDED_BY(m_mutex) = nullptr;
   bool m_failing GUARDED_BY(m_mutex) = false;
 };
 
-// The guest file of process `pid` beside the outbox at `outboxPath`.
-std::string guestOutboxPath(const std::string& outboxPath, pid_t pid);
+// The name of process `pid`'s guest file beside the outbox file `outboxName`.
+std::string guestOutboxName(const std::string& outboxName, pid_t pid);
 // Whether `name`, a file name without its directory, is a guest file of the
 // outbox whose file name is `outboxName` (not its journal).
 bool isGuestOutboxName(const std::string& name, const std::string& outboxName);

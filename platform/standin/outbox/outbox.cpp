@@ -11,11 +11,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
 
 #include "platform/ksu_log.h"
-#include "platform/standin/files/private_directory.h"
 #include "platform/standin/files/private_file.h"
+#include "platform/standin/outbox/descriptor_vfs.h"
 #include "platform/standin/outbox/schema.h"
 #include "port/no_destructor.h"
 
@@ -48,9 +47,9 @@ struct InheritedFiles {
 };
 port::NoDestructor<InheritedFiles> g_inherited;
 
-bool inheritedFromParent(const std::string& path) {
+bool inheritedFromParent(const OutboxLocation& location) {
   struct stat file {};
-  if (stat(path.c_str(), &file) != 0) return false;
+  if (fstatat(location.directory->fd(), location.name.c_str(), &file, AT_SYMLINK_NOFOLLOW) != 0) return false;
   port::MutexLock lock(g_inherited->mutex);
   return std::find(g_inherited->files.begin(), g_inherited->files.end(), std::make_pair(file.st_dev, file.st_ino)) !=
          g_inherited->files.end();
@@ -80,39 +79,62 @@ std::string utcStamp() {
   return text;
 }
 
-// Renames the database and its WAL and index aside as "<path>.<kind>-<UTC
-// time>", so that the sqlite3 shell still reads the set-aside copy whole. The name of the copy, or empty.
-std::string setAside(const std::string& path, const char* kind, std::string& error) {
-  const std::string aside = path + "." + kind + "-" + utcStamp();
-  if (std::rename(path.c_str(), aside.c_str()) != 0) {
+// Gives the file `name` in the directory `directoryFd` to its owner alone
+// (a file of an earlier release may be open to others); false when it
+// cannot.
+bool makePrivate(int directoryFd, const std::string& name) {
+  return fchmodat(directoryFd, name.c_str(), kPrivateFileMode, 0) == 0;
+}
+
+// Renames the database and its WAL and index aside as "<name>.<kind>-<UTC
+// time>", so that the sqlite3 shell still reads the set-aside copy whole. The
+// path of the copy, or empty.
+std::string setAside(const OutboxLocation& location, const char* kind, std::string& error) {
+  const int directory = location.directory->fd();
+  const std::string aside = location.name + "." + kind + "-" + utcStamp();
+  if (renameat(directory, location.name.c_str(), directory, aside.c_str()) != 0) {
     error = "cannot rename it aside: " + std::string(std::strerror(errno));
     return std::string();
   }
-  chmod(aside.c_str(), kPrivateFileMode);
+  makePrivate(directory, aside);
   for (const char* suffix : {"-wal", "-shm"}) {
-    if (std::rename((path + suffix).c_str(), (aside + suffix).c_str()) == 0) {
-      chmod((aside + suffix).c_str(), kPrivateFileMode);
+    if (renameat(directory, (location.name + suffix).c_str(), directory, (aside + suffix).c_str()) == 0) {
+      makePrivate(directory, aside + suffix);
     }
   }
-  return aside;
+  return location.directory->shownPath(aside);
 }
 
 // Makes the database file, or takes the one there, as a regular file private
-// to its owner: SQLite gives its WAL and index the database's mode.
-bool preparePrivateFile(const std::string& path, std::string& error) {
-  const int fd = openRegularFile(path, O_RDWR | O_CREAT, kPrivateFileMode, "the database", error);
+// to its owner: SQLite gives its WAL and index the database's mode. The
+// database and, when they are there, its WAL and index must be the engine's
+// own: SQLite writes all three.
+bool preparePrivateFile(const OutboxLocation& location, std::string& error) {
+  const PrivateDirectory& directory = *location.directory;
+  const int fd = openOwnFileAt(directory.fd(), location.name, location.path(), O_RDWR | O_CREAT, kPrivateFileMode,
+                               "the database", error);
   if (fd < 0) return false;
   fchmod(fd, kPrivateFileMode);  // a file of an earlier release may be open to others
   close(fd);
+  for (const char* suffix : {"-wal", "-shm"}) {
+    const std::string name = location.name + suffix;
+    struct stat status {};
+    if (fstatat(directory.fd(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) continue;  // SQLite makes it
+    error = S_ISREG(status.st_mode)
+                ? notOwnFileProblem(status, "the database's companion", directory.shownPath(name))
+                : "the database's companion " + directory.shownPath(name) + " is not a regular file: refused";
+    if (!error.empty()) return false;
+  }
   return true;
 }
 
-bool openConnection(const std::string& path, bool fullSync, sqlite3*& db, int& code, std::string& error) {
-  if (!preparePrivateFile(path, error)) {
+bool openConnection(const OutboxLocation& location, bool fullSync, sqlite3*& db, int& code, std::string& error) {
+  if (!preparePrivateFile(location, error)) {
     code = SQLITE_CANTOPEN;
     return false;
   }
-  code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
+  code = sqlite3_open_v2(location.directory->pathThroughDescriptor(location.name).c_str(), &db,
+                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, descriptorVfs());
   if (code == SQLITE_OK) {
     sqlite3_extended_result_codes(db, 1);
     // A row larger than this is no alert of ours; reading it fails.
@@ -160,17 +182,18 @@ int64_t pragmaValue(sqlite3* db, const char* pragma) {
 
 }  // namespace
 
-std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere) {
+std::unique_ptr<Outbox> Outbox::open(const OutboxLocation& location, bool fullSync, std::string& error,
+                                     bool& ownedElsewhere) {
   ownedElsewhere = false;
-  const std::filesystem::path file(path);
-  if (file.has_parent_path() && !usePrivateDirectory(file.parent_path().string(), error)) return nullptr;
-  if (inheritedFromParent(path)) {
+  if (inheritedFromParent(location)) {
     ownedElsewhere = true;
     error = "this process was forked from one that has it open";
     return nullptr;
   }
-  const std::string lockPath = path + ".lock";
-  const int lockFd = openRegularFile(lockPath, O_RDWR | O_CREAT, kPrivateFileMode, "the lock file", error);
+  const std::string lockName = location.name + ".lock";
+  const std::string lockPath = location.directory->shownPath(lockName);
+  const int lockFd = openOwnFileAt(location.directory->fd(), lockName, lockPath, O_RDWR | O_CREAT, kPrivateFileMode,
+                                   "the lock file", error);
   if (lockFd < 0) return nullptr;
   if (flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
     const int saved = errno;
@@ -180,7 +203,7 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std
                            : "cannot lock " + lockPath + ": " + std::strerror(saved);
     return nullptr;
   }
-  std::unique_ptr<Outbox> outbox(new Outbox(path, lockFd));
+  std::unique_ptr<Outbox> outbox(new Outbox(location, lockFd));
   outbox->m_fullSync = fullSync;
   Unusable unusable = Unusable::kNo;
   if (!outbox->openConnections(fullSync, error, unusable) &&
@@ -196,7 +219,7 @@ std::unique_ptr<Outbox> Outbox::open(const std::string& path, bool fullSync, std
 bool Outbox::startAfresh(Unusable unusable, std::string& error) {
   closeConnections();
   const bool newer = unusable == Unusable::kNewer;
-  const std::string aside = setAside(m_path, newer ? "unknown" : "damaged", error);
+  const std::string aside = setAside(m_location, newer ? "unknown" : "damaged", error);
   if (aside.empty()) return false;
   ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
                  "the outbox " + m_path + (newer ? " was written by a newer release (" : " was damaged (") + error +
@@ -213,7 +236,8 @@ std::string Outbox::checkWhole() {
 
 bool Outbox::startAfreshAsDamaged(std::string& found) { return startAfresh(Unusable::kDamaged, found); }
 
-Outbox::Outbox(std::string path, int lockFd) : m_path(std::move(path)), m_lockFd(lockFd) {}
+Outbox::Outbox(OutboxLocation location, int lockFd)
+    : m_location(std::move(location)), m_path(m_location.path()), m_lockFd(lockFd) {}
 
 Outbox::~Outbox() {
   if (m_checkpointThread.joinable()) {
@@ -236,7 +260,7 @@ Outbox::~Outbox() {
 bool Outbox::openConnections(bool fullSync, std::string& error, Unusable& unusable) {
   int code = SQLITE_OK;
   unusable = Unusable::kNo;
-  if (!openConnection(m_path, fullSync, m_checkpointer, code, error)) {
+  if (!openConnection(m_location, fullSync, m_checkpointer, code, error)) {
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
@@ -254,7 +278,7 @@ bool Outbox::openConnections(bool fullSync, std::string& error, Unusable& unusab
     if (isDamage(code)) unusable = Unusable::kDamaged;
     return false;
   }
-  if (!openConnection(m_path, fullSync, m_writer, code, error)) return false;
+  if (!openConnection(m_location, fullSync, m_writer, code, error)) return false;
   sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
   sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
   code = sqlite3_prepare_v2(m_writer, kInsertEvent, -1, &m_insert, nullptr);
@@ -269,7 +293,7 @@ bool Outbox::openConnections(bool fullSync, std::string& error, Unusable& unusab
 
 void Outbox::noteIdentity() {
   struct stat file {};
-  if (stat(m_path.c_str(), &file) != 0) return;
+  if (fstatat(m_location.directory->fd(), m_location.name.c_str(), &file, AT_SYMLINK_NOFOLLOW) != 0) return;
   m_device = file.st_dev;
   m_inode = file.st_ino;
 }

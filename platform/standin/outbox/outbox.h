@@ -8,10 +8,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "platform/standin/outbox/location.h"
 #include "platform/standin/outbox/stored_event.h"
 #include "port/mutex.h"
 
@@ -27,13 +30,15 @@ namespace standin {
 // once a second. One process at a time owns the file, through an flock on
 // "<path>.lock"; the sqlite3 shell may read it meanwhile, and other processes
 // store their events in guest files beside it (guest.h), which the
-// owner adopts. Failures are logged at level 16 under "NotificationSupplier".
+// owner adopts. Every file is reached through the location's directory
+// descriptor, and each it writes must be the engine's own (openOwnFileAt).
+// Failures are logged at level 16 under "NotificationSupplier".
 class Outbox {
  public:
   using Event = StoredEvent;
 
-  // Opens the outbox at `path`, creating the file and its directory when
-  // missing, and adopts what guests left beside it. A file that is not a
+  // Opens the outbox at `location`, creating the file when missing, and
+  // adopts what guests left beside it. A file that is not a
   // database, or one whose schema is damaged, is renamed aside with a time
   // stamp (logged) and a new one started; so is one that a newer release
   // wrote, whose events this one cannot know how to read. A file of an older
@@ -42,7 +47,8 @@ class Outbox {
   // owns it, or this process was forked from one that had it open: events
   // then go to a guest file. Reads only the file's first pages:
   // checkWhole() reads the rest.
-  static std::unique_ptr<Outbox> open(const std::string& path, bool fullSync, std::string& error, bool& ownedElsewhere);
+  static std::unique_ptr<Outbox> open(const OutboxLocation& location, bool fullSync, std::string& error,
+                                      bool& ownedElsewhere);
   ~Outbox();
   Outbox(const Outbox&) = delete;
   Outbox& operator=(const Outbox&) = delete;
@@ -94,7 +100,7 @@ class Outbox {
   void releaseAfterFork(bool inChild) RELEASE(m_checkpointMutex, m_writeMutex);
 
  private:
-  Outbox(std::string path, int lockFd);
+  Outbox(OutboxLocation location, int lockFd);
 
   // About 4 MiB of WAL with SQLite's 4 KiB pages: what the outbox may hold
   // beyond its database file while no broker acknowledges anything.
@@ -123,8 +129,8 @@ class Outbox {
     std::string payload;
     int64_t raised;
   };
-  // adoptGuests() for one guest file.
-  void adoptGuest(const std::string& guestPath, std::vector<Event>& adopted);
+  // adoptGuests() for the guest file `name`, open as `fd`.
+  void adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted);
   // Stores a guest's events here in one transaction, appending them with
   // their ids here to `adopted`; false (logged) when it cannot.
   bool storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted);
@@ -145,8 +151,9 @@ class Outbox {
   // Logs "<what>: <SQLite's reason><consequence>" unless `logged`, and sets it.
   void logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence);
 
-  const std::string m_path;
-  int m_lockFd;  // holds the flock that makes this process the outbox's owner
+  const OutboxLocation m_location;
+  const std::string m_path;  // m_location's, for messages
+  int m_lockFd;              // holds the flock that makes this process the outbox's owner
   bool m_fullSync = false;
   dev_t m_device = 0;  // of the database file the connections have open
   ino_t m_inode = 0;
@@ -168,6 +175,9 @@ class Outbox {
   sqlite3_stmt* m_delete GUARDED_BY(m_writeMutex) = nullptr;
   bool m_removeFailing GUARDED_BY(m_writeMutex) = false;
   bool m_adoptFailing GUARDED_BY(m_writeMutex) = false;
+  // Files with a guest's name that adoptGuests() left alone (name and
+  // inode), each logged once: the network thread's.
+  std::set<std::pair<std::string, ino_t>> m_leftAlone;
   // The last removal left the outbox empty: the next checkpoint looks for
   // free pages to give back. So does the first.
   std::atomic<bool> m_drained{true};

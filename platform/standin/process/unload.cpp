@@ -8,6 +8,7 @@
 #include "platform/standin/files/log_sink.h"
 #include "platform/standin/metrics/writer.h"
 #include "platform/standin/mqtt/mosquitto_library.h"
+#include "platform/standin/outbox/descriptor_vfs.h"
 #include "platform/standin/publisher/registry.h"
 
 namespace standin {
@@ -22,6 +23,7 @@ struct ReleaseAtUnload {
     releaseConfigSnapshot();
     releaseLogSink();
     releaseMosquittoLibrary();
+    releaseDescriptorVfs();
   }
 } g_releaseAtUnload;
 

@@ -68,7 +68,7 @@ uint64_t rotationSeed() {
 }  // namespace
 
 MqttPublisher::MqttPublisher()
-    : m_outbox(openOutbox(m_guest)),
+    : m_outbox(openOutbox(m_outboxLocation, m_guest)),
       m_events(capacity()),
       m_wakeFd(openWakeFd()),
       m_rotation(kFirstRetryDelay, kLongestRetryDelay, kRetryDelayAfterLoss, rotationSeed()) {

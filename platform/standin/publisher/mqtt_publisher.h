@@ -87,7 +87,7 @@ class MqttPublisher final : public ForkingPublisher {
   // The outbox the configuration names, or null (logged unless it is
   // "none"); when another process owns it, `guest` gets this process's guest
   // file beside it instead.
-  static std::unique_ptr<Outbox> openOutbox(std::unique_ptr<GuestOutbox>& guest);
+  static std::unique_ptr<Outbox> openOutbox(OutboxLocation& location, std::unique_ptr<GuestOutbox>& guest);
   // How many events may wait: more with an outbox, where they wait on disk.
   size_t capacity() const;
   // A guest becomes the outbox's owner once the owner is gone: it opens the
@@ -119,6 +119,8 @@ class MqttPublisher final : public ForkingPublisher {
   // changed only under m_controlMutex by the network thread (damage, taking
   // over) and by stop() once that thread is gone. publish() reads them under
   // the lock; the network thread, their only other writer, without it.
+  // m_outboxLocation, set in the constructor, is where both live.
+  OutboxLocation m_outboxLocation;
   std::unique_ptr<GuestOutbox> m_guest;
   std::unique_ptr<Outbox> m_outbox;
   PendingEvents m_events;

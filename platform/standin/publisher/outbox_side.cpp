@@ -26,8 +26,8 @@ void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLog
 
 // The outbox the configuration names, or null (logged unless it is "none").
 // When another process owns it, `guest` gets this process's guest file
-// beside it instead.
-std::unique_ptr<Outbox> MqttPublisher::openOutbox(std::unique_ptr<GuestOutbox>& guest) {
+// beside it instead, and `location` keeps its checked directory.
+std::unique_ptr<Outbox> MqttPublisher::openOutbox(OutboxLocation& location, std::unique_ptr<GuestOutbox>& guest) {
   std::string path;
   std::string error;
   if (!readOutboxPath(path, error)) {
@@ -35,14 +35,18 @@ std::unique_ptr<Outbox> MqttPublisher::openOutbox(std::unique_ptr<GuestOutbox>& 
     return nullptr;
   }
   if (path.empty()) return nullptr;
+  if (!locateOutbox(path, location, error)) {
+    logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+    return nullptr;
+  }
   bool fullSync = true;
   if (!readOutboxSync(fullSync, error)) logFailure(error + "; every alert is synced to the disk meanwhile");
   bool ownedElsewhere = false;
-  std::unique_ptr<Outbox> outbox = Outbox::open(path, fullSync, error, ownedElsewhere);
+  std::unique_ptr<Outbox> outbox = Outbox::open(location, fullSync, error, ownedElsewhere);
   if (outbox) return outbox;
   if (ownedElsewhere) {
     const std::string why = error;
-    guest = GuestOutbox::open(path, fullSync, error);
+    guest = GuestOutbox::open(location, fullSync, error);
     if (guest) {
       ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
                      "the outbox " + path + " is not this process's (" + why + "): alerts wait in " + guest->path() +
@@ -95,13 +99,13 @@ void MqttPublisher::loadBacklog() {
 
 void MqttPublisher::takeOverOutbox(Clock::time_point now) {
   m_nextAdoption = now + kAdoptionInterval;
-  std::string path;
   std::string error;
   bool fullSync = true;
   bool ownedElsewhere = false;
-  if (!readOutboxPath(path, error) || path.empty()) return;
   readOutboxSync(fullSync, error);
-  std::unique_ptr<Outbox> outbox = Outbox::open(path, fullSync, error, ownedElsewhere);
+  // The outbox beside the guest file, through the directory checked when
+  // the guest file was opened.
+  std::unique_ptr<Outbox> outbox = Outbox::open(m_outboxLocation, fullSync, error, ownedElsewhere);
   if (!outbox) return;  // still another's, or not usable: the guest file serves meanwhile
   {
     // Alerts wait meanwhile, so that none goes to the guest file after its
@@ -113,7 +117,7 @@ void MqttPublisher::takeOverOutbox(Clock::time_point now) {
     m_events.holdForBacklog();
   }
   ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                 "the outbox " + path + " is this process's now: its events go out from here");
+                 "the outbox " + m_outboxLocation.path() + " is this process's now: its events go out from here");
   loadBacklog();
 }
 
