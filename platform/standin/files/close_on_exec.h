@@ -37,8 +37,8 @@ bool markSocketsOpenedBy(size_t sockets, const std::function<void()>& call);
 // Sets close-on-exec on `fd`; false when it is not open. Thread-safe.
 bool setCloseOnExec(int fd);
 
-// Around fork(): the lock that withForkHeldOff() holds. Innermost of all the
-// stand-ins' fork locks: nothing is taken while it is held.
+// Around fork(): the lock that withForkHeldOff() holds. Outermost of all the
+// stand-ins' fork locks: none of the others is taken while it is held.
 extern const port::ForkHooks kCloseOnExecForkHooks;
 
 }  // namespace standin

@@ -15,15 +15,15 @@
 namespace standin {
 namespace {
 
-// Outermost first: a publisher reads the configuration and logs while it
-// holds its locks; nothing calls into a publisher while it holds the log's.
-// The metrics writer holds its lock only while it starts or ends; the
-// counts' locks are innermost, held around a copy or a queue's own lock,
-// but for the lock that holds fork() off while a library opens descriptors
-// that are still to be marked close-on-exec, under which nothing is taken.
-const port::ForkHooks* const kOuterFirst[] = {&kMetricsWriterForkHooks, &kPublisherForkHooks, &kConfigForkHooks,
-                                              &kCurlForkHooks,          &kLogForkHooks,       &kMetricsForkHooks,
-                                              &kCloseOnExecForkHooks};
+// Outermost first: fork() is held off while a library opens descriptors that
+// are still to be marked close-on-exec, around calls that take none of the
+// locks below. A publisher reads the configuration and logs while it holds
+// its locks; nothing calls into a publisher while it holds the log's. The
+// metrics writer holds its lock only while it starts or ends; the counts'
+// locks are innermost, held around a copy or a queue's own lock.
+const port::ForkHooks* const kOuterFirst[] = {&kCloseOnExecForkHooks, &kMetricsWriterForkHooks, &kPublisherForkHooks,
+                                              &kConfigForkHooks,      &kCurlForkHooks,          &kLogForkHooks,
+                                              &kMetricsForkHooks};
 const int kParts = sizeof kOuterFirst / sizeof kOuterFirst[0];
 
 void prepare() {
