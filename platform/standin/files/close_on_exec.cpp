@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <set>
+#include <string>
 
 #include "port/mutex.h"
 #include "port/no_destructor.h"
@@ -17,7 +19,22 @@ namespace {
 // or child. Never destroyed: a fork handler may run at exit.
 port::NoDestructor<port::Mutex> g_forkHeldOff;
 
-// The open sockets of this process without close-on-exec.
+// Whether the descriptor `fd` is open without close-on-exec, as
+// /proc/self/fdinfo tells: the descriptor itself is not touched, as it may be
+// another thread's, closed and reused meanwhile.
+bool isInheritable(long fd) {
+  const std::string path = "/proc/self/fdinfo/" + std::to_string(fd);
+  const int info = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (info < 0) return false;
+  char text[256] = {};
+  const ssize_t got = read(info, text, sizeof text - 1);
+  close(info);
+  const char* flags = got > 0 ? std::strstr(text, "flags:") : nullptr;
+  return flags != nullptr && (std::strtol(flags + 6, nullptr, 8) & O_CLOEXEC) == 0;
+}
+
+// The open sockets of this process without close-on-exec, told apart by what
+// /proc/self/fd names them.
 std::set<int> inheritableSockets() {
   std::set<int> sockets;
   DIR* listing = opendir("/proc/self/fd");
@@ -26,10 +43,10 @@ std::set<int> inheritableSockets() {
     char* end = nullptr;
     const long fd = std::strtol(entry->d_name, &end, 10);
     if (end == entry->d_name || *end != '\0' || fd == dirfd(listing)) continue;
-    struct stat status {};
-    const int flags = fcntl(static_cast<int>(fd), F_GETFD);
-    if (flags >= 0 && (flags & FD_CLOEXEC) == 0 && fstat(static_cast<int>(fd), &status) == 0 &&
-        S_ISSOCK(status.st_mode)) {
+    static const char kSocket[] = "socket:";
+    char target[sizeof kSocket] = {};
+    if (readlinkat(dirfd(listing), entry->d_name, target, sizeof target - 1) == sizeof target - 1 &&
+        std::strcmp(target, kSocket) == 0 && isInheritable(fd)) {
       sockets.insert(static_cast<int>(fd));
     }
   }
