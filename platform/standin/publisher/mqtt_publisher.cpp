@@ -225,10 +225,12 @@ void MqttPublisher::connect(Clock::time_point now) {
   }
   const BrokerAddress& address =
       settings.addresses[m_rotation.entryToTry(brokerRoute(settings), settings.addresses.size())];
+  const std::string previous = m_broker;
   m_broker = brokerText(address);
-  // Every attempt, so that the spread of a fleet's attempts over time shows
-  // in their logs.
-  ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_broker);
+  // Every move to another entry (with a list, every attempt), so that the
+  // spread of a fleet's attempts over time shows in its logs; a single
+  // broker tried again and again is said once.
+  if (m_broker != previous) ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_broker);
   static const MqttCallbacks callbacks = {&MqttPublisher::onConnect, &MqttPublisher::onPublish, &MqttPublisher::onLog};
   MqttStartFailure failure;
   m_client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,
