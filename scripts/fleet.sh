@@ -2,9 +2,9 @@
 # A site on this machine: FLEET_ENGINES engine simulators, each with VMs,
 # keepstone.conf, log and outbox of its own, against one master simulator and
 # two mosquitto brokers that every engine lists as a cluster. The first broker
-# is stopped halfway through the run, once half of the engines have evicted
-# their VMs: the engines connected to it move to the second, and those that
-# have not connected yet find it down. Two standalone brokers share no
+# is stopped halfway through the run, once half of the engines hold a
+# connection to a broker: the engines connected to it move to the second, and
+# those that have not connected yet find it down. Two standalone brokers share no
 # messages as a cluster's nodes do:
 # the first comes back once the engines are done and hands its subscriber
 # what it had accepted before it stopped. Everything runs on loopback and
@@ -189,10 +189,16 @@ done
 sampler_pid=$!
 pids+=($!)
 
-half_evicted() {
-  (($(cat "$work"/engine-*/engine.out | grep -c '^call_evict_data:') * 2 >= engines))
+# Half the engines hold a connection (the sampler's last count on the
+# nodes' ports, the subscribers' left out): each connects once its first
+# alert is raised, after its eviction.
+half_connected() {
+  local last
+  last=$(tail -n 1 "$work/connections.tsv" 2>/dev/null) || return 1
+  awk -v engines="$engines" -v subscribers="${#subscribed[@]}" \
+    '{ for (i = 2; i <= NF; i++) n += $i } END { exit !(NR == 1 && (n - subscribers) * 2 >= engines) }' <<<"$last"
 }
-wait_for "half of the engines to evict their VMs" half_evicted
+wait_for "half of the engines to connect to a broker" half_connected
 broker_stopped=$(date +%s.%N)
 if [[ "$brokers" == rabbitmq ]]; then
   kill -9 "$(rabbit_vm 2)"

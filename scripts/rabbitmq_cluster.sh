@@ -1,7 +1,8 @@
 # A three-node RabbitMQ cluster on loopback with the MQTT plugin, for
 # scripts/fleet.sh (sourced; it uses its work, pids, wait_for and pick_port).
-# Each node has its own name (kscdp-N@localhost), ports and data directory
-# under $work/rabbitmq-N; the Erlang cookie lives in $work, never in the
+# Each node has its own name (<run>-N@localhost, <run> from the name of the
+# run's directory, so that runs on one machine never share a node), ports and
+# data directory under $work/rabbitmq-N; the Erlang cookie lives in $work, never in the
 # user's home. Debian's rabbitmq-server runs the nodes as this user.
 
 rabbitmq_bin=/usr/lib/rabbitmq/bin
@@ -9,7 +10,9 @@ declare -a rabbit_mqtt_port rabbit_pid
 rabbit_epmd_was_running=false
 pidof epmd >/dev/null && rabbit_epmd_was_running=true
 
-rabbit_ctl() { HOME="$work" "$rabbitmq_bin/rabbitmqctl" -n "kscdp-$1@localhost" "${@:2}"; }
+rabbit_run=$(basename "$work" | tr -c 'A-Za-z0-9\n' '-')
+rabbit_node() { echo "$rabbit_run-$1@localhost"; }
+rabbit_ctl() { HOME="$work" "$rabbitmq_bin/rabbitmqctl" -n "$(rabbit_node "$1")" "${@:2}"; }
 
 # Starts node n (1 to 3) in the background.
 start_rabbit_node() {
@@ -24,7 +27,7 @@ start_rabbit_node() {
 listeners.tcp.default = 127.0.0.1:$amqp_port
 mqtt.listeners.tcp.default = 127.0.0.1:${rabbit_mqtt_port[$1]}
 CONF
-  HOME="$work" RABBITMQ_NODENAME="kscdp-$1@localhost" RABBITMQ_NODE_IP_ADDRESS=127.0.0.1 \
+  HOME="$work" RABBITMQ_NODENAME="$(rabbit_node "$1")" RABBITMQ_NODE_IP_ADDRESS=127.0.0.1 \
     RABBITMQ_NODE_PORT="$amqp_port" RABBITMQ_DIST_PORT="$dist_port" ERL_EPMD_ADDRESS=127.0.0.1 \
     RABBITMQ_MNESIA_BASE="$dir/mnesia" RABBITMQ_LOG_BASE="$dir/log" RABBITMQ_PID_FILE="$dir/pid" \
     RABBITMQ_CONFIG_FILE="$dir/rabbitmq.conf" RABBITMQ_ENABLED_PLUGINS_FILE="$dir/enabled_plugins" \
@@ -44,7 +47,7 @@ start_rabbitmq_cluster() {
   for n in 1 2 3; do start_rabbit_node "$n"; done
   for n in 1 2 3; do wait_for "RabbitMQ node $n to start" rabbit_node_up "$n"; done
   for n in 2 3; do
-    { rabbit_ctl "$n" stop_app && rabbit_ctl "$n" join_cluster kscdp-1@localhost && rabbit_ctl "$n" start_app; } \
+    { rabbit_ctl "$n" stop_app && rabbit_ctl "$n" join_cluster "$(rabbit_node 1)" && rabbit_ctl "$n" start_app; } \
       >>"$work/rabbitmq-$n/cluster.out" 2>&1 ||
       { echo "fleet: RabbitMQ node $n could not join the cluster: see $work/rabbitmq-$n/cluster.out" >&2; exit 1; }
   done
