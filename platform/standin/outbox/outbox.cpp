@@ -128,7 +128,8 @@ bool preparePrivateFile(const OutboxLocation& location, std::string& error) {
   return true;
 }
 
-bool openConnection(const OutboxLocation& location, bool fullSync, sqlite3*& db, int& code, std::string& error) {
+// Opens a connection that has changed nothing in the file yet.
+bool openConnection(const OutboxLocation& location, sqlite3*& db, int& code, std::string& error) {
   if (!preparePrivateFile(location, error)) {
     code = SQLITE_CANTOPEN;
     return false;
@@ -140,17 +141,22 @@ bool openConnection(const OutboxLocation& location, bool fullSync, sqlite3*& db,
     // A row larger than this is no alert of ours; reading it fails.
     sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kLargestRow);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
-    code = sqlite3_exec(db, kSetUp, nullptr, nullptr, nullptr);
+    return true;
   }
+  error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
+  return false;
+}
+
+// WAL mode, and the sync setting of the connection.
+bool setUpConnection(sqlite3* db, bool fullSync, int& code, std::string& error) {
+  code = sqlite3_exec(db, kSetUp, nullptr, nullptr, nullptr);
   if (code == SQLITE_OK) {
     code = sqlite3_exec(db, fullSync ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL", nullptr, nullptr,
                         nullptr);
   }
-  if (code != SQLITE_OK) {
-    error = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
-    return false;
-  }
-  return true;
+  if (code == SQLITE_OK) return true;
+  error = sqlite3_errmsg(db);
+  return false;
 }
 
 // "ok", or what the quick check found first.
@@ -205,9 +211,9 @@ std::unique_ptr<Outbox> Outbox::open(const OutboxLocation& location, bool fullSy
   }
   std::unique_ptr<Outbox> outbox(new Outbox(location, lockFd));
   outbox->m_fullSync = fullSync;
-  Unusable unusable = Unusable::kNo;
-  if (!outbox->openConnections(fullSync, error, unusable) &&
-      (unusable == Unusable::kNo || !outbox->startAfresh(unusable, error))) {
+  bool damaged = false;
+  if (!outbox->openConnections(fullSync, error, damaged) && (!damaged || !outbox->startAfresh(error))) {
+    outbox->closeConnections();  // a file it cannot use is left as it is
     return nullptr;
   }
   outbox->adoptGuests();  // before any append: what guests left is part of the backlog
@@ -216,15 +222,15 @@ std::unique_ptr<Outbox> Outbox::open(const OutboxLocation& location, bool fullSy
   return outbox;
 }
 
-bool Outbox::startAfresh(Unusable unusable, std::string& error) {
+bool Outbox::startAfresh(std::string& error) {
   closeConnections();
-  const bool newer = unusable == Unusable::kNewer;
-  const std::string aside = setAside(m_location, newer ? "unknown" : "damaged", error);
+  const std::string aside = setAside(m_location, "damaged", error);
   if (aside.empty()) return false;
-  ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
-                 "the outbox " + m_path + (newer ? " was written by a newer release (" : " was damaged (") + error +
-                     "): set aside as " + aside + ", a new one is started");
-  return openConnections(m_fullSync, error, unusable);
+  ksu_logmsg_str(
+      FAILURE_LEVEL, kLogFunction,
+      "the outbox " + m_path + " was damaged (" + error + "): set aside as " + aside + ", a new one is started");
+  bool damaged = false;
+  return openConnections(m_fullSync, error, damaged);
 }
 
 std::string Outbox::checkWhole() {
@@ -234,7 +240,7 @@ std::string Outbox::checkWhole() {
   return verdict == "ok" || (code != SQLITE_OK && !isDamage(code)) ? std::string() : verdict;
 }
 
-bool Outbox::startAfreshAsDamaged(std::string& found) { return startAfresh(Unusable::kDamaged, found); }
+bool Outbox::startAfreshAsDamaged(std::string& found) { return startAfresh(found); }
 
 Outbox::Outbox(OutboxLocation location, int lockFd)
     : m_location(std::move(location)), m_path(m_location.path()), m_lockFd(lockFd) {}
@@ -257,28 +263,32 @@ Outbox::~Outbox() {
   if (m_lockFd >= 0) close(m_lockFd);  // after the database is closed: the next owner finds it whole
 }
 
-bool Outbox::openConnections(bool fullSync, std::string& error, Unusable& unusable) {
+bool Outbox::openConnections(bool fullSync, std::string& error, bool& damaged) {
   int code = SQLITE_OK;
-  unusable = Unusable::kNo;
-  if (!openConnection(m_location, fullSync, m_checkpointer, code, error)) {
-    if (isDamage(code)) unusable = Unusable::kDamaged;
-    return false;
-  }
+  damaged = false;
+  if (!openConnection(m_location, m_checkpointer, code, error)) return false;
+  // Read before anything is written: a newer release's file may differ in
+  // anything, its journal mode included.
   const int version = schemaVersion(m_checkpointer, code);
   if (version > kOutboxSchemaVersion) {
-    unusable = Unusable::kNewer;
-    error =
-        "schema version " + std::to_string(version) + "; this release knows " + std::to_string(kOutboxSchemaVersion);
+    error = "it was written by a newer release (schema version " + std::to_string(version) + "; this release knows " +
+            std::to_string(kOutboxSchemaVersion) + ") and is left as it is for that release";
+    return false;
+  }
+  if (version >= 0 && !setUpConnection(m_checkpointer, fullSync, code, error)) {
+    damaged = isDamage(code);
     return false;
   }
   if (version == 0) code = sqlite3_exec(m_checkpointer, kUpgradeFromVersion0, nullptr, nullptr, nullptr);
   if (version < 0 || code != SQLITE_OK) {
     error = sqlite3_errmsg(m_checkpointer);
     sqlite3_exec(m_checkpointer, "ROLLBACK", nullptr, nullptr, nullptr);
-    if (isDamage(code)) unusable = Unusable::kDamaged;
+    damaged = isDamage(code);
     return false;
   }
-  if (!openConnection(m_location, fullSync, m_writer, code, error)) return false;
+  if (!openConnection(m_location, m_writer, code, error) || !setUpConnection(m_writer, fullSync, code, error)) {
+    return false;
+  }
   sqlite3_wal_hook(m_writer, &Outbox::onWalCommit, this);
   sqlite3_wal_hook(m_checkpointer, &Outbox::onWalCommit, this);
   code = sqlite3_prepare_v2(m_writer, kInsertEvent, -1, &m_insert, nullptr);

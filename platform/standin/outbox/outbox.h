@@ -40,13 +40,13 @@ class Outbox {
   // Opens the outbox at `location`, creating the file when missing, and
   // adopts what guests left beside it. A file that is not a
   // database, or one whose schema is damaged, is renamed aside with a time
-  // stamp (logged) and a new one started; so is one that a newer release
-  // wrote, whose events this one cannot know how to read. A file of an older
-  // version is upgraded in place. Null, with the reason in `error`, when the
-  // outbox cannot be used; `ownedElsewhere` is then true when another process
-  // owns it, or this process was forked from one that had it open: events
-  // then go to a guest file. Reads only the file's first pages:
-  // checkWhole() reads the rest.
+  // stamp (logged) and a new one started. A file of an older version is
+  // upgraded in place; one that a newer release wrote is left as it is, for
+  // that release to send its events when it returns. Null, with the reason
+  // in `error`, when the outbox cannot be used; `ownedElsewhere` is then true
+  // when another process owns it, or this process was forked from one that
+  // had it open: events then go to a guest file. Reads only the file's first
+  // pages: checkWhole() reads the rest.
   static std::unique_ptr<Outbox> open(const OutboxLocation& location, bool fullSync, std::string& error,
                                       bool& ownedElsewhere);
   ~Outbox();
@@ -135,11 +135,11 @@ class Outbox {
   // their ids here to `adopted`; false (logged) when it cannot.
   bool storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted);
 
-  // Why an outbox file cannot be used and is set aside.
-  enum class Unusable { kNo, kDamaged, kNewer };
-  bool openConnections(bool fullSync, std::string& error, Unusable& unusable);
-  // Sets the file aside as `unusable` (logged) and opens a new one.
-  bool startAfresh(Unusable unusable, std::string& error);
+  // Opens both connections; false, with the reason in `error`, when the
+  // file cannot be used, and `damaged` when that is because it is damaged.
+  bool openConnections(bool fullSync, std::string& error, bool& damaged);
+  // Sets the file aside as damaged (logged) and opens a new one.
+  bool startAfresh(std::string& error);
   // Notes which file the connections have open, for releaseAfterFork().
   void noteIdentity();
   void closeConnections();

@@ -427,8 +427,7 @@ TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThro
       setAside.push_back(entry.path());
     }
   }
-  ASSERT_EQ(setAside.size(), 2u);
-  std::sort(setAside.begin(), setAside.end());
+  ASSERT_EQ(setAside.size(), 1u);
   EXPECT_EQ(integration::fileText(setAside[0]), std::string(10000, 'x'));
 }
 
