@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test test-site demo fleet chaos package test-asan test-tsan bench fuzz memcheck clean
+.PHONY: all deps build test test-site demo fleet chaos package upgrade-check test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -50,6 +50,14 @@ chaos: build
 # $(BUILD)/packages/.
 package: build
 	cd $(BUILD) && cpack -G DEB
+
+# The previous release's packages (the commit in packaging/previous-release,
+# built once in a git worktree inside $(BUILD)) upgraded to this tree's with
+# apt while alerts wait in the outbox, then rolled back and forth: every
+# waiting alert must reach the broker. As root; it installs the packages and
+# purges them at the end.
+upgrade-check: package
+	bash scripts/upgrade_check.sh $(BUILD) $(JOBS)
 
 # The whole suite under AddressSanitizer, UndefinedBehaviorSanitizer and
 # LeakSanitizer, in a build tree of its own.
