@@ -11,7 +11,8 @@
 #include <thread>
 #include <utility>
 
-#include "platform/standin/outbox/outbox.h"
+#include "platform/standin/outbox/descriptor_vfs.h"
+#include "platform/standin/outbox/location.h"
 #include "standin/outbox/power_cut_vfs.h"
 
 namespace power_cut {
@@ -88,10 +89,11 @@ void runStream(const StreamPlan& plan, int reportFd) {
   cut.afterSync = &afterSync;
   cut.atCut = &atCut;
   if (!install(cut)) fail("SQLite refused the power-cut VFS");
+  // The outbox's own VFS, inherited from the parent over the default VFS of
+  // then, is made again over this one: no connection is open.
+  standin::releaseDescriptorVfs();
   std::string error;
-  bool ownedElsewhere = false;
-  std::unique_ptr<standin::Outbox> outbox =
-      standin::Outbox::open(plan.outboxPath, plan.fullSync, error, ownedElsewhere);
+  std::unique_ptr<standin::Outbox> outbox = openOutbox(plan.outboxPath, plan.fullSync, error);
   if (!outbox) fail(("cannot open the outbox: " + error).c_str());
   std::mt19937_64 random(plan.seed ^ 0x5deece66dULL);
   std::deque<std::pair<int64_t, int64_t>> stored;  // alert and outbox id, oldest first
@@ -116,6 +118,13 @@ void runStream(const StreamPlan& plan, int reportFd) {
     if (plan.pause.count() > 0) std::this_thread::sleep_for(plan.pause);
   }
   power_cut::cut();
+}
+
+std::unique_ptr<standin::Outbox> openOutbox(std::string path, bool fullSync, std::string& error) {
+  standin::OutboxLocation location;
+  bool ownedElsewhere = false;
+  if (!standin::locateOutbox(path, location, error)) return nullptr;
+  return standin::Outbox::open(location, fullSync, error, ownedElsewhere);
 }
 
 StreamReport readReport(int reportFd) {

@@ -7,9 +7,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "platform/standin/outbox/outbox.h"
 
 namespace power_cut {
 
@@ -51,6 +54,10 @@ struct StreamReport {
 // opened no database, reporting to `reportFd`; then cuts the power. Never
 // returns.
 [[noreturn]] void runStream(const StreamPlan& plan, int reportFd);
+
+// Opens the outbox at `path` as the publisher does; null, with the reason in
+// `error`, when it cannot.
+std::unique_ptr<standin::Outbox> openOutbox(std::string path, bool fullSync, std::string& error);
 
 // What the stream's process reported through `reportFd` until it ended.
 StreamReport readReport(int reportFd);
