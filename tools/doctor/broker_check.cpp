@@ -17,6 +17,7 @@
 #include "platform/standin/config/protocol.h"
 #include "platform/standin/mqtt/broker_tls_context.h"
 #include "platform/standin/mqtt/client_setup.h"
+#include "platform/standin/mqtt/early_close.h"
 #include "platform/standin/mqtt/notification_payload.h"
 #include "services/AlertServiceImpl.h"
 
@@ -144,13 +145,23 @@ void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
   }
   int result = probe.client == nullptr ? probe.failure.result : MOSQ_ERR_SUCCESS;
   int error = 0;
+  standin::EarlyEnd earlyEnd;
+  bool endedEarly = false;
   if (result == MOSQ_ERR_SUCCESS) {
     result = runUntil(
-        probe.client.get(), kConnectMilliseconds, [&] { return probe.session.connack >= 0; }, error);
+        probe.client.get(), kConnectMilliseconds,
+        [&] {
+          endedEarly = probe.session.connack < 0 && standin::connectionEndedEarly(probe.client.get(), earlyEnd);
+          return probe.session.connack >= 0 || endedEarly;
+        },
+        error);
   }
   if (probe.client == nullptr) {
     probe.problem = where + ": " + probe.failure.text;
     probe.action = connectAction(result, settings, where);
+  } else if (endedEarly) {
+    probe.problem = where + ": " + earlyEnd.text;
+    probe.action = connectAction(earlyEnd.error != 0 ? MOSQ_ERR_ERRNO : MOSQ_ERR_TLS, settings, where);
   } else if (result != MOSQ_ERR_SUCCESS) {
     const std::string certificate = result == MOSQ_ERR_TLS ? standin::refusedBrokerCertificate() : "";
     probe.problem = where + ": " + standin::mosquittoErrorText(result, error) +

@@ -17,6 +17,7 @@
 #include "platform/standin/counters/metrics.h"
 #include "platform/standin/mqtt/broker_tls_context.h"
 #include "platform/standin/mqtt/client_setup.h"
+#include "platform/standin/mqtt/early_close.h"
 #include "platform/standin/mqtt/mosquitto_library.h"
 #include "platform/standin/publisher/registry.h"
 
@@ -281,11 +282,14 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
   if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(m_client, 1);
   if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(m_client);
   const int savedErrno = errno;
+  EarlyEnd earlyEnd;
   if (m_refusedCode != 0) {  // libmosquitto also ends the loop call with an error then
     connectionFailed("broker " + m_broker + " refused the connection: " + mosquitto_connack_string(m_refusedCode));
   } else if (result != MOSQ_ERR_SUCCESS) {
     const std::string state = m_connected ? "lost the connection to broker " : "cannot reach broker ";
     connectionFailed(state + m_broker + ": " + mosquittoErrorText(result, savedErrno));
+  } else if (!m_connected && (ready & (POLLHUP | POLLERR)) != 0 && connectionEndedEarly(m_client, earlyEnd)) {
+    connectionFailed("cannot reach broker " + m_broker + ": " + earlyEnd.text);
   }
 }
 
