@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <jansson.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
@@ -24,11 +25,6 @@ const char kJsonType[] = "application/json";
 const size_t kTooLargeAnswerBytes = 1536 * 1024;
 const char kNotJson[] = "<html><body>Service temporarily unavailable</body></html>";
 const char kNotJsonType[] = "text/html";
-// A stopped server still serves each open connection until its client closes
-// it or it has been idle this long, so stop() waits this long at most. The
-// server counts whole seconds, and at 0 it would also drop a new connection
-// whose first request is a few milliseconds late.
-const time_t kKeepAliveSeconds = 1;
 // Headers that the HTTP server adds to a request itself; no client sent them.
 const char* const kServerMadeHeaders[] = {"REMOTE_ADDR", "REMOTE_PORT", "LOCAL_ADDR", "LOCAL_PORT"};
 
@@ -131,7 +127,11 @@ std::unique_ptr<httplib::Server> MasterSimulator::Impl::makeServer(const MasterS
 void MasterSimulator::Impl::addRoutes() {
   // Connections stay open for as many requests as a client sends.
   m_server->set_keep_alive_max_count(1000000);
-  m_server->set_keep_alive_timeout(kKeepAliveSeconds);
+  // A stopped server still serves each open connection until its client
+  // closes it or it has been idle this long. The server counts whole seconds,
+  // and at 0 it would also drop a new connection whose first request is a few
+  // milliseconds late.
+  m_server->set_keep_alive_timeout(std::max(m_options.keepAliveSeconds, 1));
   // Headers and body go out in separate writes; without this the body waits
   // for the client's delayed acknowledgement.
   m_server->set_tcp_nodelay(true);

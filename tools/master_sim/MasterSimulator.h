@@ -49,6 +49,9 @@ struct MasterSimulatorOptions {
   // small host). A client's open connection holds one while it is kept
   // alive, so a simulator serving many engines at once needs as many.
   int threads = 0;
+  // How long a kept-alive connection may stay idle before the server closes
+  // it, in whole seconds (at least 1); stop() waits this long at most.
+  int keepAliveSeconds = 1;
   // With a PEM certificate and key, both interfaces are served over HTTPS
   // only; with a CA bundle besides, only to clients presenting a certificate
   // it signed, as a master that authenticates its hosts.

@@ -17,7 +17,7 @@ const char kUsage[] =
     "                        [--first-job-id N] [--unknown-polls N] [--jobs-not-json]\n"
     "                        [--fail-policy NAME=HTTP_STATUS[:DAEMON_STATUS]]...\n"
     "                        [--policy-not-json NAME]... [--policy-too-large NAME]...\n"
-    "                        [--threads N]\n"
+    "                        [--threads N] [--keep-alive SECONDS]\n"
     "                        [--tls-cert PEM --tls-key PEM [--client-ca PEM]]\n"
     "  --port 0 (the default) picks a free port.\n";
 
@@ -85,6 +85,9 @@ bool parseOptions(int argc, char** argv, master_sim::MasterSimulatorOptions& opt
     } else if (name == "--threads") {
       valid = parseNumber(value, number) && number >= 1 && number <= 10000;
       options.threads = static_cast<int>(number);
+    } else if (name == "--keep-alive") {
+      valid = parseNumber(value, number) && number >= 1 && number <= 3600;
+      options.keepAliveSeconds = static_cast<int>(number);
     } else if (name == "--tls-cert") {
       options.tlsCertFile = value;
     } else if (name == "--tls-key") {

@@ -15,11 +15,17 @@ void setBlob(CURL* easy, CURLoption option, const std::string& text) {
   curl_easy_setopt(easy, option, text.empty() ? nullptr : &blob);
 }
 
-// With TLS 1.3 a server that wants a client certificate says so only after
-// the handshake: the client sees the connection end when it sends or reads.
-bool closedAfterHandshake(CURLcode result, const std::string& url) {
-  return strncasecmp(url.c_str(), "https:", 6) == 0 &&
-         (result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_SSL_CONNECT_ERROR);
+// Whether the server's TLS alert says that it wants a client certificate:
+// "certificate required" (TLS 1.3, where it comes after the handshake, when
+// the client sends or reads), or the handshake failure that a TLS 1.2 server
+// sends when a certificate it asked for is missing (OpenSSL's wording, as
+// libcurl reports it). A server that closed an idle connection sends
+// neither.
+bool refusedForCertificate(CURLcode result, const std::string& url, const std::string& errorText) {
+  if (strncasecmp(url.c_str(), "https:", 6) != 0) return false;
+  if (result != CURLE_SEND_ERROR && result != CURLE_RECV_ERROR && result != CURLE_SSL_CONNECT_ERROR) return false;
+  return errorText.find("alert certificate required") != std::string::npos ||
+         errorText.find("alert handshake failure") != std::string::npos;
 }
 
 }  // namespace
@@ -108,7 +114,7 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
                   " KiB, more than this interface ever sends; read no further";
   } else {
     m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
-    if (!presentsCertificate && closedAfterHandshake(result, url)) {
+    if (!presentsCertificate && refusedForCertificate(result, url, m_errorText)) {
       m_errorText +=
           " (the server ended the TLS connection: if it requires a client certificate, set cert_file and "
           "key_file)";

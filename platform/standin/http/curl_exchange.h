@@ -43,7 +43,9 @@ class CurlExchange {
   // cannot be used (see loadClientIdentity) fails the exchange before
   // anything is sent, with CURLE_SSL_CERTPROBLEM. A POST is
   // sent on a connection of its own, so that libcurl never sends it a second
-  // time when a kept-alive connection turns out dead. An answer larger than
+  // time when a kept-alive connection turns out dead; a GET that finds its
+  // kept-alive connection closed by the server goes again, once, on a new
+  // connection. An answer larger than
   // kLargestAnswer is a failure, read no further. CURLE_OK when an answer
   // came; otherwise errorText() says why, and, unless `function` is
   // null, one level-16 log line under `function` names the method, the URL

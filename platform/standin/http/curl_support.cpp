@@ -165,19 +165,29 @@ size_t appendToBody(char* data, size_t size, size_t count, void* answer) {
 CURL* takeEasyHandle() {
   Share& shared = share();  // also initialises libcurl
   CURL* easy = shared.takeIdle();
-  if (easy != nullptr) return easy;
-  // A multi handle of its own, rather than the one curl_easy_perform would
-  // make, so that its wake-up socket pair is made where it can be marked
-  // close-on-exec.
-  // Should another thread open sockets meanwhile, none is marked: the
-  // handle works all the same.
   CURLM* multi = nullptr;
-  markSocketsOpenedBy(kWakeUpSockets, [&multi] { multi = curl_multi_init(); });
-  easy = curl_easy_init();
-  if (multi == nullptr || easy == nullptr) {
-    curl_easy_cleanup(easy);
-    curl_multi_cleanup(multi);
-    return nullptr;
+  if (easy != nullptr) {
+    // Back to libcurl's defaults, its multi handle and open connections
+    // kept. This also clears the count of retries on a new connection that
+    // libcurl 7.88 keeps per handle across requests: left to grow, it would
+    // fail the sixth request that finds its kept-alive connection closed
+    // ("Connection died, tried 5 times before giving up") instead of sending
+    // it again.
+    multi = multiOf(easy);
+    curl_easy_reset(easy);
+  } else {
+    // A multi handle of its own, rather than the one curl_easy_perform would
+    // make, so that its wake-up socket pair is made where it can be marked
+    // close-on-exec.
+    // Should another thread open sockets meanwhile, none is marked: the
+    // handle works all the same.
+    markSocketsOpenedBy(kWakeUpSockets, [&multi] { multi = curl_multi_init(); });
+    easy = curl_easy_init();
+    if (multi == nullptr || easy == nullptr) {
+      curl_easy_cleanup(easy);
+      curl_multi_cleanup(multi);
+      return nullptr;
+    }
   }
   curl_easy_setopt(easy, CURLOPT_PRIVATE, multi);
   curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &openCloseOnExecSocket);

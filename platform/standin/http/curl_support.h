@@ -28,16 +28,16 @@ namespace standin {
 // socket pair that curl_easy_perform sets up, which cost more than an
 // exchange over an open loopback connection.
 //
-// Besides libcurl's defaults a handle holds, from its making on, the options
-// that every request of the stand-ins shares: the share handle, http and
-// https only, no signals, TLS 1.2 at least, peer and host verified,
-// connections opened close-on-exec, and the answer's body appended to the
-// AnswerBody that CURLOPT_WRITEDATA names. Every other option a request sets
-// it sets each time, as a previous request may have set it otherwise. Each
-// handle has a multi handle of its own, which keeps its open connections and
-// whose descriptors are close-on-exec too: a handle's transfers run through
-// performTransfer(), never curl_easy_perform(), and its private pointer is
-// not the caller's.
+// Besides libcurl's defaults (a kept handle is reset to them, its open
+// connections kept) a handle holds the options that every request of the
+// stand-ins shares: the share handle, http and https only, no signals, TLS
+// 1.2 at least, peer and host verified, connections opened close-on-exec,
+// and the answer's body appended to the AnswerBody that CURLOPT_WRITEDATA
+// names. Every other option a request sets it sets each time, as a previous
+// request may have set it otherwise. Each handle has a multi handle of its
+// own, which keeps its open connections and whose descriptors are
+// close-on-exec too: a handle's transfers run through performTransfer(),
+// never curl_easy_perform(), and its private pointer is not the caller's.
 CURL* takeEasyHandle();
 // Runs the transfer `easy` (from takeEasyHandle()) is set up for, as
 // curl_easy_perform() would: blocks until it ends; its result.
