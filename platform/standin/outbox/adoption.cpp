@@ -129,7 +129,8 @@ bool Outbox::storeAdopted(const std::vector<GuestEvent>& events, std::vector<Eve
     sqlite3_bind_int64(m_insert, 2, events[i].raised);
     code = sqlite3_step(m_insert) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_insert);
-    if (code == SQLITE_OK) adopted.push_back(Event{sqlite3_last_insert_rowid(m_writer), events[i].payload});
+    if (code == SQLITE_OK)
+      adopted.push_back(Event{sqlite3_last_insert_rowid(m_writer), events[i].payload, events[i].raised});
   }
   sqlite3_clear_bindings(m_insert);
   if (endTransaction(code, m_adoptFailing, "cannot move the events of other processes into the outbox " + m_path,

@@ -332,7 +332,8 @@ std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
     events.push_back(
         Event{sqlite3_column_int64(select, 0),
-              std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1)))});
+              std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1))),
+              sqlite3_column_int64(select, 2)});
     code = SQLITE_OK;
   }
   sqlite3_finalize(select);

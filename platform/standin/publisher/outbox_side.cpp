@@ -126,7 +126,7 @@ void MqttPublisher::tidyOutbox(Clock::time_point now) {
   if (now >= m_nextAdoption) {
     std::vector<Outbox::Event> adopted = m_outbox->adoptGuests();
     port::MutexLock lock(m_controlMutex);
-    for (Outbox::Event& event : adopted) m_events.push(std::move(event.payload), event.id);
+    for (Outbox::Event& event : adopted) m_events.push(std::move(event.payload), event.id, acceptedAt(event.raised));
     m_nextAdoption = now + kAdoptionInterval;
   }
   if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {

@@ -1,6 +1,7 @@
 #include "platform/standin/publisher/pending_events.h"
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 namespace standin {
@@ -14,9 +15,16 @@ bool PendingEvents::full() const {
   return m_events.size() + m_held.size() >= m_capacity;
 }
 
-void PendingEvents::push(std::string payload, int64_t outboxId) {
+std::chrono::steady_clock::time_point acceptedAt(int64_t raised) {
+  const auto now = std::chrono::steady_clock::now();
+  if (raised <= 0) return now;
+  const int64_t age = static_cast<int64_t>(std::time(nullptr)) - raised;
+  return age > 0 ? now - std::chrono::seconds(age) : now;
+}
+
+void PendingEvents::push(std::string payload, int64_t outboxId, Clock::time_point accepted) {
   port::MutexLock lock(m_mutex);
-  Event event{std::move(payload), outboxId, 0, Clock::now()};
+  Event event{std::move(payload), outboxId, 0, accepted};
   if (!m_holding) {
     m_events.push_back(std::move(event));
     return;
@@ -35,7 +43,7 @@ size_t PendingEvents::queueBacklog(const std::vector<StoredEvent>& page) {
   size_t queued = 0;
   for (const StoredEvent& event : page) {
     if (m_firstHeldId != 0 && event.id >= m_firstHeldId) break;  // held already, in the order pushed
-    m_events.push_back(Event{event.payload, event.id, 0, Clock::now()});
+    m_events.push_back(Event{event.payload, event.id, 0, acceptedAt(event.raised)});
     ++queued;
   }
   return queued;

@@ -17,6 +17,11 @@
 
 namespace standin {
 
+// When an event that the outbox says was raised at `raised` (seconds since
+// the epoch, 0: unknown) was accepted, on the steady clock: so that a wait
+// counts from the raise, across restarts. Now when unknown or later than now.
+std::chrono::steady_clock::time_point acceptedAt(int64_t raised);
+
 // Event payloads, oldest first, from the moment they are accepted until the
 // broker has acknowledged them. Those handed over to the current connection
 // are always the oldest ones and carry that connection's message id; when the
@@ -61,7 +66,9 @@ class PendingEvents : public metrics::WaitingQueue {
   // True when `capacity` events are waiting, held ones included: push() and
   // queueBacklog() take events that were accepted anyway.
   bool full() const;
-  void push(std::string payload, int64_t outboxId);
+  // Queues an event accepted at `accepted`: now, or when the outbox says it
+  // was raised (see acceptedAt()).
+  void push(std::string payload, int64_t outboxId, Clock::time_point accepted = Clock::now());
 
   // Holds pushed events back from now on, until releaseHeld().
   void holdForBacklog();

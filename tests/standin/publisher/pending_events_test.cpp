@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -81,10 +82,10 @@ TEST(PendingEvents, PutsTheBacklogAheadOfWhatWasPushedWhileItLoaded) {
   standin::PendingEvents events(5);
   events.push("own-0", 0);  // not stored: never taken for part of the backlog
   events.push("own-5", 5);
-  EXPECT_EQ(events.queueBacklog({{1, "old-1"}, {2, "old-2"}}), 2u);
+  EXPECT_EQ(events.queueBacklog({{1, "old-1", 0}, {2, "old-2", 0}}), 2u);
   events.push("own-6", 6);
   EXPECT_TRUE(events.full());
-  EXPECT_EQ(events.queueBacklog({{3, "old-3"}, {5, "own-5"}, {6, "own-6"}}), 1u);
+  EXPECT_EQ(events.queueBacklog({{3, "old-3", 0}, {5, "own-5", 0}, {6, "own-6", 0}}), 1u);
   // The outbox was set aside: what was held is stored again, from id 1.
   int64_t next = 1;
   events.storeHeldAgain([&next](const std::string&) { return next++; });
@@ -95,6 +96,27 @@ TEST(PendingEvents, PutsTheBacklogAheadOfWhatWasPushedWhileItLoaded) {
   EXPECT_EQ(connection.given,
             (std::vector<std::string>{"old-1", "old-2", "old-3", "own-0", "own-5", "own-6", "own-7"}));
   EXPECT_EQ(events.acknowledge(5), 2);  // "own-5", stored again under id 2
+}
+
+// A backlog's wait counts from when its events were raised, which the outbox
+// keeps across restarts, not from when this process loaded them; a raise
+// time that is unknown (0) or ahead of the clock counts from now.
+TEST(PendingEvents, BacklogWaitsSinceItsEventsWereRaised) {
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  struct Case {
+    int64_t raised;
+    double lowest, highest;  // the oldest wait, in seconds
+  } cases[] = {{now - 300, 299, 302}, {0, 0, 2}, {now + 60, 0, 2}};
+  for (const Case& c : cases) {
+    standin::PendingEvents events(5);
+    events.releaseHeld();
+    events.queueBacklog({{1, "old-1", c.raised}, {2, "old-2", 0}});
+    const standin::metrics::Waiting waiting = events.waiting();
+    const double oldest = std::chrono::duration<double>(std::chrono::steady_clock::now() - waiting.oldest).count();
+    EXPECT_EQ(waiting.count, 2u) << c.raised - now;
+    EXPECT_GE(oldest, c.lowest) << c.raised - now;
+    EXPECT_LE(oldest, c.highest) << c.raised - now;
+  }
 }
 
 // A connection owes an acknowledgement from the oldest hand-over, or from the
