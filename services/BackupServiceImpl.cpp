@@ -37,10 +37,10 @@ using MallocText = std::unique_ptr<char, FreeDeleter>;
 // accepted the request, but its answer could not be handed back.
 bool acceptedUnread(int result) { return result >= 200 && result <= 299; }
 
-// What a failure after the daemon accepted the request adds to its message,
-// so that an operator can tell a later request for the VM from a first one.
+// What an operator is told when a request fails after the daemon accepted
+// it, so that a later request for the VM can be told from a first one.
 std::string mayHaveStarted(const EvictionServiceData& request) {
-  return "; the request daemon accepted the request, so a backup may have started for VM " + request.vmId;
+  return "the request daemon accepted the request, so a backup may have started for VM " + request.vmId;
 }
 
 // Logs the message that `compose` builds, or nothing when memory runs out
@@ -86,9 +86,12 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
   if (result != 0) {
     // The daemon client hands back no answer when it fails, so there is
     // nothing to release here.
-    const std::string failure = message("Failed to invoke Ksqd CCT request. Return code:", result,
-                                        acceptedUnread(result) ? mayHaveStarted(*request) : "");
+    const std::string failure = message("Failed to invoke Ksqd CCT request. Return code:", result);
     ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_FUNCTION, failure);
+    if (acceptedUnread(result)) {
+      ksu_logmsg_str(FAILURE_LEVEL, HANDLE_REQUEST_FUNCTION,
+                     message(mayHaveStarted(*request), " (its status ", result, ")"));
+    }
     throw KSServiceException(DAEMON_REQUEST_FAILED_CODE, failure);
   }
 
@@ -106,7 +109,7 @@ int BackupServiceImpl::handleRequest(ServiceData* data) {
     parseRequestResponse(response, jobId);
   } catch (const std::bad_alloc&) {
     throw KSServiceException(DAEMON_REQUEST_FAILED_CODE,
-                             "No memory to read the request daemon's answer" + mayHaveStarted(*request));
+                             "No memory to read the request daemon's answer; " + mayHaveStarted(*request));
   }
   request->jobId = jobId;
   logAfterAnswer(PROGRESS_LEVEL, [&] { return message("BackupServiceImpl: Backup JobID: ", jobId); });

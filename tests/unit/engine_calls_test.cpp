@@ -136,7 +136,8 @@ TEST_F(EngineCallsTest, NothingFailingAfterTheDaemonsAnswerLosesTheVm) {
 }
 
 // A daemon that accepted the request but whose answer cannot be read fails
-// the pass, and the line says that a backup may have started for the VM.
+// the pass with the system's text, nothing after the code; a line of its own
+// says that a backup may have started for the VM.
 TEST_F(EngineCallsTest, AnAcceptedRequestWithoutAReadableAnswerSaysABackupMayHaveStarted) {
   evictList({10, 20});
   fake::ksqd.result = 200;
@@ -145,8 +146,13 @@ TEST_F(EngineCallsTest, AnAcceptedRequestWithoutAReadableAnswerSaysABackupMayHav
   EXPECT_EQ(get_element_from_evlist(m_evictList), &m_vms[1]);
   EXPECT_EQ(fake::logLinesOf(kEvictionLog).back().message,
             "VM: vm20\nPolicy: policy20\nVM Size: 20\nEviction Type: 3\nMaster server: master.example"
-            "Exception occured: Failed to invoke Ksqd CCT request. Return code:200; the request daemon accepted the "
-            "request, so a backup may have started for VM vm20");
+            "Exception occured: Failed to invoke Ksqd CCT request. Return code:200");
+  const std::vector<fake::LogLine> handler = fake::logLinesOf("BackupServiceImpl::handleRequest");
+  ASSERT_FALSE(handler.empty());
+  EXPECT_EQ(handler.back(),
+            (fake::LogLine{16, "BackupServiceImpl::handleRequest",
+                           "the request daemon accepted the request, so a backup may have started for VM vm20 (its "
+                           "status 200)"}));
 }
 
 TEST_F(EngineCallsTest, UnreadableMasterNameFailsEachPassWithoutAVm) {

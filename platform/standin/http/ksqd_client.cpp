@@ -5,7 +5,9 @@
 // status itself when the body cannot be handed back (larger than
 // kLargestAnswer, or no memory for its copy), since the daemon accepted the
 // request and a job may have started; for any other status the daemon's
-// X-Ksqd-Status (when present and non-zero) or else the HTTP status; the
+// X-Ksqd-Status (when present, non-zero and outside 200-299, the range that
+// says accepted) or else the HTTP status, so that a refusal never reads as
+// an acceptance; the
 // negated libcurl error when no answer came at all (-1, an unsupported
 // protocol, when "ksqd_url" is not http or https); EINVAL for unusable
 // arguments and ENOMEM when memory ran out before the request went out. Only
@@ -42,6 +44,9 @@ void addHeader(standin::CurlExchange& exchange, const std::string& header) {
   if (!exchange.addHeader(header)) throw std::bad_alloc();
 }
 
+// A result in this range says that the daemon accepted the request.
+bool acceptance(long status) { return status >= 200 && status <= 299; }
+
 // The daemon's own failure code from X-Ksqd-Status, or 0 when it gives none
 // or gives something that is not an int.
 int ksqdStatus(const standin::CurlExchange& exchange) {
@@ -74,7 +79,7 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   const std::string body(request);
   const CURLcode sent = exchange.perform(kFunction, url, &body, settings);
   const long status = exchange.responseCode();
-  const bool accepted = status >= 200 && status <= 299;
+  const bool accepted = acceptance(status);
   standin::metrics::httpExchange(standin::metrics::HttpService::kDaemon, status, exchange.took());
   if (sent != CURLE_OK) {
     // A 2xx answer cut off for its size still says the daemon accepted.
@@ -85,7 +90,7 @@ int submit(const std::string& masterServer, int kind, const char* request, char*
   if (accepted && kind == kManualBackupKind) standin::metrics::evictionRequested();
   if (!accepted) {
     const int daemonStatus = ksqdStatus(exchange);
-    return daemonStatus != 0 ? daemonStatus : static_cast<int>(status);
+    return daemonStatus != 0 && !acceptance(daemonStatus) ? daemonStatus : static_cast<int>(status);
   }
   const std::string& answerText = exchange.body();
   auto* copy = static_cast<char*>(std::malloc(answerText.size() + 1));
