@@ -5,6 +5,7 @@
 #include "platform/ksu_log.h"
 #include "platform/standin/config/client_identity.h"
 #include "platform/standin/config/url_credentials.h"
+#include "platform/standin/http/certificate_request.h"
 
 namespace standin {
 namespace {
@@ -15,17 +16,14 @@ void setBlob(CURL* easy, CURLoption option, const std::string& text) {
   curl_easy_setopt(easy, option, text.empty() ? nullptr : &blob);
 }
 
-// Whether the server's TLS alert says that it wants a client certificate:
-// "certificate required" (TLS 1.3, where it comes after the handshake, when
-// the client sends or reads), or the handshake failure that a TLS 1.2 server
-// sends when a certificate it asked for is missing (OpenSSL's wording, as
-// libcurl reports it). A server that closed an idle connection sends
-// neither.
-bool refusedForCertificate(CURLcode result, const std::string& url, const std::string& errorText) {
-  if (strncasecmp(url.c_str(), "https:", 6) != 0) return false;
-  if (result != CURLE_SEND_ERROR && result != CURLE_RECV_ERROR && result != CURLE_SSL_CONNECT_ERROR) return false;
-  return errorText.find("alert certificate required") != std::string::npos ||
-         errorText.find("alert handshake failure") != std::string::npos;
+// Whether the server ended a TLS connection after asking for a client
+// certificate that the request had none of. A TLS 1.2 server refuses in the
+// handshake; a TLS 1.3 server after it, so the client sees the connection
+// end when it sends or reads. A server that closed an idle connection asked
+// for nothing in this request.
+bool refusedForCertificate(CURLcode result, const std::string& url) {
+  return strncasecmp(url.c_str(), "https:", 6) == 0 && certificateRequested() &&
+         (result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_SSL_CONNECT_ERROR);
 }
 
 }  // namespace
@@ -97,6 +95,7 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
       curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
       curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 0L);
     }
+    watchCertificateRequests(easy, !presentsCertificate);
     result = performTransfer(easy);
     curl_off_t connectMicroseconds = 0;
     m_connected =
@@ -114,7 +113,7 @@ CURLcode CurlExchange::performOnce(const char* function, const std::string& url,
                   " KiB, more than this interface ever sends; read no further";
   } else {
     m_errorText = m_error[0] != '\0' ? m_error : curl_easy_strerror(result);
-    if (!presentsCertificate && refusedForCertificate(result, url, m_errorText)) {
+    if (!presentsCertificate && refusedForCertificate(result, url)) {
       m_errorText +=
           " (the server ended the TLS connection: if it requires a client certificate, set cert_file and "
           "key_file)";
