@@ -26,5 +26,6 @@ if(KSCDP_BUILD_TESTS)
     ${CMAKE_CURRENT_LIST_DIR}/integration/program_run.cpp
     ${CMAKE_CURRENT_LIST_DIR}/integration/standin_environment.cpp)
   target_compile_options(kscdp_test_support PRIVATE ${KSCDP_WARNINGS})
+  target_compile_definitions(kscdp_test_support PRIVATE KSCDP_SCRIPTS_DIR="${PROJECT_SOURCE_DIR}/scripts")
   target_link_libraries(kscdp_test_support PUBLIC kscdp_master_sim_core kscdp_testbed GTest::gtest)
 endif()

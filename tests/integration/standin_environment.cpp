@@ -50,6 +50,15 @@ void removeConfig() { std::remove(configPath().c_str()); }
 
 std::string scratchPath(const std::string& name) { return g_directory + "/" + name; }
 
+std::string certificates() {
+  static const std::string made = [] {
+    const std::string dir = scratchPath("certs");
+    const std::string make = "bash " KSCDP_SCRIPTS_DIR "/make-certs.sh " + dir + " >/dev/null";
+    return std::system(make.c_str()) == 0 ? dir : std::string();
+  }();
+  return made;
+}
+
 std::string fileText(const std::string& path) {
   std::ifstream file(path);
   return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());

@@ -20,6 +20,11 @@ void removeConfig();
 // A path in the program's temporary directory, for files such as an outbox.
 std::string scratchPath(const std::string& name);
 
+// The directory of the certificates that scripts/make-certs.sh makes, made
+// in the program's temporary directory on first use; "" when they cannot be
+// made.
+std::string certificates();
+
 // The text of the file at `path`; "" when there is none.
 std::string fileText(const std::string& path);
 
