@@ -125,7 +125,10 @@ void AttacksTest::runAttack(const Attack& attack, const std::string& stage) {
                                 {"{log}", log},
                                 {"{raiser}", KSCDP_ALERT_RAISER_PATH},
                                 {"{plant}", "sh " + stage + "/plant.sh"},
-                                {"{stranger}", m_stranger.runAs()}});
+                                {"{stranger}", m_stranger.runAs()},
+                                {"{spawner}", KSCDP_SPAWNING_ENGINE_PATH " " KSCDP_LIBRARY_PATH},
+                                {"{master-sim}", KSCDP_MASTER_SIM_PATH},
+                                {"{doctor}", KSCDP_DOCTOR_PATH}});
   };
   // A sticky directory that every user may write, as /tmp is.
   ASSERT_EQ(std::system(("mkdir -m 755 " + stage + " && mkdir -m 1777 " + stage + "/public && cp " +
