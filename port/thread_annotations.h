@@ -23,6 +23,10 @@
 // A function that takes, or gives up, the lock.
 #define ACQUIRE(...) KSCDP_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KSCDP_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+// A function that returns a reference to the lock.
+#define RETURN_CAPABILITY(x) KSCDP_THREAD_ANNOTATION(lock_returned(x))
+// A function after which the caller holds the capability, without taking it.
+#define ASSERT_CAPABILITY(x) KSCDP_THREAD_ANNOTATION(assert_capability(x))
 // For the fork handlers, which take a lock in one function and give it back in another.
 #define NO_THREAD_SAFETY_ANALYSIS KSCDP_THREAD_ANNOTATION(no_thread_safety_analysis)
 

@@ -25,8 +25,6 @@ namespace standin {
 namespace {
 
 const int kQos = 1;
-const size_t kMemoryCapacity = 10000;
-const size_t kOutboxCapacity = 100000;
 const size_t kInFlight = 20;  // handed to the client at a time, as many as it keeps in flight
 const int kKeepAliveSeconds = 30;
 // An MQTT PUBLISH carries at most 268,435,455 bytes after its fixed header:
@@ -69,8 +67,7 @@ uint64_t rotationSeed() {
 }  // namespace
 
 MqttPublisher::MqttPublisher()
-    : m_outbox(openOutbox(m_outboxLocation, m_guest)),
-      m_events(capacity()),
+    : m_events(m_outbox.capacity()),
       m_wakeFd(openWakeFd()),
       m_rotation(kFirstRetryDelay, kLongestRetryDelay, kRetryDelayAfterLoss, rotationSeed()) {
   useMosquittoLibrary();
@@ -105,7 +102,7 @@ int MqttPublisher::publish(std::string payload) {
     // Held across the push, so that an event is either refused or seen by
     // the network thread before it stops.
     port::MutexLock lock(m_controlMutex);
-    if (m_stopRequested) {
+    if (m_stopDeadline) {
       logFailure("refused an event: the publisher has been shut down");
       return kRefusedStopped;
     }
@@ -118,20 +115,16 @@ int MqttPublisher::publish(std::string payload) {
       m_refusalLogged = true;
       return kRefusedThreadEnded;
     }
-    if (m_guest && m_guest->append(payload)) {
-      m_refusalLogged = false;
-      return kQueued;  // the outbox's owner sends it
-    }
-    if (m_events.full()) {
+    const OutboxSide::Stored stored = m_outbox.accept(std::move(payload), m_events);
+    if (stored == OutboxSide::Stored::kFull) {
       if (!m_refusalLogged) {
-        logFailure("refusing events: " + std::to_string(capacity()) + " events are waiting for the broker");
+        logFailure("refusing events: " + std::to_string(m_outbox.capacity()) + " events are waiting for the broker");
       }
       m_refusalLogged = true;
       return kRefusedQueueFull;
     }
-    const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-    m_events.push(std::move(payload), outboxId);
     m_refusalLogged = false;
+    if (stored == OutboxSide::Stored::kInGuest) return kQueued;  // the outbox's owner sends it
   }
   wake();
   return kQueued;
@@ -139,11 +132,11 @@ int MqttPublisher::publish(std::string payload) {
 
 void MqttPublisher::holdForFork() NO_THREAD_SAFETY_ANALYSIS {
   m_controlMutex.lock();
-  if (m_outbox) m_outbox->holdForFork();
+  m_outbox.holdForFork();
 }
 
 void MqttPublisher::releaseAfterFork(bool inChild) NO_THREAD_SAFETY_ANALYSIS {
-  if (m_outbox) m_outbox->releaseAfterFork(inChild);
+  m_outbox.releaseAfterFork(inChild);
   m_controlMutex.unlock();
 }
 
@@ -154,66 +147,62 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   if (!m_network.joinable()) return;
   {
     port::MutexLock lock(m_controlMutex);
-    m_stopRequested = true;
     m_stopDeadline = Clock::now() + grace;
   }
   wake();
   m_network.join();
+  m_networkThread.claim();  // the thread is gone: what it owned is this one's
   const PendingEvents::Dropped undelivered = m_events.clear();
-  const std::string broker = m_broker.empty() ? "the broker" : "broker " + m_broker;
+  const std::string& last = m_attempt.broker;
+  const std::string broker = last.empty() ? "the broker" : "broker " + last;
   const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
     logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
-               ": they wait in the outbox " + m_outbox->path() + " for the next start");
+               ": they wait in the outbox " + m_outbox.ownedOutboxPath() + " for the next start");
   }
   if (undelivered.inMemoryOnly > 0) {
     logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
                " did not acknowledge them" + within);
   }
-  port::MutexLock lock(m_controlMutex);
-  m_outbox.reset();
-  m_guest.reset();
+  m_outbox.close();
 }
 
-size_t MqttPublisher::capacity() const { return m_outbox || m_guest ? kOutboxCapacity : kMemoryCapacity; }
-
 void MqttPublisher::run() {
+  m_networkThread.claim();
+  m_outbox.keeper().claim();
   try {
-    loadBacklog();
+    m_outbox.loadBacklog(m_events);
     for (;;) {
       const Clock::time_point now = Clock::now();
-      Clock::time_point deadline;
-      const bool stopping = stopRequested(deadline);
-      // A guest that is stopping tries at once: its events then go out
-      // within the grace, rather than waiting for the next owner.
-      if (m_guest && (stopping || now >= m_nextAdoption)) takeOverOutbox(now);
-      if (stopping && (m_events.size() == 0 || now >= deadline)) break;
-      if (m_client == nullptr) {
+      const std::optional<Clock::time_point> stopBy = stopDeadline();
+      m_outbox.takeOverWhenFree(now, stopBy.has_value(), m_events);
+      if (stopBy && (m_events.size() == 0 || now >= *stopBy)) break;
+      if (m_attempt.client == nullptr) {
         if (now >= m_nextAttempt) connect(now);
-      } else if (!m_connected && now >= m_connectDeadline) {
-        connectionFailed("broker " + m_broker + " did not accept the connection within " +
+      } else if (!m_attempt.connected && now >= m_attempt.connectBy) {
+        connectionFailed("broker " + m_attempt.broker + " did not accept the connection within " +
                          std::to_string(kConnectTimeout.count()) + " s");
-      } else if (m_connected && now - m_events.owedSince().value_or(now) >= kAcknowledgementTimeout) {
-        connectionFailed("lost the connection to broker " + m_broker + ": nothing acknowledged for " +
+      } else if (m_attempt.connected && now - m_events.owedSince().value_or(now) >= kAcknowledgementTimeout) {
+        connectionFailed("lost the connection to broker " + m_attempt.broker + ": nothing acknowledged for " +
                          std::to_string(kAcknowledgementTimeout.count()) + " s");
       }
-      if (m_connected) handOver();
-      serviceNetwork(pollTimeoutMs(now, stopping, deadline));
-      tidyOutbox(Clock::now());
+      if (m_attempt.connected) handOver();
+      serviceNetwork(pollTimeoutMs(now, stopBy));
+      m_outbox.tidy(Clock::now(), m_events);
     }
   } catch (const std::exception& e) {
+    const bool inOutbox = !m_outbox.ownedOutboxPath().empty();
     port::MutexLock lock(m_controlMutex);
     m_threadEnded = true;
     logFailure(std::string("the notification publisher's thread failed: ") + e.what() +
-               (m_outbox ? "; the events in the outbox wait for the next start" : ""));
+               (inOutbox ? "; the events in the outbox wait for the next start" : ""));
   }
   finish();
 }
 
-bool MqttPublisher::stopRequested(Clock::time_point& deadline) {
+std::optional<MqttPublisher::Clock::time_point> MqttPublisher::stopDeadline() {
   port::MutexLock lock(m_controlMutex);
-  deadline = m_stopDeadline;
-  return m_stopRequested;
+  return m_stopDeadline;
 }
 
 void MqttPublisher::connect(Clock::time_point now) {
@@ -226,46 +215,51 @@ void MqttPublisher::connect(Clock::time_point now) {
   }
   const BrokerAddress& address =
       settings.addresses[m_rotation.entryToTry(brokerRoute(settings), settings.addresses.size())];
-  const std::string previous = m_broker;
-  m_broker = brokerText(address);
+  const std::string previous = m_attempt.broker;
+  m_attempt.broker = brokerText(address);
   // Every move to another entry (with a list, every attempt), so that the
   // spread of a fleet's attempts over time shows in its logs; a single
   // broker tried again and again is said once.
-  if (m_broker != previous) ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_broker);
+  if (m_attempt.broker != previous)
+    ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_attempt.broker);
   static const MqttCallbacks callbacks = {&MqttPublisher::onConnect, &MqttPublisher::onPublish, &MqttPublisher::onLog};
   MqttStartFailure failure;
-  m_client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,
-                                 static_cast<int>(kInFlight), failure);
-  if (m_client == nullptr) {
-    const std::string where = failure.step == MqttStartFailure::kMake    ? "cannot make an MQTT client"
-                              : failure.step == MqttStartFailure::kSetUp ? "cannot connect to broker " + m_broker
-                                                                         : "cannot reach broker " + m_broker;
+  m_attempt.client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,
+                                         static_cast<int>(kInFlight), failure);
+  if (m_attempt.client == nullptr) {
+    const std::string where = failure.step == MqttStartFailure::kMake ? "cannot make an MQTT client"
+                              : failure.step == MqttStartFailure::kSetUp
+                                  ? "cannot connect to broker " + m_attempt.broker
+                                  : "cannot reach broker " + m_attempt.broker;
     connectionFailed(where + ": " + failure.text);
     return;
   }
-  m_connectDeadline = now + kConnectTimeout;
+  m_attempt.connectBy = now + kConnectTimeout;
 }
 
 void MqttPublisher::handOver() {
+  struct mosquitto* const client = m_attempt.client;
   int failure = MOSQ_ERR_SUCCESS;
   int failureErrno = 0;
   m_events.handOver(kInFlight, [&](const std::string& payload, int* messageId) {
-    failure = mosquitto_publish(m_client, messageId, kNotificationTopic, static_cast<int>(payload.size()),
-                                payload.data(), kQos, false);
+    failure = mosquitto_publish(client, messageId, kNotificationTopic, static_cast<int>(payload.size()), payload.data(),
+                                kQos, false);
     failureErrno = errno;
     return failure == MOSQ_ERR_SUCCESS;
   });
   if (failure != MOSQ_ERR_SUCCESS) {
-    connectionFailed("lost the connection to broker " + m_broker + ": " + mosquittoErrorText(failure, failureErrno));
+    connectionFailed("lost the connection to broker " + m_attempt.broker + ": " +
+                     mosquittoErrorText(failure, failureErrno));
   }
 }
 
 void MqttPublisher::serviceNetwork(int timeoutMs) {
   pollfd fds[2] = {{m_wakeFd, POLLIN, 0}, {-1, 0, 0}};
   nfds_t count = 1;
-  if (m_client != nullptr && mosquitto_socket(m_client) >= 0) {
-    fds[1].fd = mosquitto_socket(m_client);
-    fds[1].events = static_cast<short>(POLLIN | (mosquitto_want_write(m_client) ? POLLOUT : 0));
+  struct mosquitto* const client = m_attempt.client;
+  if (client != nullptr && mosquitto_socket(client) >= 0) {
+    fds[1].fd = mosquitto_socket(client);
+    fds[1].events = static_cast<short>(POLLIN | (mosquitto_want_write(client) ? POLLOUT : 0));
     count = 2;
   }
   if (poll(fds, count, timeoutMs) < 0) {
@@ -278,26 +272,27 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
 
   const short ready = fds[1].revents;
   int result = MOSQ_ERR_SUCCESS;
-  if ((ready & (POLLIN | POLLERR | POLLHUP)) != 0) result = mosquitto_loop_read(m_client, 1);
-  if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(m_client, 1);
-  if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(m_client);
+  if ((ready & (POLLIN | POLLERR | POLLHUP)) != 0) result = mosquitto_loop_read(client, 1);
+  if (result == MOSQ_ERR_SUCCESS && (ready & POLLOUT) != 0) result = mosquitto_loop_write(client, 1);
+  if (result == MOSQ_ERR_SUCCESS) result = mosquitto_loop_misc(client);
   const int savedErrno = errno;
   EarlyEnd earlyEnd;
-  if (m_refusedCode != 0) {  // libmosquitto also ends the loop call with an error then
-    connectionFailed("broker " + m_broker + " refused the connection: " + mosquitto_connack_string(m_refusedCode));
+  if (m_attempt.refusedCode != 0) {  // libmosquitto also ends the loop call with an error then
+    connectionFailed("broker " + m_attempt.broker +
+                     " refused the connection: " + mosquitto_connack_string(m_attempt.refusedCode));
   } else if (result != MOSQ_ERR_SUCCESS) {
-    const std::string state = m_connected ? "lost the connection to broker " : "cannot reach broker ";
-    connectionFailed(state + m_broker + ": " + mosquittoErrorText(result, savedErrno));
-  } else if (!m_connected && (ready & (POLLHUP | POLLERR)) != 0 && connectionEndedEarly(m_client, earlyEnd)) {
-    connectionFailed("cannot reach broker " + m_broker + ": " + earlyEnd.text);
+    const std::string state = m_attempt.connected ? "lost the connection to broker " : "cannot reach broker ";
+    connectionFailed(state + m_attempt.broker + ": " + mosquittoErrorText(result, savedErrno));
+  } else if (!m_attempt.connected && (ready & (POLLHUP | POLLERR)) != 0 && connectionEndedEarly(client, earlyEnd)) {
+    connectionFailed("cannot reach broker " + m_attempt.broker + ": " + earlyEnd.text);
   }
 }
 
-int MqttPublisher::pollTimeoutMs(Clock::time_point now, bool stopping, Clock::time_point deadline) const {
+int MqttPublisher::pollTimeoutMs(Clock::time_point now, std::optional<Clock::time_point> stopBy) const {
   Clock::time_point wakeAt = now + kLongestPoll;
-  if (m_client == nullptr) wakeAt = std::min(wakeAt, m_nextAttempt);
-  if (m_client != nullptr && !m_connected) wakeAt = std::min(wakeAt, m_connectDeadline);
-  if (stopping) wakeAt = std::min(wakeAt, deadline);
+  if (m_attempt.client == nullptr) wakeAt = std::min(wakeAt, m_nextAttempt);
+  if (m_attempt.client != nullptr && !m_attempt.connected) wakeAt = std::min(wakeAt, m_attempt.connectBy);
+  if (stopBy) wakeAt = std::min(wakeAt, *stopBy);
   const auto wait = std::chrono::ceil<std::chrono::milliseconds>(wakeAt - Clock::now());
   return static_cast<int>(std::max<std::chrono::milliseconds::rep>(wait.count(), 0));
 }
@@ -307,31 +302,30 @@ void MqttPublisher::connectionFailed(const std::string& what) {
   // the first since the publisher started.
   // OpenSSL's line says only that the certificate was refused; the check
   // that refused it says why.
-  const std::string certificate = m_tlsFailure.empty() ? "" : refusedBrokerCertificate();
+  const std::string& tlsFailure = m_attempt.tlsFailure;
+  const std::string certificate = tlsFailure.empty() ? "" : refusedBrokerCertificate();
   const std::string tls =
-      m_tlsFailure.empty() ? "" : " (" + m_tlsFailure + (certificate.empty() ? "" : ": " + certificate) + ")";
+      tlsFailure.empty() ? "" : " (" + tlsFailure + (certificate.empty() ? "" : ": " + certificate) + ")";
   if (!m_outageLogged) logFailure(what + tls + "; events wait until the broker can be reached");
   m_outageLogged = true;
-  m_tlsFailure.clear();
   closeClient();
   m_nextAttempt = Clock::now() + m_rotation.attemptFailed();
 }
 
 void MqttPublisher::closeClient() {
-  if (m_client != nullptr) mosquitto_destroy(m_client);
-  m_client = nullptr;
-  if (m_connected) metrics::brokerDisconnected();
-  m_connected = false;
-  m_refusedCode = 0;
+  if (m_attempt.client != nullptr) mosquitto_destroy(m_attempt.client);
+  if (m_attempt.connected) metrics::brokerDisconnected();
+  Attempt closed;
+  closed.broker = std::move(m_attempt.broker);
+  m_attempt = std::move(closed);
   m_events.takeBack();  // the next connection sends them again
 }
 
 void MqttPublisher::finish() {
-  if (m_client != nullptr && m_connected)
-    mosquitto_disconnect(m_client);  // written at once: the client is not threaded
+  if (m_attempt.client != nullptr && m_attempt.connected)
+    mosquitto_disconnect(m_attempt.client);  // written at once: the client is not threaded
   closeClient();
-  if (!m_outbox) return;
-  m_outbox->remove(m_acknowledged);
+  m_outbox.removeAcknowledged();
 }
 
 void MqttPublisher::wake() {
@@ -351,22 +345,24 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
   // libmosquitto calls this from C: nothing may unwind through it.
   try {
     auto* publisher = static_cast<MqttPublisher*>(self);
+    publisher->m_networkThread.claim();
+    Attempt& attempt = publisher->m_attempt;
     if (code != 0) {
-      publisher->m_refusedCode = code;
+      attempt.refusedCode = code;
       return;
     }
-    publisher->m_connected = true;
+    attempt.connected = true;
     publisher->m_outageLogged = false;
     publisher->m_rotation.connected();
-    const std::string& left = publisher->m_lastReached;
-    if (left.empty() || left == publisher->m_broker) {
-      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connected to broker " + publisher->m_broker);
+    std::string& lastReached = publisher->m_lastReached;
+    if (lastReached.empty() || lastReached == attempt.broker) {
+      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connected to broker " + attempt.broker);
     } else {
       // A node of the cluster is gone or was passed over: the operator's business.
-      logFailure("switched from broker " + left + " to broker " + publisher->m_broker);
+      logFailure("switched from broker " + lastReached + " to broker " + attempt.broker);
     }
-    publisher->m_lastReached = publisher->m_broker;
-    metrics::brokerConnected(publisher->m_broker, !left.empty() && left != publisher->m_broker);
+    lastReached = attempt.broker;
+    metrics::brokerConnected(attempt.broker, !lastReached.empty() && lastReached != attempt.broker);
   } catch (...) {
     // Only a log line could not be written; the connection stands.
   }
@@ -376,8 +372,8 @@ void MqttPublisher::onPublish(struct mosquitto* /*client*/, void* self, int mess
   // libmosquitto calls this from C: nothing may unwind through it.
   try {
     auto* publisher = static_cast<MqttPublisher*>(self);
-    const int64_t outboxId = publisher->m_events.acknowledge(messageId);
-    if (outboxId != 0) publisher->m_acknowledged.push_back(outboxId);
+    publisher->m_outbox.keeper().claim();
+    publisher->m_outbox.acknowledged(publisher->m_events.acknowledge(messageId));
   } catch (...) {
     // The event stays in the outbox and goes out again at the next start:
     // delivered at least once, as ever.
@@ -390,7 +386,9 @@ void MqttPublisher::onLog(struct mosquitto* /*client*/, void* self, int level, c
     // libmosquitto tells why a TLS handshake failed (host name, certificate)
     // only through its log; the first error of an attempt is the reason.
     static const char kPrefix[] = "Error: ";
-    std::string& failure = static_cast<MqttPublisher*>(self)->m_tlsFailure;
+    auto* publisher = static_cast<MqttPublisher*>(self);
+    publisher->m_networkThread.claim();
+    std::string& failure = publisher->m_attempt.tlsFailure;
     if (level != MOSQ_LOG_ERR || !failure.empty()) return;
     failure = std::strncmp(text, kPrefix, sizeof kPrefix - 1) == 0 ? text + sizeof kPrefix - 1 : text;
     if (!failure.empty() && failure.back() == '.') failure.pop_back();

@@ -4,19 +4,18 @@
 #define KSCDP_PLATFORM_STANDIN_PUBLISHER_MQTT_PUBLISHER_H_
 
 #include <chrono>
-#include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/standin/config/broker_settings.h"
 #include "platform/standin/mqtt/broker_rotation.h"
-#include "platform/standin/outbox/guest.h"
-#include "platform/standin/outbox/outbox.h"
+#include "platform/standin/publisher/outbox_side.h"
 #include "platform/standin/publisher/pending_events.h"
 #include "platform/standin/publisher/registry.h"
 #include "port/mutex.h"
+#include "port/thread_annotations.h"
+#include "port/thread_role.h"
 
 struct mosquitto;
 
@@ -79,78 +78,64 @@ class MqttPublisher final : public ForkingPublisher {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // Outbox events read at a time while the backlog loads.
-  static const size_t kBacklogPage = 1000;
+  // One connection attempt and the connection it makes. A client lives for
+  // one attempt; the next starts with a fresh one.
+  struct Attempt {
+    std::string broker;  // "host:port"; kept once the client closes, for stop()'s lines
+    struct mosquitto* client = nullptr;
+    bool connected = false;
+    int refusedCode = 0;          // non-zero: the broker answered CONNECT with this refusal
+    std::string tlsFailure;       // the first error libmosquitto logged in this attempt
+    Clock::time_point connectBy;  // when an attempt not yet accepted fails
+  };
 
   // stop(), waiting up to `grace` for acknowledgements.
-  void stopWithin(std::chrono::seconds grace);
-  // The outbox the configuration names, or null (logged unless it is
-  // "none"); when another process owns it, `guest` gets this process's guest
-  // file beside it instead.
-  static std::unique_ptr<Outbox> openOutbox(OutboxLocation& location, std::unique_ptr<GuestOutbox>& guest);
-  // How many events may wait: more with an outbox, where they wait on disk.
-  size_t capacity() const;
-  // A guest becomes the outbox's owner once the owner is gone: it opens the
-  // outbox, moves its own guest file's events in and loads the backlog.
-  // Tried every second, and when stop() is called; the network thread's.
-  void takeOverOutbox(Clock::time_point now);
-  void startOutboxAfresh(std::string found);
-  void loadBacklog();
+  void stopWithin(std::chrono::seconds grace) EXCLUDES(m_stopMutex, m_controlMutex);
+
+  // The network thread: connects, hands the queue's oldest events to the
+  // connection, services it, and keeps the outbox side up, until stop().
   void run();
-  bool stopRequested(Clock::time_point& deadline);
-  void connect(Clock::time_point now);
-  void handOver();
-  void serviceNetwork(int timeoutMs);
-  void tidyOutbox(Clock::time_point now);
-  int pollTimeoutMs(Clock::time_point now, bool stopping, Clock::time_point deadline) const;
-  void connectionFailed(const std::string& what);
-  void closeClient();
-  void finish();
+  // When stop() has asked the network thread to end by, if it has.
+  std::optional<Clock::time_point> stopDeadline() EXCLUDES(m_controlMutex);
+  void connect(Clock::time_point now) REQUIRES(m_networkThread);
+  void handOver() REQUIRES(m_networkThread);
+  void serviceNetwork(int timeoutMs) REQUIRES(m_networkThread);
+  int pollTimeoutMs(Clock::time_point now, std::optional<Clock::time_point> stopBy) const REQUIRES(m_networkThread);
+  void connectionFailed(const std::string& what) REQUIRES(m_networkThread);
+  void closeClient() REQUIRES(m_networkThread);
+  void finish() REQUIRES(m_networkThread, m_outbox.keeper());
   void wake();
   void drainWakeups();
 
+  // libmosquitto calls these from the network thread's loop calls.
   static void onConnect(struct mosquitto* client, void* self, int code);
   static void onPublish(struct mosquitto* client, void* self, int messageId);
   static void onLog(struct mosquitto* client, void* self, int level, const char* text);
 
-  // Where accepted events are stored: m_outbox when this process owns the
-  // outbox, m_guest while another does (its owner sends them), neither
-  // without one. Set in the constructor (m_guest first, declared first), then
-  // changed only under m_controlMutex by the network thread (damage, taking
-  // over) and by stop() once that thread is gone. publish() reads them under
-  // the lock; the network thread, their only other writer, without it.
-  // m_outboxLocation, set in the constructor, is where both live.
-  OutboxLocation m_outboxLocation;
-  std::unique_ptr<GuestOutbox> m_guest;
-  std::unique_ptr<Outbox> m_outbox;
-  PendingEvents m_events;
-  const int m_wakeFd;  // eventfd: publish() and stop() wake the network thread through it
+  // Lock order: m_stopMutex, m_controlMutex, then m_outbox's lock and
+  // m_events' own.
+  OutboxSide m_outbox;     // locks itself; its keeper is the network thread
+  PendingEvents m_events;  // locks itself
+  const int m_wakeFd;      // eventfd: publish() and stop() wake the network thread through it
 
+  // Held by publish() from its checks until the event is queued, so that an
+  // event is either refused or seen by the network thread before it ends.
   port::Mutex m_controlMutex;
-  bool m_stopRequested GUARDED_BY(m_controlMutex) = false;
-  Clock::time_point m_stopDeadline GUARDED_BY(m_controlMutex);
+  // Set by stop(): the network thread ends once the queue is empty, or then.
+  std::optional<Clock::time_point> m_stopDeadline GUARDED_BY(m_controlMutex);
   bool m_refusalLogged GUARDED_BY(m_controlMutex) = false;  // one log line per run of refusals
   bool m_threadEnded GUARDED_BY(m_controlMutex) = false;    // the network thread ended on a failure
 
   port::Mutex m_stopMutex;  // serialises stop()
-  std::thread m_network;
+  std::thread m_network GUARDED_BY(m_stopMutex);
 
-  // Owned by the network thread. A client lives for one connection attempt
-  // and the connection it makes; the next attempt starts with a fresh one.
-  struct mosquitto* m_client = nullptr;
-  std::string m_broker;       // "host:port" of the current or last attempt; read by stop() after the join
-  std::string m_lastReached;  // "host:port" of the last connection made; empty before the first
-  BrokerRotation m_rotation;
-  bool m_connected = false;
-  int m_refusedCode = 0;  // non-zero: the broker answered CONNECT with this refusal
-  bool m_outageLogged = false;
-  std::string m_tlsFailure;             // the first error libmosquitto logged in this attempt
-  std::vector<int64_t> m_acknowledged;  // outbox ids of acknowledged events, removed in batches
-  Clock::time_point m_nextRemoval;
-  Clock::time_point m_nextCheckpoint;
-  Clock::time_point m_nextAdoption;
-  Clock::time_point m_connectDeadline;
-  Clock::time_point m_nextAttempt;
+  // The network thread's, and the stopper's once it has joined that thread.
+  port::ThreadRole m_networkThread;
+  Attempt m_attempt GUARDED_BY(m_networkThread);
+  std::string m_lastReached GUARDED_BY(m_networkThread);  // "host:port" of the last connection made
+  BrokerRotation m_rotation GUARDED_BY(m_networkThread);
+  bool m_outageLogged GUARDED_BY(m_networkThread) = false;
+  Clock::time_point m_nextAttempt GUARDED_BY(m_networkThread);
 };
 
 }  // namespace standin

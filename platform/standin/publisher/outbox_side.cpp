@@ -1,14 +1,17 @@
-// The publisher's side of the outbox: which one it uses, the backlog an
-// earlier run left there, and its housekeeping while events flow.
-#include <string>
-#include <vector>
+#include "platform/standin/publisher/outbox_side.h"
+
+#include <utility>
 
 #include "platform/ksu_log.h"
 #include "platform/standin/config/outbox_settings.h"
-#include "platform/standin/publisher/mqtt_publisher.h"
 
 namespace standin {
 namespace {
+
+const size_t kMemoryCapacity = 10000;
+const size_t kOutboxCapacity = 100000;
+// Outbox events read at a time while the backlog loads.
+const size_t kBacklogPage = 1000;
 
 const std::chrono::seconds kCheckpointInterval(1);  // how far the outbox's disk copy may lag behind
 const std::chrono::seconds kAdoptionInterval(1);    // how long a guest's event may wait for its owner
@@ -24,80 +27,113 @@ void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLog
 
 }  // namespace
 
-// The outbox the configuration names, or null (logged unless it is "none").
-// When another process owns it, `guest` gets this process's guest file
-// beside it instead, and `location` keeps its checked directory.
-std::unique_ptr<Outbox> MqttPublisher::openOutbox(OutboxLocation& location, std::unique_ptr<GuestOutbox>& guest) {
+OutboxSide::OutboxSide() : OutboxSide(openConfigured()) {}
+
+OutboxSide::OutboxSide(Stores stores)
+    : m_capacity(stores.outbox || stores.guest ? kOutboxCapacity : kMemoryCapacity),
+      m_location(std::move(stores.location)),
+      m_guest(std::move(stores.guest)),
+      m_outbox(std::move(stores.outbox)) {}
+
+OutboxSide::Stores OutboxSide::openConfigured() {
+  Stores stores;
   std::string path;
   std::string error;
   if (!readOutboxPath(path, error)) {
     logFailure("cannot tell where the outbox is: " + error + "; alerts wait in memory only");
-    return nullptr;
+    return stores;
   }
-  if (path.empty()) return nullptr;
-  if (!locateOutbox(path, location, error)) {
+  if (path.empty()) return stores;
+  if (!locateOutbox(path, stores.location, error)) {
     logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
-    return nullptr;
+    return stores;
   }
   bool fullSync = true;
   if (!readOutboxSync(fullSync, error)) logFailure(error + "; every alert is synced to the disk meanwhile");
   bool ownedElsewhere = false;
-  std::unique_ptr<Outbox> outbox = Outbox::open(location, fullSync, error, ownedElsewhere);
-  if (outbox) return outbox;
+  stores.outbox = Outbox::open(stores.location, fullSync, error, ownedElsewhere);
+  if (stores.outbox) return stores;
   if (ownedElsewhere) {
     const std::string why = error;
-    guest = GuestOutbox::open(location, fullSync, error);
-    if (guest) {
+    stores.guest = GuestOutbox::open(stores.location, fullSync, error);
+    if (stores.guest) {
       ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                     "the outbox " + path + " is not this process's (" + why + "): alerts wait in " + guest->path() +
-                         " until its owner sends them");
-      return nullptr;
+                     "the outbox " + path + " is not this process's (" + why + "): alerts wait in " +
+                         stores.guest->path() + " until its owner sends them");
+      return stores;
     }
   }
   logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
-  return nullptr;
+  return stores;
 }
 
-void MqttPublisher::startOutboxAfresh(std::string found) {
-  port::MutexLock lock(m_controlMutex);
+OutboxSide::Stored OutboxSide::accept(std::string payload, PendingEvents& events) {
+  port::MutexLock lock(m_mutex);
+  if (m_guest && m_guest->append(payload)) return Stored::kInGuest;
+  if (events.full()) return Stored::kFull;
+  const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
+  events.push(std::move(payload), outboxId);
+  return Stored::kQueued;
+}
+
+std::string OutboxSide::ownedOutboxPath() const {
+  port::MutexLock lock(m_mutex);
+  return m_outbox ? m_outbox->path() : std::string();
+}
+
+Outbox* OutboxSide::owned() const {
+  port::MutexLock lock(m_mutex);
+  return m_outbox.get();
+}
+
+void OutboxSide::startAfresh(std::string found, PendingEvents& events) {
+  port::MutexLock lock(m_mutex);
   const std::string path = m_outbox->path();
   if (!m_outbox->startAfreshAsDamaged(found)) {
     logFailure("cannot use the outbox " + path + ": " + found + "; alerts wait in memory only");
     m_outbox.reset();
   }
   // What this publisher stored went with the damaged file: store it again.
-  m_events.storeHeldAgain([this](const std::string& payload)
-                              NO_THREAD_SAFETY_ANALYSIS { return m_outbox ? m_outbox->append(payload) : 0; });
+  events.storeHeldAgain([this](const std::string& payload)
+                            NO_THREAD_SAFETY_ANALYSIS { return m_outbox ? m_outbox->append(payload) : 0; });
 }
 
-void MqttPublisher::loadBacklog() {
+void OutboxSide::loadBacklog(PendingEvents& events) {
   // The whole file is checked here rather than when it is opened, since
   // reading it all takes longer than an alert may wait.
-  if (m_outbox) {
-    const std::string damage = m_outbox->checkWhole();
-    if (!damage.empty()) startOutboxAfresh(damage);
+  if (Outbox* outbox = owned()) {
+    const std::string damage = outbox->checkWhole();
+    if (!damage.empty()) startAfresh(damage, events);
   }
-  // Pages are read without the control lock, so that an alert raised
-  // meanwhile waits for its own append only, and queued under it, which
-  // publish() holds across its append and push. Only this process writes the
-  // outbox's events: a row from the first id pushed meanwhile on is held.
+  // Pages are read without m_mutex, so that an alert raised meanwhile waits
+  // for its own append only, and queued under it, which accept() holds
+  // across its append and push. Only this process writes the outbox's
+  // events: a row from the first id pushed meanwhile on is held.
+  Outbox* const outbox = owned();
   size_t backlog = 0;
-  for (int64_t last = 0; m_outbox;) {
-    const std::vector<Outbox::Event> page = m_outbox->waiting(last, kBacklogPage);
-    port::MutexLock lock(m_controlMutex);
-    const size_t queued = m_events.queueBacklog(page);
+  for (int64_t last = 0; outbox != nullptr;) {
+    const std::vector<Outbox::Event> page = outbox->waiting(last, kBacklogPage);
+    port::MutexLock lock(m_mutex);
+    const size_t queued = events.queueBacklog(page);
     backlog += queued;
     if (page.size() < kBacklogPage || queued < page.size()) break;
     last = page.back().id;
   }
-  m_events.releaseHeld();
+  events.releaseHeld();
   if (backlog > 0) {
     ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                   std::to_string(backlog) + " events waiting in the outbox " + m_outbox->path() + " go out first");
+                   std::to_string(backlog) + " events waiting in the outbox " + outbox->path() + " go out first");
   }
 }
 
-void MqttPublisher::takeOverOutbox(Clock::time_point now) {
+void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingEvents& events) {
+  {
+    port::MutexLock lock(m_mutex);
+    if (!m_guest) return;
+  }
+  // A guest that is stopping tries at once: its events then go out within
+  // the grace, rather than waiting for the next owner.
+  if (!stopping && now < m_nextAdoption) return;
   m_nextAdoption = now + kAdoptionInterval;
   std::string error;
   bool fullSync = true;
@@ -105,38 +141,64 @@ void MqttPublisher::takeOverOutbox(Clock::time_point now) {
   readOutboxSync(fullSync, error);
   // The outbox beside the guest file, through the directory checked when
   // the guest file was opened.
-  std::unique_ptr<Outbox> outbox = Outbox::open(m_outboxLocation, fullSync, error, ownedElsewhere);
+  std::unique_ptr<Outbox> outbox = Outbox::open(m_location, fullSync, error, ownedElsewhere);
   if (!outbox) return;  // still another's, or not usable: the guest file serves meanwhile
   {
     // Alerts wait meanwhile, so that none goes to the guest file after its
     // last events were moved out of it.
-    port::MutexLock lock(m_controlMutex);
+    port::MutexLock lock(m_mutex);
     m_guest.reset();
     outbox->adoptGuests();
     m_outbox = std::move(outbox);
-    m_events.holdForBacklog();
+    events.holdForBacklog();
   }
   ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                 "the outbox " + m_outboxLocation.path() + " is this process's now: its events go out from here");
-  loadBacklog();
+                 "the outbox " + m_location.path() + " is this process's now: its events go out from here");
+  loadBacklog(events);
 }
 
-void MqttPublisher::tidyOutbox(Clock::time_point now) {
-  if (!m_outbox) return;
+void OutboxSide::tidy(Clock::time_point now, PendingEvents& events) {
+  Outbox* const outbox = owned();
+  if (outbox == nullptr) return;
   if (now >= m_nextAdoption) {
-    std::vector<Outbox::Event> adopted = m_outbox->adoptGuests();
-    port::MutexLock lock(m_controlMutex);
-    for (Outbox::Event& event : adopted) m_events.push(std::move(event.payload), event.id, acceptedAt(event.raised));
+    std::vector<Outbox::Event> adopted = outbox->adoptGuests();
+    port::MutexLock lock(m_mutex);
+    for (Outbox::Event& event : adopted) events.push(std::move(event.payload), event.id, acceptedAt(event.raised));
     m_nextAdoption = now + kAdoptionInterval;
   }
   if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
-    m_outbox->remove(m_acknowledged);
+    outbox->remove(m_acknowledged);
     m_acknowledged.clear();
     m_nextRemoval = now + kRemovalInterval;
   }
-  if (now < m_nextCheckpoint && !m_outbox->walPastBound()) return;
-  m_outbox->requestCheckpoint();
+  if (now < m_nextCheckpoint && !outbox->walPastBound()) return;
+  outbox->requestCheckpoint();
   m_nextCheckpoint = now + kCheckpointInterval;
+}
+
+void OutboxSide::acknowledged(int64_t outboxId) {
+  if (outboxId != 0) m_acknowledged.push_back(outboxId);
+}
+
+void OutboxSide::removeAcknowledged() {
+  if (Outbox* outbox = owned()) outbox->remove(m_acknowledged);
+  m_acknowledged.clear();
+}
+
+void OutboxSide::close() {
+  port::MutexLock lock(m_mutex);
+  m_outbox.reset();
+  m_guest.reset();
+}
+
+void OutboxSide::holdForFork() NO_THREAD_SAFETY_ANALYSIS {
+  m_mutex.lock();
+  if (m_outbox) m_outbox->holdForFork();
+}
+
+void OutboxSide::releaseAfterFork(bool inChild) NO_THREAD_SAFETY_ANALYSIS {
+  if (m_outbox) m_outbox->releaseAfterFork(inChild);
+  m_mutex.unlock();
 }
 
 }  // namespace standin
