@@ -167,6 +167,24 @@ TEST_F(MetricsFileTest, WaitingAlertsWithTheBrokerAway) {
   expectOnlyTheFileLeft();
 }
 
+// A publisher that loses its broker and reaches the next of the list counts
+// one switch, and names the broker it is connected to.
+TEST_F(MetricsFileTest, ASwitchToTheNextBrokerIsCounted) {
+  testbed::MosquittoBroker second;
+  testbed::MqttSubscriber secondSubscriber{second.port(), kTopic};
+  integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + m_broker.address() + ", " +
+                           second.address() + "\noutbox = none\nmetrics_file = " + m_file + "\nmetrics_interval = 1\n");
+  ASSERT_EQ(m_library.raise_backup_alert(vmId(400).c_str(), 501, ""), 0);
+  ASSERT_EQ(m_subscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  m_broker.stop();
+  ASSERT_EQ(m_library.raise_backup_alert(vmId(401).c_str(), 501, ""), 0);
+  ASSERT_EQ(secondSubscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  ASSERT_EQ(m_library.stop_alert_thread(), 0);
+  Samples metrics = readMetrics(m_file);
+  EXPECT_EQ(metrics["kscdp_broker_switches_total{}"], 1);
+  EXPECT_EQ(metrics.count("kscdp_broker_connected{broker=\"" + second.address() + "\"}"), 1u);
+}
+
 // A file that cannot be written is said once in the log, with what to do,
 // however many rewrites fail; alerts flow as ever.
 TEST_F(MetricsFileTest, AFileThatCannotBeWrittenIsLoggedOnce) {

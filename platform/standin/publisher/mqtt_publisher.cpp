@@ -361,8 +361,8 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
       // A node of the cluster is gone or was passed over: the operator's business.
       logFailure("switched from broker " + lastReached + " to broker " + attempt.broker);
     }
-    lastReached = attempt.broker;
     metrics::brokerConnected(attempt.broker, !lastReached.empty() && lastReached != attempt.broker);
+    lastReached = attempt.broker;
   } catch (...) {
     // Only a log line could not be written; the connection stands.
   }
