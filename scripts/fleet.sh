@@ -53,16 +53,19 @@
 # 20% of a share is one engine), and 0 otherwise.
 #
 #   scripts/fleet.sh [BUILD_DIR]
-#   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_ALERTS_PER_POLL (5),
-#   FLEET_JOB_SECONDS (4), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq),
+#   FLEET_ENGINES (20), FLEET_VMS per engine (5), FLEET_JOB_SECONDS (4, and
+#   one more for each 25 engines past 100, so that the engines started first
+#   are still at work when the last start: 500 take about 14 s to start
+#   here), FLEET_ALERTS_PER_POLL (20 / FLEET_JOB_SECONDS, at least 1: about 50
+#   alerts an engine), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq),
 #   FLEET_ORDER (spread or written), FLEET_BOUNDS (0 or 1)
 set -euo pipefail
 
 build=${1:-build}
 engines=${FLEET_ENGINES:-20}
 vms=${FLEET_VMS:-5}
-alerts_per_poll=${FLEET_ALERTS_PER_POLL:-5}
-job_seconds=${FLEET_JOB_SECONDS:-4}
+job_seconds=${FLEET_JOB_SECONDS:-$((engines > 100 ? 4 + (engines - 100) / 25 : 4))}
+alerts_per_poll=${FLEET_ALERTS_PER_POLL:-$((job_seconds < 20 ? 20 / job_seconds : 1))}
 bound=${FLEET_SECONDS:-120}
 brokers=${FLEET_BROKERS:-mosquitto}
 order=${FLEET_ORDER:-spread}
@@ -150,6 +153,19 @@ for n in "${subscribed[@]}"; do
 done
 
 echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers ($order); files in $work"
+# Every half second, from before the first engine starts until the last has
+# ended: the alerts waiting, the connections on each node, and what the nodes
+# and the engines spend.
+nodes=()
+for n in "${!broker_port[@]}"; do
+  if [[ "$brokers" == rabbitmq ]]; then node_pid=$(rabbit_vm "$n"); else node_pid=${broker_pid[$n]}; fi
+  nodes+=("${broker_port[$n]}:${node_pid:-0}")
+done
+: >"$work/engine-pids"
+/usr/bin/python3 "$(dirname "$0")/fleet_sampler.py" "$work" "$work/engine-pids" "$engines" "${nodes[@]}" &
+sampler_pid=$!
+pids+=($!)
+
 engine_pids=()
 run_started=$(date +%s.%N)
 for i in $(seq "$engines"); do
@@ -175,19 +191,8 @@ CONF
     --alert-times "$dir/alert-times.tsv" >"$dir/engine.out" 2>&1 &
   engine_pids+=($!)
   pids+=($!)
+  echo "$!" >>"$work/engine-pids"
 done
-
-# Every half second: the alerts waiting, the connections on each node, and
-# what the nodes and the engines spend.
-printf '%s\n' "${engine_pids[@]}" >"$work/engine-pids"
-nodes=()
-for n in "${!broker_port[@]}"; do
-  if [[ "$brokers" == rabbitmq ]]; then node_pid=$(rabbit_vm "$n"); else node_pid=${broker_pid[$n]}; fi
-  nodes+=("${broker_port[$n]}:${node_pid:-0}")
-done
-/usr/bin/python3 "$(dirname "$0")/fleet_sampler.py" "$work" "$work/engine-pids" "${nodes[@]}" &
-sampler_pid=$!
-pids+=($!)
 
 # Half the engines hold a connection (the sampler's last count on the
 # nodes' ports, the subscribers' left out): each connects once its first

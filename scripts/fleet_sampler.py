@@ -1,12 +1,14 @@
 #!/usr/bin/python3
-"""The fleet's sampler: every half second, until the engines of ENGINE_PIDS
-have all exited, what the run's report and picture need and cannot ask afterwards.
+"""The fleet's sampler: every half second, until ENGINES engines have been
+listed in ENGINE_PIDS and all have exited, what the run's report and picture
+need and cannot ask afterwards.
 
-  fleet_sampler.py WORK ENGINE_PIDS NODE...
+  fleet_sampler.py WORK ENGINE_PIDS ENGINES NODE...
 
 NODE is "<port>:<pid>" for each broker node in order (1, 2, 3): the port its
 engines reach it on and the process whose CPU it spends. ENGINE_PIDS is a
-file of the engine simulators' process ids, one a line. Appends a line a
+file of the engine simulators' process ids, one a line, appended to as they
+start. Appends a line a
 sample to each of, in WORK (times are seconds since the epoch):
 
   waiting.tsv      <time> <alerts waiting across the engines' metrics files>
@@ -82,11 +84,16 @@ def alerts_waiting(work):
     return total
 
 
-def main(work, pid_file, nodes):
+def listed_engines(pid_file):
+    """The process ids in the file so far; a line being written is left for the next read."""
+    with open(pid_file, encoding="ascii") as text:
+        lines = text.read().split("\n")
+    return [line for line in lines[:-1] if line.strip()]
+
+
+def main(work, pid_file, engine_count, nodes):
     ports = [int(node.split(":")[0]) for node in nodes]
     broker_pids = [node.split(":")[1] for node in nodes]
-    with open(pid_file, encoding="ascii") as lines:
-        engines = [line.strip() for line in lines if line.strip()]
     last = {}
     broker_cpu = [0.0] * len(nodes)
     with open(os.path.join(work, "waiting.tsv"), "a", encoding="ascii") as waiting, \
@@ -100,6 +107,7 @@ def main(work, pid_file, nodes):
                 spent = cpu_seconds(pid)
                 broker_cpu[n] = broker_cpu[n] if spent is None else spent
             brokers.write(f"{now:.3f} {' '.join(f'{spent:.2f}' for spent in broker_cpu)}\n")
+            engines = listed_engines(pid_file)
             alive = 0
             for pid in engines:
                 spent, memory = cpu_seconds(pid), resident_kib(pid)
@@ -113,12 +121,12 @@ def main(work, pid_file, nodes):
             os.replace(os.path.join(work, "engines.tsv.new"), os.path.join(work, "engines.tsv"))
             for stream in (waiting, connections, brokers):
                 stream.flush()
-            if alive == 0:
+            if alive == 0 and len(engines) >= engine_count:
                 return
             time.sleep(max(0.0, INTERVAL - (time.time() - now)))
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 4:
+    if len(sys.argv) < 5:
         sys.exit(__doc__)
-    main(sys.argv[1], sys.argv[2], sys.argv[3:])
+    main(sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4:])
