@@ -168,21 +168,14 @@ pids+=($!)
 
 engine_pids=()
 run_started=$(date +%s.%N)
+# Folders first, then each engine's file written with a builtin: hundreds of
+# engines start one after the other.
+seq -f "$work/engine-%g" "$engines" | xargs mkdir
 for i in $(seq "$engines"); do
   dir="$work/engine-$i"
-  mkdir -p "$dir"
-  cat >"$dir/keepstone.conf" <<CONF
-server = 127.0.0.1
-host_name = fleet-engine-$i
-rest_url = $master_url
-ksqd_url = $master_url
-broker = $engine_brokers
-broker_order = $order
-outbox = $dir/outbox.db
-http_timeout = 10
-metrics_file = $dir/metrics.prom
-metrics_interval = 1
-CONF
+  printf '%s\n' "server = 127.0.0.1" "host_name = fleet-engine-$i" "rest_url = $master_url" "ksqd_url = $master_url" \
+    "broker = $engine_brokers" "broker_order = $order" "outbox = $dir/outbox.db" "http_timeout = 10" \
+    "metrics_file = $dir/metrics.prom" "metrics_interval = 1" >"$dir/keepstone.conf"
   # The library of this build tree, by path: a sanitizer's dlopen does not
   # see the simulator's RUNPATH.
   KEEPSTONE_CONF="$dir/keepstone.conf" KSU_LOG_FILE="$dir/kscdp.log" \

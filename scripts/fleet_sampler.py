@@ -24,11 +24,10 @@ import os
 import sys
 import time
 
-from prometheus_client.parser import text_string_to_metric_families
-
 INTERVAL = 0.5
 CLOCK_TICKS = os.sysconf("SC_CLK_TCK")
 ESTABLISHED = "01"
+WAITING = "kscdp_alerts_waiting "
 
 
 def cpu_seconds(pid):
@@ -73,14 +72,19 @@ def established_by_port(ports):
 
 
 def alerts_waiting(work):
+    """The kscdp_alerts_waiting samples of the engines' metrics files, summed.
+    Read line by line, not parsed whole: hundreds of files every half second
+    must not cost the run a core."""
     total = 0.0
     for path in glob.glob(os.path.join(work, "engine-*", "metrics.prom")):
         try:
-            with open(path, encoding="utf-8") as text:
-                for family in text_string_to_metric_families(text.read()):
-                    total += sum(s.value for s in family.samples if s.name == "kscdp_alerts_waiting")
+            with open(path, encoding="utf-8") as lines:
+                for line in lines:
+                    if line.startswith(WAITING):
+                        total += float(line[len(WAITING):])
+                        break
         except (OSError, ValueError):
-            continue  # being replaced, or an engine that has not written one yet
+            continue  # an engine that has not written one yet
     return total
 
 
