@@ -26,8 +26,9 @@
 # Connections per node are the engines' established connections on each
 # node's port (the subscribers' left out), in the order of the nodes, just
 # before the stop and when the survivors held the most within 1 to 6 s after
-# it; <k> is how many the stopped node held, and the attempts are the
-# engines' log lines "connecting to broker" after the stop. FLEET_ORDER sets
+# it; <k> is how many engines the stopped node held (by their logs: their
+# last connection before the stop was to it), and the attempts are their log
+# lines "connecting to broker" after the stop. FLEET_ORDER sets
 # the engines' broker_order: spread (the default: each engine starts at a
 # node chosen from its host name, fleet-engine-N) or written.
 #

@@ -33,6 +33,9 @@ import time
 from prometheus_client.parser import text_string_to_metric_families
 
 ATTEMPT = " NotificationSupplier: connecting to broker "
+CONNECTED = " NotificationSupplier: connected to broker "
+SWITCHED = " to broker "  # in "NotificationSupplier: switched from broker A to broker B"
+STOPPING = " stop_alert_thread: "
 WINDOW = 0.1  # seconds
 SETTLING = (1.0, 6.0)  # seconds after the stop in which the survivors' connections are read
 SHARE_TOLERANCE = 0.2
@@ -120,17 +123,31 @@ def log_time(line):
         return None
 
 
-def attempts_after(work, stopped):
-    """Sorted times of the engines' connection attempts after the stop."""
+def held_engines_attempts(work, stopped, node):
+    """The attempts after the stop of the engines that held a connection to
+    `node` ("host:port") when it stopped: their number, and the sorted times
+    of their attempts. An engine held it when its last connection before the
+    stop was to the node and its alert thread had not stopped."""
+    held = 0
     times = []
     for path in glob.glob(os.path.join(work, "engine-*", "kscdp.log")):
+        reached, attempts = None, []
         with open(path, encoding="utf-8", errors="replace") as lines:
             for line in lines:
-                if ATTEMPT in line:
-                    stamp = log_time(line)
-                    if stamp is not None and stamp >= stopped:
-                        times.append(stamp)
-    return sorted(times)
+                stamp = log_time(line)
+                if stamp is None:
+                    continue
+                if stamp < stopped:
+                    if CONNECTED in line or " NotificationSupplier: switched from broker " in line:
+                        reached = line.rstrip("\n").rpartition(SWITCHED if "switched" in line else CONNECTED)[2]
+                    elif STOPPING in line:
+                        reached = None
+                elif ATTEMPT in line:
+                    attempts.append(stamp)
+        if reached == node:
+            held += 1
+            times.extend(attempts)
+    return held, sorted(times)
 
 
 def most_in_window(times):
@@ -231,8 +248,8 @@ def main(work, started, stopped, stopped_node, check_bounds, node_specs):
     connections = engine_connections(work, subscribers)
     before, after = before_and_after(connections, stopped)
     print(f"fleet: connections per node before {' '.join(map(str, before))}; after {' '.join(map(str, after))}")
-    held = before[stopped_node - 1] if before else 0
-    most = most_in_window(attempts_after(work, stopped))
+    held, attempts = held_engines_attempts(work, stopped, nodes[stopped_node - 1])
+    most = most_in_window(attempts)
     print(f"fleet: most connection attempts in 100 ms after the kill {most} of {held} engines")
 
     raised = raise_times(work)
