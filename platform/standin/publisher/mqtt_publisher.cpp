@@ -124,7 +124,10 @@ int MqttPublisher::publish(std::string payload) {
       return kRefusedQueueFull;
     }
     m_refusalLogged = false;
-    if (stored == OutboxSide::Stored::kInGuest) return kQueued;  // the outbox's owner sends it
+    // Otherwise the network thread need not turn for this event: it hands
+    // it over after those it holds, when an acknowledgement or a connection
+    // wakes it, or the outbox's owner sends it.
+    if (stored != OutboxSide::Stored::kQueuedForIdle) return kQueued;
   }
   wake();
   return kQueued;

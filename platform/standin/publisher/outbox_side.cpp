@@ -72,8 +72,7 @@ OutboxSide::Stored OutboxSide::accept(std::string payload, PendingEvents& events
   if (m_guest && m_guest->append(payload)) return Stored::kInGuest;
   if (events.full()) return Stored::kFull;
   const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-  events.push(std::move(payload), outboxId);
-  return Stored::kQueued;
+  return events.push(std::move(payload), outboxId) ? Stored::kQueuedForIdle : Stored::kQueued;
 }
 
 std::string OutboxSide::ownedOutboxPath() const {

@@ -44,9 +44,10 @@ class OutboxSide {
   using Clock = PendingEvents::Clock;
 
   enum class Stored {
-    kQueued,   // on `events`, and in the outbox when this process owns it
-    kInGuest,  // in the guest file: the outbox's owner sends it
-    kFull,     // refused: capacity() events are waiting
+    kQueued,         // on `events`, and in the outbox when this process owns it
+    kQueuedForIdle,  // as kQueued, and the connection had taken every earlier event: wake it
+    kInGuest,        // in the guest file: the outbox's owner sends it
+    kFull,           // refused: capacity() events are waiting
   };
 
   // Opens the store the configuration names (logged unless it is "none").

@@ -22,15 +22,16 @@ std::chrono::steady_clock::time_point acceptedAt(int64_t raised) {
   return age > 0 ? now - std::chrono::seconds(age) : now;
 }
 
-void PendingEvents::push(std::string payload, int64_t outboxId, Clock::time_point accepted) {
+bool PendingEvents::push(std::string payload, int64_t outboxId, Clock::time_point accepted) {
   port::MutexLock lock(m_mutex);
-  Event event{std::move(payload), outboxId, 0, accepted};
   if (!m_holding) {
-    m_events.push_back(std::move(event));
-    return;
+    const bool allTaken = m_handedOver == m_events.size();
+    m_events.push_back(Event{std::move(payload), outboxId, 0, accepted});
+    return allTaken;
   }
   if (m_firstHeldId == 0) m_firstHeldId = outboxId;
-  m_held.push_back(std::move(event));
+  m_held.push_back(Event{std::move(payload), outboxId, 0, accepted});
+  return false;
 }
 
 void PendingEvents::holdForBacklog() {

@@ -67,8 +67,11 @@ class PendingEvents : public metrics::WaitingQueue {
   // queueBacklog() take events that were accepted anyway.
   bool full() const;
   // Queues an event accepted at `accepted`: now, or when the outbox says it
-  // was raised (see acceptedAt()).
-  void push(std::string payload, int64_t outboxId, Clock::time_point accepted = Clock::now());
+  // was raised (see acceptedAt()). True when the connection had taken every
+  // earlier event: its thread, which may be waiting for work, is to be woken
+  // to hand this one over. False while events are held back: the loader
+  // queues them.
+  bool push(std::string payload, int64_t outboxId, Clock::time_point accepted = Clock::now());
 
   // Holds pushed events back from now on, until releaseHeld().
   void holdForBacklog();

@@ -119,6 +119,26 @@ TEST(PendingEvents, BacklogWaitsSinceItsEventsWereRaised) {
   }
 }
 
+// push() asks for the connection's thread only when that thread has nothing
+// else to hand over: a burst of events wakes it once, and events held back
+// for the backlog, or waiting for a connection, never.
+TEST(PendingEvents, AsksForTheConnectionOnlyWhenItHadTakenEverything) {
+  standin::PendingEvents events(10);
+  EXPECT_FALSE(events.push("held", 0));  // the loader queues it
+  events.releaseHeld();
+  EXPECT_FALSE(events.push("a", 0));  // "held" is not taken yet
+  Connection connection{10, 1, {}};
+  events.handOver(5, connection.publish());
+  EXPECT_TRUE(events.push("b", 0));
+  EXPECT_FALSE(events.push("c", 0));
+  EXPECT_FALSE(events.push("d", 0));
+  events.handOver(5, connection.publish());
+  events.acknowledge(1);
+  EXPECT_TRUE(events.push("e", 0));
+  events.takeBack();  // the connection is gone: the next one takes all again
+  EXPECT_FALSE(events.push("f", 0));
+}
+
 // A connection owes an acknowledgement from the oldest hand-over, or from the
 // last acknowledgement when that came later; nothing once all are done or
 // taken back.
