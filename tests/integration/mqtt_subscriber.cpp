@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <set>
 #include <stdexcept>
 
@@ -56,6 +57,19 @@ MqttSubscriber::Messages MqttSubscriber::waitUntil(const std::function<bool(cons
 
 MqttSubscriber::Messages MqttSubscriber::waitForCount(size_t count, std::chrono::milliseconds timeout) {
   return waitUntil([count](const Messages& messages) { return messages.size() >= count; }, timeout);
+}
+
+MqttSubscriber::Messages MqttSubscriber::waitForCountAfter(size_t skipped, size_t count,
+                                                           std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, timeout, [&] { return m_messages.size() >= skipped + count; });
+  if (m_messages.size() <= skipped) return {};
+  return Messages(m_messages.begin() + static_cast<std::ptrdiff_t>(skipped), m_messages.end());
+}
+
+size_t MqttSubscriber::received() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_messages.size();
 }
 
 MqttSubscriber::Messages MqttSubscriber::waitForDistinct(size_t count, std::chrono::milliseconds timeout) {

@@ -36,6 +36,11 @@ class MqttSubscriber {
   Messages waitForCount(size_t count, std::chrono::milliseconds timeout);
   // Waits for at least `count` distinct payloads.
   Messages waitForDistinct(size_t count, std::chrono::milliseconds timeout);
+  // Waits for at least `count` payloads after the first `skipped`; returns
+  // those that came after the first `skipped`, without copying the others.
+  Messages waitForCountAfter(size_t skipped, size_t count, std::chrono::milliseconds timeout);
+  // How many payloads it has received so far.
+  size_t received();
 
  private:
   static void onConnect(struct mosquitto* client, void* self, int code);
