@@ -127,7 +127,7 @@ int MqttPublisher::publish(std::string payload) {
     // Otherwise the network thread need not turn for this event: it hands
     // it over after those it holds, when an acknowledgement or a connection
     // wakes it, or the outbox's owner sends it.
-    if (stored != OutboxSide::Stored::kQueuedForIdle) return kQueued;
+    if (stored != OutboxSide::Stored::kQueuedWakeNetwork) return kQueued;
   }
   wake();
   return kQueued;

@@ -72,7 +72,11 @@ OutboxSide::Stored OutboxSide::accept(std::string payload, PendingEvents& events
   if (m_guest && m_guest->append(payload)) return Stored::kInGuest;
   if (events.full()) return Stored::kFull;
   const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-  return events.push(std::move(payload), outboxId) ? Stored::kQueuedForIdle : Stored::kQueued;
+  const bool connectionIdle = events.push(std::move(payload), outboxId);
+  // Alerts faster than the network thread's turns must not let the WAL
+  // outgrow its bound: that thread asks for the checkpoint.
+  const bool checkpointDue = m_outbox && m_outbox->walPastBound();
+  return connectionIdle || checkpointDue ? Stored::kQueuedWakeNetwork : Stored::kQueued;
 }
 
 std::string OutboxSide::ownedOutboxPath() const {

@@ -44,10 +44,12 @@ class OutboxSide {
   using Clock = PendingEvents::Clock;
 
   enum class Stored {
-    kQueued,         // on `events`, and in the outbox when this process owns it
-    kQueuedForIdle,  // as kQueued, and the connection had taken every earlier event: wake it
-    kInGuest,        // in the guest file: the outbox's owner sends it
-    kFull,           // refused: capacity() events are waiting
+    kQueued,  // on `events`, and in the outbox when this process owns it
+    // As kQueued, and the network thread has work at once: the connection
+    // had taken every earlier event, or the outbox wants a checkpoint.
+    kQueuedWakeNetwork,
+    kInGuest,  // in the guest file: the outbox's owner sends it
+    kFull,     // refused: capacity() events are waiting
   };
 
   // Opens the store the configuration names (logged unless it is "none").
