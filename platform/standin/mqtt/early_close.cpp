@@ -42,9 +42,16 @@ bool connectionEndedEarly(struct mosquitto* client, EarlyEnd& end) {
   // failure then says why.
   int unread = 0;
   if (ioctl(socket, FIONREAD, &unread) == 0 && unread > 0) return false;
-  end.error = takePendingError(socket);
-  if (end.error == 0 && !peerAcknowledgedConnect(socket)) end.error = ECONNREFUSED;
-  end.text = end.error != 0 ? std::strerror(end.error) : "the broker closed the connection before accepting it";
+  // Taken whatever follows, so that no later call on the socket reports it.
+  const int pending = takePendingError(socket);
+  if (peerAcknowledgedConnect(socket)) {
+    // With a reset or a clean end, as it happens: the same refusal.
+    end.error = 0;
+    end.text = "the broker closed the connection before accepting it";
+  } else {
+    end.error = pending != 0 ? pending : ECONNREFUSED;
+    end.text = std::strerror(end.error);
+  }
   return true;
 }
 

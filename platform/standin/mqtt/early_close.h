@@ -16,12 +16,13 @@ namespace standin {
 // True when `client`'s socket is closed or in error and holds nothing
 // unread, with why in `end`. False, `end` untouched, while the connection
 // stands, while the broker's last words wait to be read (a loop step reads
-// them and fails with their reason), or when the client has no socket. Never blocks; the thread that runs `client`'s
-// loop.
+// them and fails with their reason), or when the client has no socket.
+// Never blocks; the thread that runs `client`'s loop.
 struct EarlyEnd {
-  // The socket's pending error; ECONNREFUSED when the broker's host never
-  // acknowledged the connection request (the failed write took the error);
-  // 0 when the broker closed the connection before accepting it.
+  // 0 when the broker had acknowledged the connection request and closed
+  // the connection (reset or ended it) before accepting it. Otherwise why
+  // the connection was never made: the socket's pending error, else
+  // ECONNREFUSED (a failed write took the error).
   int error = 0;
   std::string text;  // what happened, to go inside a sentence
 };
