@@ -12,6 +12,7 @@
 #include "platform/ksu_log.h"
 #include "platform/standin/files/private_file.h"
 #include "platform/standin/outbox/descriptor_vfs.h"
+#include "platform/standin/outbox/event_reader.h"
 #include "platform/standin/outbox/guest.h"
 #include "platform/standin/outbox/outbox.h"
 #include "platform/standin/outbox/schema.h"
@@ -86,25 +87,13 @@ std::vector<Outbox::Event> Outbox::adoptGuests() {
 void Outbox::adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted) {
   const bool guestGone = flock(fd, LOCK_EX | LOCK_NB) == 0;
   sqlite3* guest = nullptr;
-  std::vector<GuestEvent> found;
+  std::vector<StoredEvent> found;
   bool readWhole = false;
   if (sqlite3_open_v2(m_location.directory->pathThroughDescriptor(name).c_str(), &guest,
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, descriptorVfs()) == SQLITE_OK) {
     sqlite3_busy_timeout(guest, kBusyTimeoutMs);
-    sqlite3_stmt* select = nullptr;
-    int code = sqlite3_prepare_v2(guest, kSelectEventsAfter, -1, &select, nullptr);
-    sqlite3_bind_int64(select, 1, 0);
-    sqlite3_bind_int64(select, 2, -1);  // no limit
-    while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
-      const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
-      found.push_back(
-          GuestEvent{sqlite3_column_int64(select, 0),
-                     std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1))),
-                     sqlite3_column_int64(select, 2)});
-      code = SQLITE_OK;
-    }
-    sqlite3_finalize(select);
-    readWhole = code == SQLITE_DONE;
+    sqlite3_limit(guest, SQLITE_LIMIT_LENGTH, kLargestEvent);  // the outbox's own cap
+    readWhole = readEvents(guest, *m_location.directory, name, 0, -1, found) == SQLITE_DONE;
   }
   // Stored here before they leave there: a failure in between sends an
   // event twice rather than losing it.
@@ -120,7 +109,7 @@ void Outbox::adoptGuest(const std::string& name, int fd, std::vector<Event>& ado
   if (guestGone && empty) unlinkat(m_location.directory->fd(), name.c_str(), 0);
 }
 
-bool Outbox::storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted) {
+bool Outbox::storeAdopted(const std::vector<StoredEvent>& events, std::vector<Event>& adopted) {
   port::MutexLock lock(m_writeMutex);
   const size_t before = adopted.size();
   int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);

@@ -13,6 +13,7 @@
 #include "platform/ksu_log.h"
 #include "platform/standin/files/private_file.h"
 #include "platform/standin/outbox/descriptor_vfs.h"
+#include "platform/standin/outbox/event_reader.h"
 #include "platform/standin/outbox/schema.h"
 
 namespace standin {
@@ -69,6 +70,7 @@ std::unique_ptr<GuestOutbox> GuestOutbox::open(const OutboxLocation& outbox, boo
                              SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, descriptorVfs());
   if (code == SQLITE_OK) {
     sqlite3_busy_timeout(guest->m_db, kBusyTimeoutMs);
+    sqlite3_limit(guest->m_db, SQLITE_LIMIT_LENGTH, kLargestEvent);  // what the owner takes
     code = sqlite3_exec(guest->m_db, setUp.c_str(), nullptr, nullptr, nullptr);
   }
   port::MutexLock lock(guest->m_mutex);

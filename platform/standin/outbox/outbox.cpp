@@ -15,6 +15,7 @@
 #include "platform/ksu_log.h"
 #include "platform/standin/files/private_file.h"
 #include "platform/standin/outbox/descriptor_vfs.h"
+#include "platform/standin/outbox/event_reader.h"
 #include "platform/standin/outbox/schema.h"
 #include "port/no_destructor.h"
 
@@ -26,8 +27,6 @@ const int kBusyTimeoutMs = 5000;  // the sqlite3 shell of an operator reading th
 // The outbox, its companions and the copies set aside hold alerts: the
 // engine's user's alone.
 const mode_t kPrivateFileMode = 0600;
-// An alert is a few hundred bytes.
-const int kLargestRow = 1024 * 1024;
 
 // WAL with synchronous NORMAL: a commit is a write() to the WAL, and only a
 // checkpoint syncs. Checkpoints are the outbox's own thread's, never an
@@ -138,8 +137,9 @@ bool openConnection(const OutboxLocation& location, sqlite3*& db, int& code, std
                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, descriptorVfs());
   if (code == SQLITE_OK) {
     sqlite3_extended_result_codes(db, 1);
-    // A row larger than this is no alert of ours; reading it fails.
-    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kLargestRow);
+    // A row larger than this is no alert of ours; reading it fails, and
+    // readEvents() sets it aside.
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, kLargestEvent);
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     return true;
   }
@@ -322,22 +322,7 @@ void Outbox::closeConnections() {
 std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
   std::vector<Event> events;
   port::MutexLock lock(m_writeMutex);  // the connection's statements run one at a time
-  sqlite3_stmt* select = nullptr;
-  int code = sqlite3_prepare_v2(m_writer, kSelectEventsAfter, -1, &select, nullptr);
-  if (code == SQLITE_OK) {
-    sqlite3_bind_int64(select, 1, static_cast<sqlite3_int64>(after));
-    sqlite3_bind_int64(select, 2, static_cast<sqlite3_int64>(limit));
-  }
-  while (code == SQLITE_OK && (code = sqlite3_step(select)) == SQLITE_ROW) {
-    const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select, 1));
-    events.push_back(
-        Event{sqlite3_column_int64(select, 0),
-              std::string(bytes != nullptr ? bytes : "", static_cast<size_t>(sqlite3_column_bytes(select, 1))),
-              sqlite3_column_int64(select, 2)});
-    code = SQLITE_OK;
-  }
-  sqlite3_finalize(select);
-  if (code != SQLITE_DONE) {
+  if (readEvents(m_writer, *m_location.directory, m_location.name, after, limit, events) != SQLITE_DONE) {
     bool logged = false;
     logFailure(logged, m_writer, "cannot read the events waiting in the outbox " + m_path,
                "; they stay there, and new events go out meanwhile");

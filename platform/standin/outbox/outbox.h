@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/standin/outbox/event_reader.h"
 #include "platform/standin/outbox/location.h"
 #include "platform/standin/outbox/stored_event.h"
 #include "port/mutex.h"
@@ -65,8 +66,9 @@ class Outbox {
   // new one could be started. No append may run meanwhile.
   bool startAfreshAsDamaged(std::string& found);
 
-  // Up to `limit` events with an id above `after`, oldest first. Empty,
-  // logged, when the outbox cannot be read. The network thread's; appends
+  // Up to `limit` events with an id above `after`, oldest first; one that
+  // cannot be read is set aside and passed over (readEvents). Empty, logged,
+  // when the outbox cannot be read. The network thread's; appends
   // may run meanwhile.
   std::vector<Event> waiting(int64_t after, int64_t limit);
   // Stores one event and returns its id, or 0 when it cannot be stored (one
@@ -123,17 +125,11 @@ class Outbox {
   // VACUUM when free pages pass their bound and the outbox holds little,
   // then a truncating checkpoint.
   void shrink() REQUIRES(m_checkpointMutex, m_writeMutex);
-  // An event as a guest stored it.
-  struct GuestEvent {
-    int64_t id;
-    std::string payload;
-    int64_t raised;
-  };
   // adoptGuests() for the guest file `name`, open as `fd`.
   void adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted);
   // Stores a guest's events here in one transaction, appending them with
   // their ids here to `adopted`; false (logged) when it cannot.
-  bool storeAdopted(const std::vector<GuestEvent>& events, std::vector<Event>& adopted);
+  bool storeAdopted(const std::vector<StoredEvent>& events, std::vector<Event>& adopted);
 
   // Opens both connections; false, with the reason in `error`, when the
   // file cannot be used, and `damaged` when that is because it is damaged.

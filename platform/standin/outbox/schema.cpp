@@ -17,6 +17,7 @@ const char kUpgradeFromVersion0[] =
 const char kInsertEvent[] = "INSERT INTO events (payload, raised) VALUES (?, ?)";
 const char kSelectEventsAfter[] = "SELECT id, payload, raised FROM events WHERE id > ?1 ORDER BY id LIMIT ?2";
 const char kDeleteEvent[] = "DELETE FROM events WHERE id = ?";
+const char kSelectIdAfter[] = "SELECT id FROM events WHERE id > ? ORDER BY id LIMIT 1";
 const char kDeleteEventsUpTo[] = "DELETE FROM events WHERE id <= ?";
 const char kAnyEvent[] = "SELECT 1 FROM events LIMIT 1";
 const char kCountWaiting[] = "SELECT count(*), min(NULLIF(raised, 0)) FROM events";

@@ -23,6 +23,9 @@ extern const char kInsertEvent[];
 extern const char kSelectEventsAfter[];
 // Binds: 1 the id.
 extern const char kDeleteEvent[];
+// Binds: 1 the id after which to look. Column: the next event's id, read
+// from the table's key alone.
+extern const char kSelectIdAfter[];
 // A row when any event waits.
 extern const char kAnyEvent[];
 // Columns: how many events wait, and when the oldest was raised (NULL when
