@@ -40,11 +40,12 @@
  * fork: a forked child starts with no publisher of its own. Its first alert
  * makes one, and its stop_alert_thread waits for that one; the parent's
  * publisher, its outbox, connection and thread stay the parent's, untouched
- * by the child. A child's accepted alerts are as durable as its parent's:
- * when the parent had the outbox open, the child stores them in a file of its
- * own beside it, which the outbox's owner sends within seconds while a broker
- * answers (or the next owner does). fork() waits until no other thread is
- * inside the library's short guards.
+ * by the child. The child's publisher sends what the child raises, and its
+ * accepted alerts are as durable as its parent's: when the parent had the
+ * outbox open, the child keeps those the broker has not yet acknowledged in a
+ * file of its own beside it, which the outbox's owner sends once the child
+ * has ended (or when the owner stops, or the next owner opens the outbox).
+ * fork() waits until no other thread is inside the library's short guards.
  *
  * Unloading: when the library is unloaded (dlclose) or the process exits
  * with an alert publisher that no stop_alert_thread took down, the publisher

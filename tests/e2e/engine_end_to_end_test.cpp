@@ -344,6 +344,25 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
          EXPECT_TRUE(alertArrives(m_subscriber, "f02"));
          EXPECT_TRUE(alertArrives(m_subscriber, "f05"));
        }},
+      {"a forked child's alert goes out before both have stopped", true,
+       [&] {
+         m_library.raise_backup_alert(vmId("f06").c_str(), 501, "");
+         const pid_t child = fork();
+         if (child == 0) {
+           m_library.raise_backup_alert(vmId("f07").c_str(), 501, "");
+           m_library.stop_alert_thread();
+           _exit(0);
+         }
+         int status = -1;
+         waitpid(child, &status, 0);
+         m_library.raise_backup_alert(vmId("f08").c_str(), 501, "");
+         m_library.stop_alert_thread();
+         // No publisher is left to send anything that waits, and the child
+         // kept nothing: its alert was acknowledged.
+         for (const char* vm : {"f06", "f07", "f08"}) EXPECT_TRUE(alertArrives(m_subscriber, vm)) << vm;
+         EXPECT_FALSE(
+             std::filesystem::exists(integration::scratchPath("e2e-outbox.db.guest-") + std::to_string(child)));
+       }},
       {"a poller cancelled inside a call", false,
        [&] {
          const LoopbackPeer silent(false);

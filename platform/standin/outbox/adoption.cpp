@@ -56,7 +56,7 @@ std::string notAGuestFile(const struct stat& status) {
 
 }  // namespace
 
-std::vector<Outbox::Event> Outbox::adoptGuests() {
+std::vector<Outbox::Event> Outbox::adoptGuests(bool liveToo) {
   std::vector<Event> adopted;
   std::set<std::pair<std::string, ino_t>> stillThere;
   for (const std::string& name : guestNames(m_location.directory->fd(), m_location.name)) {
@@ -68,7 +68,7 @@ std::vector<Outbox::Event> Outbox::adoptGuests() {
     const std::string problem =
         opened ? notAGuestFile(status) : "it cannot be opened: " + std::string(std::strerror(errno));
     if (problem.empty()) {
-      adoptGuest(name, fd, adopted);
+      adoptGuest(name, fd, liveToo, adopted);
     } else {
       const auto seen = std::make_pair(name, opened ? status.st_ino : 0);
       stillThere.insert(seen);
@@ -84,8 +84,9 @@ std::vector<Outbox::Event> Outbox::adoptGuests() {
   return adopted;
 }
 
-void Outbox::adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted) {
+void Outbox::adoptGuest(const std::string& name, int fd, bool liveToo, std::vector<Event>& adopted) {
   const bool guestGone = flock(fd, LOCK_EX | LOCK_NB) == 0;
+  if (!guestGone && !liveToo) return;  // it sends its events itself
   sqlite3* guest = nullptr;
   std::vector<StoredEvent> found;
   bool readWhole = false;

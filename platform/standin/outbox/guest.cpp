@@ -19,6 +19,7 @@
 namespace standin {
 namespace {
 
+const char kLogFunction[] = "NotificationSupplier";
 const char kGuestInfix[] = ".guest-";
 const int kBusyTimeoutMs = 5000;  // the owner moving events out
 
@@ -74,7 +75,11 @@ std::unique_ptr<GuestOutbox> GuestOutbox::open(const OutboxLocation& outbox, boo
     code = sqlite3_exec(guest->m_db, setUp.c_str(), nullptr, nullptr, nullptr);
   }
   port::MutexLock lock(guest->m_mutex);
-  if (code == SQLITE_OK) code = sqlite3_prepare_v2(guest->m_db, kInsertEvent, -1, &guest->m_insert, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(guest->m_db, kInsertEventAs, -1, &guest->m_insert, nullptr);
+  sqlite3_stmt* largest = nullptr;
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(guest->m_db, kLargestId, -1, &largest, nullptr);
+  if (code == SQLITE_OK && sqlite3_step(largest) == SQLITE_ROW) guest->m_lastId = sqlite3_column_int64(largest, 0);
+  sqlite3_finalize(largest);
   if (code != SQLITE_OK) {
     error = "cannot use " + path + ": " + (guest->m_db != nullptr ? sqlite3_errmsg(guest->m_db) : sqlite3_errstr(code));
     return nullptr;
@@ -97,24 +102,53 @@ GuestOutbox::~GuestOutbox() {
   close(m_lockFd);  // after the database: closing a descriptor of it would drop SQLite's locks
 }
 
-bool GuestOutbox::append(const std::string& payload) {
+int64_t GuestOutbox::append(const std::string& payload) {
   port::MutexLock lock(m_mutex);
+  const int64_t id = m_lastId + 1;
   sqlite3_bind_blob(m_insert, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
   sqlite3_bind_int64(m_insert, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
+  sqlite3_bind_int64(m_insert, 3, id);
   const int code = sqlite3_step(m_insert);
   sqlite3_reset(m_insert);
   sqlite3_clear_bindings(m_insert);
   if (code == SQLITE_DONE) {
     m_failing = false;
-    return true;
+    m_lastId = id;
+    return id;
   }
   if (!m_failing) {
-    ksu_logmsg_str(FAILURE_LEVEL, "NotificationSupplier",
+    ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
                    "cannot store events in " + m_path + ": " + sqlite3_errmsg(m_db) +
                        "; new events wait in memory only until it can be written again");
   }
   m_failing = true;
-  return false;
+  return 0;
+}
+
+void GuestOutbox::remove(const std::vector<int64_t>& ids) {
+  if (ids.empty()) return;
+  port::MutexLock lock(m_mutex);
+  sqlite3_stmt* remove = nullptr;
+  int code = sqlite3_exec(m_db, "BEGIN", nullptr, nullptr, nullptr);
+  if (code == SQLITE_OK) code = sqlite3_prepare_v2(m_db, kDeleteEvent, -1, &remove, nullptr);
+  for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
+    sqlite3_bind_int64(remove, 1, ids[i]);
+    code = sqlite3_step(remove) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_db);
+    sqlite3_reset(remove);
+  }
+  sqlite3_finalize(remove);
+  if (code == SQLITE_OK) code = sqlite3_exec(m_db, "COMMIT", nullptr, nullptr, nullptr);
+  if (code == SQLITE_OK) {
+    m_removeFailing = false;
+    return;
+  }
+  if (!m_removeFailing) {
+    ksu_logmsg_str(FAILURE_LEVEL, kLogFunction,
+                   "cannot remove acknowledged events from " + m_path + ": " + sqlite3_errmsg(m_db) +
+                       "; the outbox's owner may deliver them again");
+  }
+  m_removeFailing = true;
+  sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 }  // namespace standin

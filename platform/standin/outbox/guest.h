@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/standin/outbox/location.h"
 #include "port/mutex.h"
@@ -22,9 +23,12 @@ namespace standin {
 // (schema.h) that only this process writes, holding an flock on it
 // while it lives. It never opens the owner's file: a forked child shares its
 // parent's SQLite bookkeeping for that file, so a connection of its own
-// would take locks that exist only in the parent. The outbox's owner moves
-// what guests stored into its own file (Outbox::adoptGuests) and removes the
-// files of guests that are gone. An appended event is in the file, in the
+// would take locks that exist only in the parent. A guest with a publisher
+// sends its events itself and removes each the broker acknowledges, so the
+// file holds only what is still owed. The outbox's owner moves what guests
+// that are gone left into its own file (Outbox::adoptGuests), and what live
+// guests hold too when it stops, and removes the files of guests that are
+// gone. An appended event is in the file, in the
 // kernel's buffers, before append() returns, so it survives the process
 // being killed. Failures are logged at level 16 under
 // "NotificationSupplier".
@@ -42,9 +46,14 @@ class GuestOutbox {
 
   const std::string& path() const { return m_path; }
 
-  // Stores one event; true when it is stored (else logged, once per run of
-  // failures). Thread-safe.
-  bool append(const std::string& payload);
+  // Stores one event and returns its id in this file, or 0 when it cannot be
+  // stored (logged, once per run of failures). An id is never given twice,
+  // even after the owner has moved every event out. Thread-safe.
+  int64_t append(const std::string& payload);
+  // Removes the events with these ids, which the broker has acknowledged, in
+  // one transaction; those the owner moved out meanwhile are gone already.
+  // Thread-safe.
+  void remove(const std::vector<int64_t>& ids);
 
  private:
   GuestOutbox(std::shared_ptr<const PrivateDirectory> directory, std::string name, int lockFd)
@@ -60,7 +69,9 @@ class GuestOutbox {
   port::Mutex m_mutex;
   sqlite3* m_db = nullptr;
   sqlite3_stmt* m_insert GUARDED_BY(m_mutex) = nullptr;
+  int64_t m_lastId GUARDED_BY(m_mutex) = 0;  // the last id given
   bool m_failing GUARDED_BY(m_mutex) = false;
+  bool m_removeFailing GUARDED_BY(m_mutex) = false;
 };
 
 // The name of process `pid`'s guest file beside the outbox file `outboxName`.

@@ -216,7 +216,7 @@ std::unique_ptr<Outbox> Outbox::open(const OutboxLocation& location, bool fullSy
     outbox->closeConnections();  // a file it cannot use is left as it is
     return nullptr;
   }
-  outbox->adoptGuests();  // before any append: what guests left is part of the backlog
+  outbox->adoptGuests(false);  // before any append: what guests left is part of the backlog
   outbox->m_checkpointThread = std::thread(&Outbox::checkpointLoop, outbox.get());
   outbox->requestCheckpoint();  // gives back the free pages a killed process left
   return outbox;

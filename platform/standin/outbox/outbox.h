@@ -76,12 +76,14 @@ class Outbox {
   int64_t append(const std::string& payload);
   // Removes the events with these ids, in one transaction.
   void remove(const std::vector<int64_t>& ids);
-  // Moves into this outbox what guests stored beside it, and removes the
-  // files of guests that are gone. Returns the moved events under their ids
-  // here, in each guest's order; an event may be moved twice (a failure
-  // between storing it here and removing it there), never lost. The network
-  // thread's; appends may run meanwhile.
-  std::vector<Event> adoptGuests();
+  // Moves into this outbox what guests that are gone left beside it, and
+  // with `liveToo` what live guests still hold (they send their events
+  // themselves: this is for an owner that stops), and removes the files of
+  // guests that are gone. Returns the moved events under their ids here, in
+  // each guest's order; an event may be moved twice (a failure between
+  // storing it here and removing it there, or a live guest that sends it
+  // too), never lost. The network thread's; appends may run meanwhile.
+  std::vector<Event> adoptGuests(bool liveToo);
   // Asks the outbox's own thread to copy the WAL into the database and sync
   // both: the batched sync. Once the WAL has passed its bound, that thread
   // also copies what was appended meanwhile, holding appends off for that
@@ -126,7 +128,7 @@ class Outbox {
   // then a truncating checkpoint.
   void shrink() REQUIRES(m_checkpointMutex, m_writeMutex);
   // adoptGuests() for the guest file `name`, open as `fd`.
-  void adoptGuest(const std::string& name, int fd, std::vector<Event>& adopted);
+  void adoptGuest(const std::string& name, int fd, bool liveToo, std::vector<Event>& adopted);
   // Stores a guest's events here in one transaction, appending them with
   // their ids here to `adopted`; false (logged) when it cannot.
   bool storeAdopted(const std::vector<StoredEvent>& events, std::vector<Event>& adopted);

@@ -15,6 +15,8 @@ const char kUpgradeFromVersion0[] =
     "PRAGMA user_version = 1;"
     "COMMIT;";
 const char kInsertEvent[] = "INSERT INTO events (payload, raised) VALUES (?, ?)";
+const char kInsertEventAs[] = "INSERT INTO events (payload, raised, id) VALUES (?1, ?2, ?3)";
+const char kLargestId[] = "SELECT max(id) FROM events";
 const char kSelectEventsAfter[] = "SELECT id, payload, raised FROM events WHERE id > ?1 ORDER BY id LIMIT ?2";
 const char kDeleteEvent[] = "DELETE FROM events WHERE id = ?";
 const char kSelectIdAfter[] = "SELECT id FROM events WHERE id > ? ORDER BY id LIMIT 1";

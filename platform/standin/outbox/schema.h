@@ -18,6 +18,12 @@ extern const char kCreateEventsTable[];
 extern const char kUpgradeFromVersion0[];
 // Binds: 1 the payload, 2 the time it was raised.
 extern const char kInsertEvent[];
+// The same under a given id. Binds: 1 the payload, 2 the time it was
+// raised, 3 the id.
+extern const char kInsertEventAs[];
+// Column: the largest id ever in the file, as far as it shows (NULL when
+// none).
+extern const char kLargestId[];
 // Binds: 1 the id after which to start, 2 how many at most. Columns: id,
 // payload, raised.
 extern const char kSelectEventsAfter[];

@@ -126,7 +126,7 @@ int MqttPublisher::publish(std::string payload) {
     m_refusalLogged = false;
     // Otherwise the network thread need not turn for this event: it hands
     // it over after those it holds, when an acknowledgement or a connection
-    // wakes it, or the outbox's owner sends it.
+    // wakes it.
     if (stored != OutboxSide::Stored::kQueuedWakeNetwork) return kQueued;
   }
   wake();
@@ -161,7 +161,7 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
   if (undelivered.inOutbox > 0) {
     logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
-               ": they wait in the outbox " + m_outbox.ownedOutboxPath() + " for the next start");
+               ": they wait in " + m_outbox.whereStoredEventsWait());
   }
   if (undelivered.inMemoryOnly > 0) {
     logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
@@ -175,9 +175,11 @@ void MqttPublisher::run() {
   m_outbox.keeper().claim();
   try {
     m_outbox.loadBacklog(m_events);
-    for (;;) {
+    for (bool stopSeen = false;;) {
       const Clock::time_point now = Clock::now();
       const std::optional<Clock::time_point> stopBy = stopDeadline();
+      if (stopBy && !stopSeen) m_outbox.takeInLiveGuests(m_events);
+      stopSeen = stopBy.has_value();
       m_outbox.takeOverWhenFree(now, stopBy.has_value(), m_events);
       if (stopBy && (m_events.size() == 0 || now >= *stopBy)) break;
       if (m_attempt.client == nullptr) {

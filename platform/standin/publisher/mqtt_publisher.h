@@ -39,7 +39,8 @@ namespace standin {
 // earlier publisher left there goes out first. The network thread reads that
 // backlog, so neither the constructor nor publish() waits for it. While
 // another process owns the outbox (or this one was forked from its owner),
-// payloads go to a guest file beside it instead, which the owner sends; the
+// payloads are kept in a guest file beside it instead until acknowledged,
+// and still sent from here (what is left there, the owner sends); the
 // publisher becomes the owner once the outbox is free. Without an outbox, or
 // when it cannot be used, payloads wait in memory only. Failures are logged
 // at level 16 under "NotificationSupplier".

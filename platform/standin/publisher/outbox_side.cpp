@@ -58,8 +58,8 @@ OutboxSide::Stores OutboxSide::openConfigured() {
     stores.guest = GuestOutbox::open(stores.location, fullSync, error);
     if (stores.guest) {
       ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                     "the outbox " + path + " is not this process's (" + why + "): alerts wait in " +
-                         stores.guest->path() + " until its owner sends them");
+                     "the outbox " + path + " is not this process's (" + why + "): alerts are kept in " +
+                         stores.guest->path() + " until the broker acknowledges them");
       return stores;
     }
   }
@@ -69,14 +69,19 @@ OutboxSide::Stores OutboxSide::openConfigured() {
 
 OutboxSide::Stored OutboxSide::accept(std::string payload, PendingEvents& events) {
   port::MutexLock lock(m_mutex);
-  if (m_guest && m_guest->append(payload)) return Stored::kInGuest;
   if (events.full()) return Stored::kFull;
-  const int64_t outboxId = m_outbox ? m_outbox->append(payload) : 0;
-  const bool connectionIdle = events.push(std::move(payload), outboxId);
+  const int64_t storedId = m_outbox ? m_outbox->append(payload) : m_guest ? m_guest->append(payload) : 0;
+  const bool connectionIdle = events.push(std::move(payload), storedId);
   // Alerts faster than the network thread's turns must not let the WAL
   // outgrow its bound: that thread asks for the checkpoint.
   const bool checkpointDue = m_outbox && m_outbox->walPastBound();
   return connectionIdle || checkpointDue ? Stored::kQueuedWakeNetwork : Stored::kQueued;
+}
+
+std::string OutboxSide::whereStoredEventsWait() const {
+  port::MutexLock lock(m_mutex);
+  if (m_outbox) return "the outbox " + m_outbox->path() + " for the next start";
+  return m_guest ? m_guest->path() + " for the outbox's owner" : std::string();
 }
 
 std::string OutboxSide::ownedOutboxPath() const {
@@ -138,6 +143,8 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
   // the grace, rather than waiting for the next owner.
   if (!stopping && now < m_nextAdoption) return;
   m_nextAdoption = now + kAdoptionInterval;
+  if (events.holdsStored()) return;
+  removeAcknowledged();
   std::string error;
   bool fullSync = true;
   bool ownedElsewhere = false;
@@ -150,8 +157,11 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
     // Alerts wait meanwhile, so that none goes to the guest file after its
     // last events were moved out of it.
     port::MutexLock lock(m_mutex);
+    // One accepted since the look above is in the guest file, under its id
+    // there: the guest file serves until that one is acknowledged.
+    if (events.holdsStored()) return;
     m_guest.reset();
-    outbox->adoptGuests();
+    outbox->adoptGuests(false);
     m_outbox = std::move(outbox);
     events.holdForBacklog();
   }
@@ -160,19 +170,26 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
   loadBacklog(events);
 }
 
+void OutboxSide::adopt(Outbox& outbox, bool liveToo, PendingEvents& events) {
+  std::vector<Outbox::Event> adopted = outbox.adoptGuests(liveToo);
+  port::MutexLock lock(m_mutex);
+  for (Outbox::Event& event : adopted) events.push(std::move(event.payload), event.id, acceptedAt(event.raised));
+}
+
+void OutboxSide::takeInLiveGuests(PendingEvents& events) {
+  if (Outbox* outbox = owned()) adopt(*outbox, true, events);
+}
+
 void OutboxSide::tidy(Clock::time_point now, PendingEvents& events) {
+  if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
+    removeAcknowledged();
+    m_nextRemoval = now + kRemovalInterval;
+  }
   Outbox* const outbox = owned();
   if (outbox == nullptr) return;
   if (now >= m_nextAdoption) {
-    std::vector<Outbox::Event> adopted = outbox->adoptGuests();
-    port::MutexLock lock(m_mutex);
-    for (Outbox::Event& event : adopted) events.push(std::move(event.payload), event.id, acceptedAt(event.raised));
+    adopt(*outbox, false, events);
     m_nextAdoption = now + kAdoptionInterval;
-  }
-  if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
-    outbox->remove(m_acknowledged);
-    m_acknowledged.clear();
-    m_nextRemoval = now + kRemovalInterval;
   }
   if (now < m_nextCheckpoint && !outbox->walPastBound()) return;
   outbox->requestCheckpoint();
@@ -184,7 +201,12 @@ void OutboxSide::acknowledged(int64_t outboxId) {
 }
 
 void OutboxSide::removeAcknowledged() {
-  if (Outbox* outbox = owned()) outbox->remove(m_acknowledged);
+  if (Outbox* outbox = owned()) {
+    outbox->remove(m_acknowledged);
+  } else {
+    port::MutexLock lock(m_mutex);  // a guest file's removals are short: one process's few events
+    if (m_guest) m_guest->remove(m_acknowledged);
+  }
   m_acknowledged.clear();
 }
 

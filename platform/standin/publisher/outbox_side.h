@@ -19,13 +19,16 @@
 
 namespace standin {
 
-// Stores each event the publisher accepts: in the outbox the configuration
-// names when this process owns it, in this process's guest file beside it
-// while another process does (its owner sends them), in memory only without
-// one or when it cannot be used. A guest becomes the owner once the outbox is
-// free. The owner queues what an earlier run left in the outbox before what
-// is accepted meanwhile, takes in what guests stored, removes acknowledged
-// events in batches and asks for the outbox's checkpoints. Failures are
+// Stores each event the publisher accepts, and queues it to be sent from
+// here: in the outbox the configuration names when this process owns it, in
+// this process's guest file beside it while another process does (what is
+// left there when this process ends, the owner sends), in memory only
+// without one or when it cannot be used. Acknowledged events are removed
+// from either in batches. A guest becomes the owner once the outbox is free
+// and its guest file owes nothing. The owner queues what an earlier run left
+// in the outbox before what is accepted meanwhile, takes in what guests that
+// are gone stored, and what live ones hold when it stops, and asks for the
+// outbox's checkpoints. Failures are
 // logged at level 16 under "NotificationSupplier".
 //
 // The rule: m_mutex guards which store is in use, and is held across each
@@ -44,12 +47,11 @@ class OutboxSide {
   using Clock = PendingEvents::Clock;
 
   enum class Stored {
-    kQueued,  // on `events`, and in the outbox when this process owns it
+    kQueued,  // on `events`, and in the outbox or the guest file when there is one
     // As kQueued, and the network thread has work at once: the connection
     // had taken every earlier event, or the outbox wants a checkpoint.
     kQueuedWakeNetwork,
-    kInGuest,  // in the guest file: the outbox's owner sends it
-    kFull,     // refused: capacity() events are waiting
+    kFull,  // refused: capacity() events are waiting
   };
 
   // Opens the store the configuration names (logged unless it is "none").
@@ -65,6 +67,10 @@ class OutboxSide {
   // Whether this process owns an outbox, and its path (empty without one).
   // Thread-safe.
   std::string ownedOutboxPath() const EXCLUDES(m_mutex);
+  // Where stored events wait once this publisher has stopped, for a log
+  // line: "the outbox <path> for the next start", or "<guest file> for the
+  // outbox's owner". Thread-safe.
+  std::string whereStoredEventsWait() const EXCLUDES(m_mutex);
 
   // The keeper's role: the network thread claims it where it starts.
   const port::ThreadRole& keeper() const RETURN_CAPABILITY(m_keeper) { return m_keeper; }
@@ -74,14 +80,18 @@ class OutboxSide {
   // pushed events back until then.
   void loadBacklog(PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // A guest tries every second, and at once when `stopping`, to become the
-  // outbox's owner: it opens the outbox, moves its guest file's events in
-  // and loads the backlog. Does nothing for an owner.
+  // outbox's owner once its guest file owes nothing (its ids there are no
+  // outbox's): it opens the outbox and loads the backlog. Does nothing for
+  // an owner.
   void takeOverWhenFree(Clock::time_point now, bool stopping, PendingEvents& events) REQUIRES(m_keeper)
       EXCLUDES(m_mutex);
-  // An owner's housekeeping, at every turn of the network loop: adopts what
-  // guests stored (each second), removes the acknowledged batch, and asks for
-  // a checkpoint when one is due.
+  // The housekeeping, at every turn of the network loop: removes the
+  // acknowledged batch; an owner also adopts what guests that are gone
+  // stored (each second) and asks for a checkpoint when one is due.
   void tidy(Clock::time_point now, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
+  // An owner that stops takes in what live guests hold, so that it goes out
+  // with its own or waits in the outbox. Does nothing for a guest.
+  void takeInLiveGuests(PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // The broker acknowledged the event stored under `outboxId` (0: none).
   void acknowledged(int64_t outboxId) REQUIRES(m_keeper);
   // Removes the acknowledged batch now: the network thread is ending.
@@ -110,6 +120,9 @@ class OutboxSide {
   // The outbox this process owns, or null; the keeper's to use after the
   // lock is let go.
   Outbox* owned() const REQUIRES(m_keeper) EXCLUDES(m_mutex);
+  // Moves what guests stored into `outbox` (live ones' too with `liveToo`)
+  // and queues it.
+  void adopt(Outbox& outbox, bool liveToo, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // A damaged outbox starts afresh; what the queue holds back is stored again.
   void startAfresh(std::string found, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
 
@@ -119,7 +132,7 @@ class OutboxSide {
   mutable port::Mutex m_mutex;
   std::unique_ptr<GuestOutbox> m_guest GUARDED_BY(m_mutex);
   std::unique_ptr<Outbox> m_outbox GUARDED_BY(m_mutex);
-  std::vector<int64_t> m_acknowledged GUARDED_BY(m_keeper);  // outbox ids, removed in batches
+  std::vector<int64_t> m_acknowledged GUARDED_BY(m_keeper);  // stored ids, removed in batches
   Clock::time_point m_nextRemoval GUARDED_BY(m_keeper);
   Clock::time_point m_nextCheckpoint GUARDED_BY(m_keeper);
   Clock::time_point m_nextAdoption GUARDED_BY(m_keeper);

@@ -119,6 +119,12 @@ std::optional<PendingEvents::Clock::time_point> PendingEvents::owedSince() const
   return std::max(m_firstHandedOverAt, m_lastAcknowledgedAt);
 }
 
+bool PendingEvents::holdsStored() const {
+  port::MutexLock lock(m_mutex);
+  const auto stored = [](const Event& event) { return event.outboxId != 0; };
+  return std::any_of(m_events.begin(), m_events.end(), stored) || std::any_of(m_held.begin(), m_held.end(), stored);
+}
+
 PendingEvents::Dropped PendingEvents::clear() {
   port::MutexLock lock(m_mutex);
   Dropped dropped{0, 0};

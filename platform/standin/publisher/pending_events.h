@@ -26,8 +26,9 @@ std::chrono::steady_clock::time_point acceptedAt(int64_t raised);
 // broker has acknowledged them. Those handed over to the current connection
 // are always the oldest ones and carry that connection's message id; when the
 // connection goes they wait again in their place, so nothing is lost and the
-// order holds. An event may also be in the outbox, under its outbox id (0:
-// in memory only).
+// order holds. An event may also be stored, in the outbox or in the
+// publisher's guest file, under its id there (its "outbox id"; 0: in memory
+// only).
 //
 // What an earlier run left in the outbox goes first. While that backlog
 // loads, events pushed are held back; the loader queues the backlog page by
@@ -93,6 +94,9 @@ class PendingEvents : public metrics::WaitingQueue {
   // The connection is gone: every event handed over to it waits again.
   void takeBack();
   size_t size() const;
+  // Whether any event waiting, held ones included, is stored (has an id
+  // other than 0).
+  bool holdsStored() const;
   // Since when the connection has owed an acknowledgement without giving
   // any: the later of the oldest handed-over event's hand-over and the last
   // acknowledgement. Empty while no event is handed over.

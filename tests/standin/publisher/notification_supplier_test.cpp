@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -137,8 +138,11 @@ struct Raiser {
   long accepted;
 };
 
-Raiser startRaiser(const std::string& arguments, const std::string& logFile) {
-  const std::string command = "KSU_LOG_FILE=" + logFile + " exec " KSCDP_ALERT_RAISER_PATH " " + arguments;
+// Starts kscdp_alert_raiser with `arguments`, logging to `logFile`, with the
+// configuration file `config` (empty: the test's own).
+Raiser startRaiser(const std::string& arguments, const std::string& logFile, const std::string& config = "") {
+  const std::string command = "KSU_LOG_FILE=" + logFile + (config.empty() ? "" : " KEEPSTONE_CONF=" + config) +
+                              " exec " KSCDP_ALERT_RAISER_PATH " " + arguments;
   Raiser raiser{popen(command.c_str(), "r"), -1, -1};
   if (raiser.output == nullptr || std::fscanf(raiser.output, "accepted %ld pid %d", &raiser.accepted, &raiser.pid) != 2)
     throw std::runtime_error("cannot run " + command);
@@ -328,6 +332,26 @@ TEST_F(NotificationSupplierTest, OutboxCarriesEventsOfAKilledProcessToTheNextPub
   sendNumbered(&next, 103, 105, sent);
   EXPECT_EQ(rig.receivedOnce(sent), sent);
   EXPECT_THAT(newLog(), Not(HasSubstr("cannot read the events waiting")));
+}
+
+// A live guest that cannot reach the broker (another process with its own
+// configuration naming the same outbox) keeps its events in its guest file;
+// the owner, when it stops, takes them in and sends them with its own.
+TEST_F(NotificationSupplierTest, AnOwnerThatStopsSendsWhatALiveGuestHolds) {
+  BrokerWithSubscriber rig(kKeepSessions);
+  Messages sent;
+  auto owner = std::make_unique<NotificationSupplier>();
+  sendNumbered(owner.get(), 1, 1, sent);
+  const std::string guestConfig = integration::scratchPath("live-guest.conf");
+  std::ofstream(guestConfig) << "server = m.invalid\nbroker = 127.0.0.1:" << testbed::freeLoopbackPort()
+                             << "\noutbox = " << testOutbox() << "\n";
+  const Raiser guest = startRaiser("2 4", integration::scratchPath("live-guest.log"), guestConfig);
+  sendNumbered(nullptr, 2, 4, sent);
+  owner->shutdown();
+  EXPECT_EQ(rig.receivedOnce(sent), sent);
+  kill(guest.pid, SIGKILL);
+  pclose(guest.output);
+  EXPECT_EQ(guest.accepted, 3);
 }
 
 TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
