@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <system_error>
 #include <thread>
@@ -20,6 +21,7 @@
 #include "platform/standin/mqtt/early_close.h"
 #include "platform/standin/mqtt/notification_payload.h"
 #include "services/AlertServiceImpl.h"
+#include "tls_advice.h"
 
 namespace doctor {
 namespace {
@@ -102,14 +104,40 @@ CheckResult publishTestAlert(mosquitto* client, Session& session, const Configur
       std::string("one event with message key ") + kTestMessageKey + " acknowledged on " + standin::kNotificationTopic);
 }
 
-std::string connectAction(int result, const standin::BrokerSettings& settings, const std::string& address) {
-  if (result == MOSQ_ERR_TLS) {
-    return "set broker_ca_file to the CA bundle that signed the broker's certificate and check that it names "
-           "the broker's host, or set broker_tls to match the broker's listener";
+// Whether a failure over TLS happened in or right after the handshake: a
+// TLS error, or the broker ending the connection before MQTT could answer.
+// `problem` is what was said of it: a failure of the connect call itself
+// leaves no errno behind but its text.
+bool brokerHungUp(int result, int error, const std::string& problem) {
+  if (result == MOSQ_ERR_PROTOCOL || result == MOSQ_ERR_CONN_LOST) return true;
+  if (result != MOSQ_ERR_ERRNO) return false;
+  for (const int cause : {EPROTO, ECONNRESET}) {
+    if (error == cause || problem.find(std::strerror(cause)) != std::string::npos) return true;
+  }
+  return false;
+}
+bool handshakeFailed(int result, int error, const std::string& problem, const standin::BrokerSettings& settings) {
+  return result == MOSQ_ERR_TLS || (settings.tls && brokerHungUp(result, error, problem));
+}
+
+std::string connectAction(int result, int error, const std::string& problem, const Configuration& configuration,
+                          const standin::BrokerSettings& settings, const standin::BrokerAddress& address) {
+  const std::string where = standin::brokerText(address);
+  if (handshakeFailed(result, error, problem, settings)) {
+    const std::string action = tlsAction(problem, configuration, kBrokerTlsKeys, address.host);
+    if (!action.empty()) return action;
+    return "set broker_ca_file to the CA bundle that signed the broker's certificate, and broker_cert_file and "
+           "broker_key_file to a certificate that the broker's CA signed (the broker's log says which it refused), "
+           "or set broker_tls to match the broker's listener";
+  }
+  if (!settings.tls && brokerHungUp(result, error, problem)) {
+    return "the broker closed the connection before it answered MQTT: if its listener is TLS, set broker_tls = on "
+           "and broker_ca_file (with broker_cert_file and broker_key_file when it requires client certificates) in " +
+           configuration.path + "; otherwise read the broker's log";
   }
   if (result == MOSQ_ERR_ERRNO || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NO_CONN) {
     return std::string("start the broker, or set broker to where it listens") +
-           (settings.tls ? " with TLS" : " without TLS") + " (now " + address + ")";
+           (settings.tls ? " with TLS" : " without TLS") + " (now " + where + ")";
   }
   return "check broker, broker_tls and the broker's log";
 }
@@ -135,7 +163,7 @@ const standin::MqttCallbacks kCallbacks = {
     [](mosquitto*, void* session, int messageId) { static_cast<Session*>(session)->publishedId = messageId; }, nullptr};
 
 // Connects `probe`'s client through the publisher's connect path, within 3 s.
-void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
+void connectProbe(Probe& probe, const Configuration& configuration, const standin::BrokerSettings& settings) {
   const std::string& where = probe.where;
   probe.client.reset(standin::startMqttConnection(probe.address, settings, probe.clientId.c_str(), kCallbacks,
                                                   &probe.session, kKeepAliveSeconds, kInFlight, probe.failure));
@@ -158,15 +186,18 @@ void connectProbe(Probe& probe, const standin::BrokerSettings& settings) {
   }
   if (probe.client == nullptr) {
     probe.problem = where + ": " + probe.failure.text;
-    probe.action = connectAction(result, settings, where);
+    probe.action = connectAction(result, error, probe.problem, configuration, settings, probe.address);
   } else if (endedEarly) {
+    // Closed with no error: over TLS the handshake was refused; without it,
+    // the broker would not take what this client sent.
+    const int ending = earlyEnd.error != 0 ? MOSQ_ERR_ERRNO : settings.tls ? MOSQ_ERR_TLS : MOSQ_ERR_CONN_LOST;
     probe.problem = where + ": " + earlyEnd.text;
-    probe.action = connectAction(earlyEnd.error != 0 ? MOSQ_ERR_ERRNO : MOSQ_ERR_TLS, settings, where);
+    probe.action = connectAction(ending, earlyEnd.error, probe.problem, configuration, settings, probe.address);
   } else if (result != MOSQ_ERR_SUCCESS) {
     const std::string certificate = result == MOSQ_ERR_TLS ? standin::refusedBrokerCertificate() : "";
     probe.problem = where + ": " + standin::mosquittoErrorText(result, error) +
                     (certificate.empty() ? "" : " (the broker's certificate: " + certificate + ")");
-    probe.action = connectAction(result, settings, where);
+    probe.action = connectAction(result, error, probe.problem, configuration, settings, probe.address);
   } else if (probe.session.connack < 0) {
     probe.problem = where + " gave no MQTT answer within 3 s";
     probe.action = "check that " + where +
@@ -271,9 +302,9 @@ std::vector<CheckResult> checkBroker(const Configuration& configuration, bool ma
   for (const std::unique_ptr<Probe>& probe : probes) {
     if (probe->clientId.empty()) continue;
     try {
-      connections.emplace_back(connectProbe, std::ref(*probe), std::cref(settings));
+      connections.emplace_back(connectProbe, std::ref(*probe), std::cref(configuration), std::cref(settings));
     } catch (const std::system_error&) {
-      connectProbe(*probe, settings);  // no thread to spare: this one waits its turn
+      connectProbe(*probe, configuration, settings);  // no thread to spare: this one waits its turn
     }
   }
   for (std::thread& connection : connections) connection.join();

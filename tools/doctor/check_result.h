@@ -21,6 +21,8 @@ struct CheckResult {
   std::string action;  // what to do; set for every warning and failure
   // Figures the detail tells, also given as numbers to a program (--json).
   std::vector<std::pair<std::string, long long>> figures;
+  // Yes-or-no findings the detail tells, given as booleans (--json).
+  std::vector<std::pair<std::string, bool>> findings;
 };
 
 CheckResult okResult(const std::string& id, const std::string& title, const std::string& detail);

@@ -17,6 +17,7 @@
 #include "platform/standin/config/url_credentials.h"
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
+#include "tls_advice.h"
 #include "url_parts.h"
 
 namespace doctor {
@@ -76,10 +77,19 @@ CheckResult checkHandshake(const Configuration& configuration, const std::string
   settings.connectTimeoutSeconds = kConnectMilliseconds / 1000;
   settings.timeoutSeconds = kConnectMilliseconds / 1000 + 1;
   standin::CurlExchange exchange;
-  if (exchange.perform(nullptr, root, nullptr, settings) != CURLE_OK) {
-    return failedResult(kId, kTitle, "GET " + shownRoot + ": " + exchange.errorText(),
-                        "set ca_file to the CA bundle that signed the daemon's certificate, and cert_file and "
-                        "key_file to the host's certificate that the master's CA signed");
+  const CURLcode result = exchange.perform(nullptr, root, nullptr, settings);
+  if (result != CURLE_OK) {
+    UrlParts where;
+    splitUrl(root, where);
+    std::string action = result == CURLE_SSL_CERTPROBLEM
+                             ? unusableCertificateAction(configuration, kMasterTlsKeys)
+                             : tlsAction(exchange.errorText(), configuration, kMasterTlsKeys, where.host);
+    if (action.empty()) {
+      action =
+          "set ca_file to the CA bundle that signed the daemon's certificate, and cert_file and key_file to the "
+          "host's certificate that the master's CA signed";
+    }
+    return failedResult(kId, kTitle, "GET " + shownRoot + ": " + exchange.errorText(), action);
   }
   return okResult(kId, kTitle,
                   "GET " + shownRoot + " answered HTTP " + std::to_string(exchange.responseCode()) +

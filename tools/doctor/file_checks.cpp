@@ -12,17 +12,12 @@
 #include <cstring>
 
 #include "checks.h"
+#include "directory_of.h"
 #include "platform/standin/config/outbox_settings.h"
 #include "platform/standin/outbox/backlog.h"
 
 namespace doctor {
 namespace {
-
-std::string directoryOf(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 // What writableProblem() returns for a path that holds something other than
 // a regular file (a FIFO, a device, a directory): the library refuses it.

@@ -4,7 +4,9 @@
 // a lock an engine might want at that moment.
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +15,7 @@
 #include <string>
 
 #include "checks.h"
+#include "directory_of.h"
 #include "platform/standin/config/metrics_settings.h"
 #include "platform/standin/config/outbox_settings.h"
 
@@ -47,6 +50,15 @@ CheckResult checkMetricsFile(const Configuration& configuration) {
     return warningResult(kId, kTitle, settings.problem, "set metrics_interval to whole seconds, e.g. 10");
   }
   if (settings.path.empty()) return okResult(kId, kTitle, "metrics_file is not set: no metrics file is written");
+  // Each rewrite is a new file in the directory, renamed over the last.
+  const std::string directory = directoryOf(settings.path);
+  if (access(directory.c_str(), W_OK | X_OK) != 0) {
+    return warningResult(
+        kId, kTitle,
+        "the engine cannot write " + settings.path + ": its directory " + directory + ": " + std::strerror(errno),
+        "make " + directory + " a directory that the engine's user can write, or set metrics_file in " +
+            configuration.path + " to a file in one");
+  }
   const long long interval = settings.interval.count();
   const bool engineRuns = engineHoldsOutbox();
   struct stat status;
@@ -71,7 +83,8 @@ CheckResult checkMetricsFile(const Configuration& configuration) {
                            "look in the engine's log for metrics_file lines; a stopped alert thread no longer "
                            "writes it");
   }
-  result.figures = {{"ageSeconds", age}, {"intervalSeconds", interval}, {"fresh", fresh ? 1 : 0}};
+  result.figures = {{"ageSeconds", age}, {"intervalSeconds", interval}};
+  result.findings = {{"fresh", fresh}};
   return result;
 }
 

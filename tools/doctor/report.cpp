@@ -27,6 +27,12 @@ json_t* checkObject(const CheckResult& result) {
       return nullptr;
     }
   }
+  for (const auto& [name, value] : result.findings) {
+    if (check != nullptr && json_object_set_new(check, name.c_str(), json_boolean(value)) != 0) {
+      json_decref(check);
+      return nullptr;
+    }
+  }
   return check;
 }
 

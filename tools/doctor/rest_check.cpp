@@ -14,6 +14,7 @@
 #include "platform/standin/http/curl_exchange.h"
 #include "platform/standin/http/http_settings.h"
 #include "rest/KeepstoneRestApi.h"
+#include "tls_advice.h"
 #include "url_parts.h"
 
 namespace doctor {
@@ -88,8 +89,12 @@ CheckResult checkRestInterface(const Configuration& configuration, bool masterRe
 
   const std::string request = "GET " + standin::urlWithoutPassword(url);
   if (result != CURLE_OK) {
-    return failedResult(kId, kTitle, request + ": " + exchange.errorText(),
-                        transportAction(result, where, exchange.connected()));
+    // Once connected over https, a failure is the handshake's or follows it.
+    std::string action =
+        https && exchange.connected() ? tlsAction(exchange.errorText(), configuration, kMasterTlsKeys, where.host) : "";
+    if (result == CURLE_SSL_CERTPROBLEM) action = unusableCertificateAction(configuration, kMasterTlsKeys);
+    if (action.empty()) action = transportAction(result, where, exchange.connected());
+    return failedResult(kId, kTitle, request + ": " + exchange.errorText(), action);
   }
   const long code = exchange.responseCode();
   const std::string answer = request + " answered HTTP " + std::to_string(code);
