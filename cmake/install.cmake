@@ -4,7 +4,7 @@
 #   dev      headers under include/kscdp/, the .so links, kscdp.pc, the CMake
 #            package, the section 3 pages
 #   tools    the simulators and the doctor, section 1 pages, the Prometheus
-#            alerting rules
+#            alerting rules, the metrics file's description (doc/metrics.md)
 # Every install() names its component: CPack packs only these three.
 
 # Debian's multiarch library directory whatever the prefix, so an installed
@@ -17,6 +17,9 @@ include(CMakePackageConfigHelpers)
 
 get_target_property(KSCDP_SOVERSION kscdp SOVERSION)
 set(KSCDP_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kscdp)
+set(KSCDP_PACKAGE_NAME_runtime libkscdp${KSCDP_SOVERSION})
+set(KSCDP_PACKAGE_NAME_dev libkscdp-dev)
+set(KSCDP_PACKAGE_NAME_tools kscdp-tools)
 
 install(TARGETS kscdp kscdp_platform
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
@@ -25,6 +28,8 @@ install(TARGETS kscdp-master-sim kscdp-engine-sim kscdp-doctor
 install(FILES doc/kscdp.rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/kscdp COMPONENT tools)
 install(DIRECTORY include/kscdp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
+install(FILES doc/metrics.md
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${KSCDP_PACKAGE_NAME_tools} COMPONENT tools)
 
 # pkg-config: the prefix relative to the file's own directory.
 file(RELATIVE_PATH KSCDP_PC_TO_PREFIX
@@ -83,9 +88,6 @@ add_custom_command(OUTPUT ${KSCDP_CHANGELOG}
 list(APPEND KSCDP_COMPRESSED_DOCS ${KSCDP_CHANGELOG})
 add_custom_target(kscdp_docs ALL DEPENDS ${KSCDP_COMPRESSED_DOCS})
 
-set(KSCDP_PACKAGE_NAME_runtime libkscdp${KSCDP_SOVERSION})
-set(KSCDP_PACKAGE_NAME_dev libkscdp-dev)
-set(KSCDP_PACKAGE_NAME_tools kscdp-tools)
 foreach(component runtime dev tools)
   install(FILES packaging/copyright ${KSCDP_CHANGELOG}
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${KSCDP_PACKAGE_NAME_${component}} COMPONENT ${component})
