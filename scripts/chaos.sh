@@ -9,10 +9,16 @@
 #   - 1 to 3 s of latency on one engine's jobs interface, for 10 s;
 #   - connection resets once the master has read a request (jobs and daemon);
 #   - the master answering 503 for 3 s;
+#   - one engine's brokers refusing every connection for 3 to 8 s, the open
+#     ones reset: handshakes that fail, as from a broker that refuses TLS;
+#   - one engine whose polls come 1.5 s apart, so that the jobs interface
+#     (the master simulator's, which closes a connection idle for 1 s) has
+#     closed the kept-alive connection before each poll;
 #   - one engine killed -9 in the middle of its evictions (its daemon link
 #     slowed so that they last) and started again on the same configuration
 #     and outbox.
-# Then scripts/chaos_check.py checks the invariants over what the
+# Every link is TLS with client certificates, as on a site; CHAOS_TLS=off
+# runs them in the clear. Then scripts/chaos_check.py checks the invariants over what the
 # subscribers got, the master simulator's record and the engines' outputs,
 # prints one line
 #
@@ -23,7 +29,7 @@
 #
 #   scripts/chaos.sh [BUILD_DIR]
 #   CHAOS_SEED (1), CHAOS_ENGINES (10), CHAOS_SECONDS (180), CHAOS_FAULTS (12),
-#   CHAOS_VMS per engine (5)
+#   CHAOS_VMS per engine (5), CHAOS_TLS (on or off)
 set -euo pipefail
 set -f  # fault commands hold patterns for the proxy ("b* freeze"), not for the shell
 
@@ -33,6 +39,7 @@ engines=${CHAOS_ENGINES:-10}
 bound=${CHAOS_SECONDS:-180}
 fault_count=${CHAOS_FAULTS:-12}
 vms=${CHAOS_VMS:-5}
+site_tls=${CHAOS_TLS:-on}
 http_timeout=10
 alerts_per_poll=2
 poll_interval=0.5
@@ -41,12 +48,12 @@ topic=keepstone/notifications
 for value in "$seed" "$engines" "$bound" "$fault_count" "$vms"; do
   [[ "$value" =~ ^[0-9]+$ ]] || { echo "chaos: seeds, counts and seconds must be whole numbers, not '$value'" >&2; exit 2; }
 done
-((engines >= 2 && bound >= 40 && fault_count >= 6)) ||
-  { echo "chaos: at least 2 engines, 40 seconds and 6 faults (one of each kind)" >&2; exit 2; }
+((engines >= 2 && bound >= 40 && fault_count >= 8)) ||
+  { echo "chaos: at least 2 engines, 40 seconds and 8 faults (one of each kind)" >&2; exit 2; }
 echo "chaos: seed $seed"
 bin="$build/bin"
 for program in "$bin/kscdp-master-sim" "$bin/kscdp-engine-sim" "$bin/kscdp-fault-proxy" /usr/sbin/mosquitto \
-  "$(command -v mosquitto_sub || true)" /usr/bin/python3; do
+  "$(command -v mosquitto_sub || true)" "$(command -v curl || true)" /usr/bin/python3; do
   [[ -n "$program" && -x "$program" ]] || { echo "chaos: missing $program (run 'make chaos')" >&2; exit 2; }
 done
 
@@ -60,7 +67,8 @@ between() { echo $(($1 + RANDOM % ($2 - $1 + 1))); }
 killed_engine=$(between 1 "$engines")
 events=()  # "MILLISECONDS ACTION ARGUMENTS...", sorted below
 schedule() { events+=("$(printf '%07d' "$1") ${*:2}"); }
-kinds=(broker partition latency reset master)
+kinds=(broker partition latency reset master refuse idle)
+declare -a poll_interval_of
 for ((f = 0; f < fault_count - 1; ++f)); do
   # Each kind once, then any; the engine killed mid-eviction is the last fault.
   if ((f < ${#kinds[@]})); then kind=${kinds[f]}; else kind=${kinds[RANDOM % ${#kinds[@]}]}; fi
@@ -82,6 +90,8 @@ for ((f = 0; f < fault_count - 1; ++f)); do
         schedule "$at" proxy "$engine" "rest reset $(between 1 3)"
       fi ;;
     master) schedule "$at" master-503 3 ;;
+    refuse) schedule "$at" proxy "$engine" "b* refuse $(between 3000 8000)" ;;
+    idle) schedule 0 idle-polls "$engine" ;;
   esac
 done
 schedule 0 proxy "$killed_engine" "ksqd delay 1500 15000"
@@ -94,6 +104,7 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill -9 "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work/tls"  # the run's private keys: a failed run's folder stays, they do not
 }
 trap cleanup EXIT
 trap 'echo; echo "chaos: interrupted" >&2; exit 130' INT TERM
@@ -103,6 +114,8 @@ run_name=chaos
 bound_key=CHAOS_SECONDS
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
+check_site_tls CHAOS_TLS
+make_run_certificates
 
 # The brokers save their state after every change too: a standalone broker
 # acknowledges a message before it is on disk, and a kill -9 would otherwise
@@ -116,16 +129,23 @@ for n in 1 2; do
   start_broker "$n" "${broker_port[$n]}" "$broker_saves"
 done
 
-"$bin/kscdp-master-sim" --port 0 --job-seconds "$job_seconds" --threads $((4 * engines + 8)) \
-  >"$work/master-sim.out" 2>&1 &
-pids+=($!)
-wait_for "the master simulator to listen" grep -qs 'listening on' "$work/master-sim.out"
-master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
-master_port=${master_url##*:}
+start_master --job-seconds "$job_seconds" --threads $((4 * engines + 8))
+scheme=${master_url%%:*}
 
+# Broker n's subscriber, as the master's own: QoS 1, a session that outlives
+# its connection; started again, it appends what its session kept.
+declare -a subscriber_of
+start_subscriber() {
+  subscribe "${broker_port[$1]}" -q 1 -c -i "kscdp-chaos-$1" -t "$topic" >>"$work/alerts-$1.jsonl"
+  subscriber_of[$1]=$subscriber_pid
+}
+# Broker n again, and its subscriber when that left with it.
+restart_broker() {
+  start_broker "$1" "${broker_port[$1]}" "$broker_saves"
+  kill -0 "${subscriber_of[$1]}" 2>/dev/null || start_subscriber "$1"
+}
 for n in 1 2; do
-  mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-chaos-$n" -t "$topic" >"$work/alerts-$n.jsonl" &
-  pids+=($!)
+  start_subscriber "$n"
   wait_for "the subscriber of broker $n" grep -qs 'New client connected.*kscdp-chaos' "$work/broker-$n/mosquitto.log"
 done
 
@@ -144,11 +164,12 @@ for i in $(seq "$engines"); do
   cat >"$work/engine-$i/keepstone.conf" <<CONF
 server = 127.0.0.1
 host_name = chaos-engine-$i
-rest_url = http://$(route "$i" rest)
-ksqd_url = http://$(route "$i" ksqd)
+rest_url = $scheme://$(route "$i" rest)
+ksqd_url = $scheme://$(route "$i" ksqd)
 broker = $(route "$i" b1), $(route "$i" b2)
 outbox = $work/engine-$i/outbox.db
 http_timeout = $http_timeout
+$(engine_tls_lines)
 CONF
 done
 
@@ -162,7 +183,7 @@ start_engine() {
   local dir="$work/engine-$1"
   KEEPSTONE_CONF="$dir/keepstone.conf" KSU_LOG_FILE="$dir/kscdp.log" \
     "$bin/kscdp-engine-sim" --library "$build/lib/libkscdp.so.1" --vms "$vms" --seed "$1" \
-    --poll-interval "$poll_interval" --timeout "$bound" --alerts-per-poll "$alerts_per_poll" \
+    --poll-interval "${poll_interval_of[$1]:-$poll_interval}" --timeout "$bound" --alerts-per-poll "$alerts_per_poll" \
     --first-alert "$3" --record 1 >"$dir/engine-$2.out" 2>&1 &
   engine_pid[$1]=$!
   pids+=($!)
@@ -177,16 +198,17 @@ act() {
       wait "${broker_pid[$2]}" 2>/dev/null || true
       note "kill -9 of broker $2" ;;
     restart-broker)
-      start_broker "$2" "${broker_port[$2]}" "$broker_saves"
+      restart_broker "$2"
       note "restart of broker $2" ;;
     proxy)
       echo "${*:3}" >"$work/engine-$2/proxy.ctl"
       note "engine $2: ${*:3}" ;;
     master-503)
-      { exec 3<>"/dev/tcp/127.0.0.1/$master_port" &&
-        printf 'POST /sim/unavailable?seconds=%s HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\nConnection: close\r\n\r\n' "$2" >&3 &&
-        cat <&3 >/dev/null; } 2>/dev/null || true
+      master_request POST "/sim/unavailable?seconds=$2" >/dev/null 2>&1 || true
       note "master answering 503 for $2 s" ;;
+    idle-polls)
+      poll_interval_of[$2]=1.5
+      note "engine $2: polls 1.5 s apart, past the jobs interface's 1 s keep-alive" ;;
     kill-engine)
       # In the middle of its evictions: once two passes are logged, before its last.
       local log="$work/engine-$2/kscdp.log"
@@ -224,13 +246,8 @@ for i in $(seq "$engines"); do
   wait "${engine_pid[$i]}" || status=$?
   engine_status[$i]=$status
 done
-for n in 1 2; do kill -0 "${broker_pid[$n]}" 2>/dev/null || start_broker "$n" "${broker_port[$n]}" "$broker_saves"; done
-curl_requests() {
-  exec 3<>"/dev/tcp/127.0.0.1/$master_port"
-  printf 'GET /sim/requests HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' >&3
-  sed '1,/^\r$/d' <&3
-}
-curl_requests >"$work/master-requests.json"
+for n in 1 2; do kill -0 "${broker_pid[$n]}" 2>/dev/null || restart_broker "$n"; done
+master_request GET /sim/requests >"$work/master-requests.json"
 
 check() {
   /usr/bin/python3 "$(dirname "$0")/chaos_check.py" --work "$work" --seed "$seed" --engines "$engines" --vms "$vms" \

@@ -32,6 +32,10 @@
 # the engines' broker_order: spread (the default: each engine starts at a
 # node chosen from its host name, fleet-engine-N) or written.
 #
+# Every link is TLS, engines and subscribers presenting client certificates
+# made for the run, as on a site that follows keepstone.conf(5);
+# FLEET_TLS=off runs them in the clear, for comparison.
+#
 # With FLEET_BROKERS=rabbitmq the brokers are instead a three-node RabbitMQ
 # cluster with its MQTT plugin (Debian's rabbitmq-server, installed when
 # missing, as scripts/install-deps.sh does): the engines list nodes 2, 3 and
@@ -61,7 +65,7 @@
 #   are still at work when the last start: 500 take about 14 s to start
 #   here), FLEET_ALERTS_PER_POLL (20 / FLEET_JOB_SECONDS, at least 1: about 50
 #   alerts an engine), FLEET_SECONDS (120), FLEET_BROKERS (mosquitto or rabbitmq),
-#   FLEET_ORDER (spread or written), FLEET_BOUNDS (0 or 1)
+#   FLEET_ORDER (spread or written), FLEET_BOUNDS (0 or 1), FLEET_TLS (on or off)
 set -euo pipefail
 
 build=${1:-build}
@@ -72,6 +76,7 @@ alerts_per_poll=${FLEET_ALERTS_PER_POLL:-$((job_seconds < 20 ? 20 / job_seconds 
 bound=${FLEET_SECONDS:-120}
 brokers=${FLEET_BROKERS:-mosquitto}
 order=${FLEET_ORDER:-spread}
+site_tls=${FLEET_TLS:-on}
 poll_interval=0.5
 topic=keepstone/notifications
 
@@ -100,6 +105,7 @@ cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
   if declare -F stop_rabbitmq_cluster >/dev/null; then stop_rabbitmq_cluster; fi
+  rm -rf "$work/tls"  # the run's private keys: the folder stays, they do not
 }
 trap cleanup EXIT
 trap 'echo; echo "fleet: interrupted" >&2; exit 130' INT TERM
@@ -109,6 +115,8 @@ run_name=fleet
 bound_key=FLEET_SECONDS
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
+check_site_tls FLEET_TLS
+make_run_certificates
 
 declare -a broker_port
 stopped_node=1
@@ -133,11 +141,7 @@ fi
 
 # A thread per connection an engine keeps open: its polls, and its last
 # request-daemon call for up to a second.
-"$bin/kscdp-master-sim" --port 0 --job-seconds "$job_seconds" --threads $((2 * engines + 8)) \
-  >"$work/master-sim.out" 2>&1 &
-pids+=($!)
-wait_for "the master simulator to listen" grep -qs 'listening on' "$work/master-sim.out"
-master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
+start_master --job-seconds "$job_seconds" --threads $((2 * engines + 8))
 
 # A subscriber per broker, as the master's own: QoS 1, a session that
 # outlives its connection. Each line is the arrival time and the payload.
@@ -149,13 +153,13 @@ subscriber_ready() {
   fi
 }
 for n in "${subscribed[@]}"; do
-  mosquitto_sub -h 127.0.0.1 -p "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" -F '%U %p' \
-    >"$work/alerts-$n.jsonl" &
-  pids+=($!)
+  subscribe "${broker_port[$n]}" -q 1 -c -i "kscdp-fleet-$n" -t "$topic" -F '%U %p' >"$work/alerts-$n.jsonl"
   wait_for "the subscriber of broker $n" subscriber_ready "$n"
 done
 
-echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers ($order); files in $work"
+links="every link over TLS with client certificates"
+[[ "$site_tls" == on ]] || links="every link in the clear"
+echo "fleet: $engines engines of $vms VMs, master simulator $master_url, brokers $engine_brokers ($order), $links; files in $work"
 # Every half second, from before the first engine starts until the last has
 # ended: the alerts waiting, the connections on each node, and what the nodes
 # and the engines spend.
@@ -170,6 +174,7 @@ sampler_pid=$!
 pids+=($!)
 
 engine_pids=()
+engine_tls=$(engine_tls_lines)
 run_started=$(date +%s.%N)
 # Folders first, then each engine's file written with a builtin: hundreds of
 # engines start one after the other.
@@ -178,7 +183,7 @@ for i in $(seq "$engines"); do
   dir="$work/engine-$i"
   printf '%s\n' "server = 127.0.0.1" "host_name = fleet-engine-$i" "rest_url = $master_url" "ksqd_url = $master_url" \
     "broker = $engine_brokers" "broker_order = $order" "outbox = $dir/outbox.db" "http_timeout = 10" \
-    "metrics_file = $dir/metrics.prom" "metrics_interval = 1" >"$dir/keepstone.conf"
+    "metrics_file = $dir/metrics.prom" "metrics_interval = 1" ${engine_tls:+"$engine_tls"} >"$dir/keepstone.conf"
   # The library of this build tree, by path: a sanitizer's dlopen does not
   # see the simulator's RUNPATH.
   KEEPSTONE_CONF="$dir/keepstone.conf" KSU_LOG_FILE="$dir/kscdp.log" \

@@ -15,7 +15,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-dev valgrind python3
   dpkg-dev lintian mandoc abigail-tools
-  python3-prometheus-client gnuplot-nox prometheus
+  python3-prometheus-client gnuplot-nox prometheus curl
 )
 
 packages+=("$@")  # what a target needs only when asked, e.g. rabbitmq-server

@@ -1,5 +1,7 @@
 # A three-node RabbitMQ cluster on loopback with the MQTT plugin, for
-# scripts/fleet.sh (sourced; it uses its work, pids, wait_for and pick_port).
+# scripts/fleet.sh (sourced; it uses its work, pids, wait_for, pick_port,
+# site_tls and tls_dir). With site_tls on, each node's MQTT listener is TLS
+# only and admits only clients whose certificate the run's CA signed.
 # Each node has its own name (<run>-N@localhost, <run> from the name of the
 # run's directory, so that runs on one machine never share a node), ports and
 # data directory under $work/rabbitmq-N; the Erlang cookie lives in $work, never in the
@@ -23,10 +25,23 @@ start_rabbit_node() {
   pick_port amqp_port
   pick_port dist_port
   echo "[rabbitmq_mqtt]." >"$dir/enabled_plugins"
-  cat >"$dir/rabbitmq.conf" <<CONF
+  if [[ "$site_tls" == on ]]; then
+    cat >"$dir/rabbitmq.conf" <<CONF
+listeners.tcp.default = 127.0.0.1:$amqp_port
+mqtt.listeners.tcp = none
+mqtt.listeners.ssl.default = 127.0.0.1:${rabbit_mqtt_port[$1]}
+ssl_options.cacertfile = $tls_dir/ca.pem
+ssl_options.certfile = $tls_dir/broker.pem
+ssl_options.keyfile = $tls_dir/broker.key
+ssl_options.verify = verify_peer
+ssl_options.fail_if_no_peer_cert = true
+CONF
+  else
+    cat >"$dir/rabbitmq.conf" <<CONF
 listeners.tcp.default = 127.0.0.1:$amqp_port
 mqtt.listeners.tcp.default = 127.0.0.1:${rabbit_mqtt_port[$1]}
 CONF
+  fi
   HOME="$work" RABBITMQ_NODENAME="$(rabbit_node "$1")" RABBITMQ_NODE_IP_ADDRESS=127.0.0.1 \
     RABBITMQ_NODE_PORT="$amqp_port" RABBITMQ_DIST_PORT="$dist_port" ERL_EPMD_ADDRESS=127.0.0.1 \
     RABBITMQ_MNESIA_BASE="$dir/mnesia" RABBITMQ_LOG_BASE="$dir/log" RABBITMQ_PID_FILE="$dir/pid" \

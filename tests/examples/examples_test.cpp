@@ -25,8 +25,11 @@ TEST(ExamplesTest, EvictionEndsWhateverTheMasterDoesAndSaysWhy) {
     ASSERT_TRUE(master.start());
     if (c[3] == "too-large") master.setPolicyFaults("gold", {0, 0, false, true});
     integration::writeConfig(
-        cases::filled("server = 127.0.0.1\nhost_name = cdp-host\nbroker = {broker}\n" + c[1],
-                      {{"{master}", master.url()}, {"{down}", down}, {"{broker}", broker.address()}}));
+        cases::filled("server = 127.0.0.1\nhost_name = cdp-host\nbroker = {broker}\noutbox = {outbox}\n" + c[1],
+                      {{"{master}", master.url()},
+                       {"{down}", down},
+                       {"{broker}", broker.address()},
+                       {"{outbox}", integration::scratchPath("outbox.db")}}));
     const size_t logStart = integration::logText().size();
 
     const integration::ProgramRun example =

@@ -22,8 +22,8 @@ std::string logPath() { return g_directory + "/ksu.log"; }
 class StandinEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
-    char pattern[] = "/tmp/kscdp-integration-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
+    std::string pattern = (std::filesystem::temp_directory_path() / "kscdp-integration-XXXXXX").string();
+    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
     g_directory = pattern;
     setenv("KEEPSTONE_CONF", configPath().c_str(), 1);
     setenv("KSU_LOG_FILE", logPath().c_str(), 1);

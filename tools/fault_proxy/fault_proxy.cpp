@@ -186,6 +186,15 @@ void FaultProxy::resetAnswers(int count) {
   wake();
 }
 
+void FaultProxy::refuse(Duration duration) {
+  {
+    port::MutexLock lock(m_mutex);
+    m_faults.refusedUntil = Clock::now() + duration;
+    ++m_faults.refusals;
+  }
+  wake();
+}
+
 void FaultProxy::pass() {
   {
     port::MutexLock lock(m_mutex);
@@ -209,6 +218,7 @@ void FaultProxy::wake() {
 
 void FaultProxy::run() {
   std::list<Link> links;
+  uint64_t refusalsDone = 0;
   for (;;) {
     {
       port::MutexLock lock(m_mutex);
@@ -216,6 +226,11 @@ void FaultProxy::run() {
     }
     const Clock::time_point now = Clock::now();
     const Faults fault = faults();
+    if (fault.refusals != refusalsDone) {
+      for (Link& link : links) link.end(true);
+      links.clear();
+      refusalsDone = fault.refusals;
+    }
     Clock::time_point wakeAt = now + kLongestPoll;
     std::vector<pollfd> fds{{m_wakeFd, POLLIN, 0}};
     const bool frozen = now < fault.frozenUntil;
@@ -301,6 +316,10 @@ void FaultProxy::run() {
       for (;;) {
         const int client = accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (client < 0) break;
+        if (Clock::now() < fault.refusedUntil) {
+          closeWithReset(client);
+          continue;
+        }
         Link link;
         link.client = client;
         link.target = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);

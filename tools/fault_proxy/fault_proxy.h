@@ -1,6 +1,6 @@
 // A TCP proxy on loopback that plays a faulty network between a client and
-// the service it reaches: silence, latency, and connections reset once the
-// service has read a request.
+// the service it reaches: silence, latency, connections reset once the
+// service has read a request, and a service that refuses connections.
 #ifndef KSCDP_TOOLS_FAULT_PROXY_FAULT_PROXY_H_
 #define KSCDP_TOOLS_FAULT_PROXY_FAULT_PROXY_H_
 
@@ -41,6 +41,10 @@ class FaultProxy {
   // end the connection with a reset to both sides instead: the target has
   // read and acted on the request, the client never hears.
   void resetAnswers(int count);
+  // Resets every open connection, and for `duration` every new one as soon as
+  // it is accepted, before a byte passes: a service that refuses every
+  // handshake, TLS's included.
+  void refuse(Duration duration);
   // Ends every fault at once.
   void pass();
 
@@ -51,6 +55,8 @@ class FaultProxy {
     Clock::time_point delayedUntil;
     Duration latency{0};
     int resetsLeft = 0;
+    Clock::time_point refusedUntil;
+    uint64_t refusals = 0;  // counts refuse() calls: each resets the open connections once
   };
 
   // The faults in force now; takes one reset when `takeReset` and one is left.

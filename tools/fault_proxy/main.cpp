@@ -12,6 +12,8 @@
 //   NAME freeze MS          nothing moves for MS milliseconds
 //   NAME delay MS FOR_MS    what clients send arrives MS later, for FOR_MS
 //   NAME reset COUNT        the next COUNT answers reset their connection
+//   NAME refuse MS          open connections are reset, and new ones for MS
+//                           milliseconds as soon as they are accepted
 //   NAME pass               every fault ends
 //
 // Runs until SIGTERM or SIGINT; exit status 2 for bad use or a route that
@@ -56,7 +58,7 @@ void applyCommand(const std::string& line, Routes& routes) {
   long first = 0;
   long second = 0;
   if (!(words >> name >> verb)) return;
-  if (verb == "freeze" || verb == "reset") words >> first;
+  if (verb == "freeze" || verb == "reset" || verb == "refuse") words >> first;
   if (verb == "delay") words >> first >> second;
   if (!words && !words.eof()) {
     std::cerr << "kscdp-fault-proxy: bad command: " << line << "\n";
@@ -74,6 +76,8 @@ void applyCommand(const std::string& line, Routes& routes) {
       proxy->delay(std::chrono::milliseconds(first), std::chrono::milliseconds(second));
     } else if (verb == "reset") {
       proxy->resetAnswers(static_cast<int>(first));
+    } else if (verb == "refuse") {
+      proxy->refuse(std::chrono::milliseconds(first));
     } else if (verb == "pass") {
       proxy->pass();
     } else {

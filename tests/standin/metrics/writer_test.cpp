@@ -19,9 +19,9 @@ namespace {
 class MetricsFileRewrite : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/kscdp-metrics-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    m_directory = name;
+    std::string pattern = (std::filesystem::temp_directory_path() / "kscdp-metrics-XXXXXX").string();
+    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
+    m_directory = pattern;
   }
   void TearDown() override { std::filesystem::remove_all(m_directory); }
 
