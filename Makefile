@@ -29,7 +29,8 @@ demo: build
 	bash scripts/demo.sh $(BUILD)
 
 # A site on this machine: FLEET_ENGINES engine simulators against one master
-# simulator and two brokers listed as a cluster, the first stopped halfway;
+# simulator and two brokers listed as a cluster, the first stopped halfway,
+# every link over TLS with client certificates (FLEET_TLS=off: in the clear);
 # a summary line, a report from the subscribers and the engines' metrics
 # files, a picture of the run, and a failure when a VM is not done or an
 # alert missing. The run's folder stays; the last line names it.
@@ -38,8 +39,10 @@ fleet: build
 	FLEET_ENGINES=$(FLEET_ENGINES) bash scripts/fleet.sh $(BUILD)
 
 # The fleet under a fault schedule drawn from CHAOS_SEED: brokers killed,
-# partitions, latency, resets, a master answering 503, an engine killed
-# mid-eviction; one summary line, and a failure for each broken invariant.
+# partitions, latency, resets, a master answering 503, brokers refusing
+# handshakes, polls past the jobs interface's keep-alive, an engine killed
+# mid-eviction, over TLS (CHAOS_TLS=off: in the clear); one summary line, and
+# a failure for each broken invariant.
 CHAOS_SEED ?= 1
 CHAOS_ENGINES ?= 10
 CHAOS_SECONDS ?= 180
