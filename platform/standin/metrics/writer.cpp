@@ -39,19 +39,19 @@ uint64_t outboxBytes() {
   const size_t slash = path.rfind('/');
   const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  DIR* listing = opendir(directory.c_str());
-  if (listing == nullptr) return 0;
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(directory.c_str()), closedir);
+  if (!listing) return 0;
   uint64_t bytes = 0;
-  while (const dirent* entry = readdir(listing)) {
+  while (const dirent* entry = readdir(listing.get())) {
     const std::string found = entry->d_name;
     const bool ours = found == name || found == name + "-wal" || found == name + "-shm" || found == name + "-journal" ||
                       isGuestOutboxName(found, name);
     struct stat status;
-    if (ours && fstatat(dirfd(listing), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode)) {
+    if (ours && fstatat(dirfd(listing.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(status.st_mode)) {
       bytes += static_cast<uint64_t>(status.st_size);
     }
   }
-  closedir(listing);
   return bytes;
 }
 

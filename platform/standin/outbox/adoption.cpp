@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "platform/ksu_log.h"
 #include "platform/standin/files/private_file.h"
@@ -29,15 +30,15 @@ const mode_t kGuestFileMode = 0600;
 std::vector<std::string> guestNames(int directoryFd, const std::string& outboxName) {
   std::vector<std::string> names;
   const int listFd = openat(directoryFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* listing = listFd >= 0 ? fdopendir(listFd) : nullptr;
-  if (listing == nullptr) {
+  // Closed also when an allocation fails while the names are read.
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(listFd >= 0 ? fdopendir(listFd) : nullptr, closedir);
+  if (!listing) {
     if (listFd >= 0) close(listFd);
     return names;
   }
-  while (const dirent* entry = readdir(listing)) {
+  while (const dirent* entry = readdir(listing.get())) {
     if (isGuestOutboxName(entry->d_name, outboxName)) names.emplace_back(entry->d_name);
   }
-  closedir(listing);
   return names;
 }
 
