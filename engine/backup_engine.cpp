@@ -6,6 +6,7 @@
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 #include <exception>
+#include <new>
 #include <string>
 
 #include "gateway/KeepstoneServiceGateway.h"
@@ -17,6 +18,9 @@
 #include "services/KSServiceException.h"
 
 namespace {
+
+// Tries of one alert that runs out of memory before the failure is logged.
+const int kRaiseAttempts = 3;
 
 void logContained(const char* function, const char* what) noexcept {
   try {
@@ -64,14 +68,26 @@ extern "C" {
 
 int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id) {
   static const char function[] = "raise_backup_alert";
-  contained(function, [&] {
-    const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
-    const std::string jobId = requiredText(job_id, "Job id");
-    const std::string vmId = requiredText(vm_id, "VM identifier");
-    gateway->raiseAlert(vmId, alert_code, jobId);
-    return KSCDP_OK;
-  });
-  return KSCDP_OK;
+  // The engine is told nothing either way, so an alert that ran out of
+  // memory is raised again: a failed allocation is most often gone at the
+  // next try. A try that failed after the publisher had taken the alert makes
+  // it arrive twice, never lost.
+  for (int attempt = 1;; ++attempt) {
+    bool outOfMemory = false;
+    contained(function, [&] {
+      try {
+        const boost::shared_ptr<KeepstoneServiceGateway> gateway = boost::make_shared<KeepstoneServiceGateway>();
+        const std::string jobId = requiredText(job_id, "Job id");
+        const std::string vmId = requiredText(vm_id, "VM identifier");
+        gateway->raiseAlert(vmId, alert_code, jobId);
+      } catch (const std::bad_alloc&) {
+        if (attempt == kRaiseAttempts) throw;
+        outOfMemory = true;
+      }
+      return KSCDP_OK;
+    });
+    if (!outOfMemory) return KSCDP_OK;
+  }
 }
 
 int call_evict_data(int passes, evict_vm_list* evict_list, vm_node_list** requested) {

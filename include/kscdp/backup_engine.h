@@ -88,7 +88,8 @@ extern "C" {
  *   job_id      the decimal job id, used with code 500 only; pass "" when
  *               there is none; must not be null
  * The alert is queued for the publisher's own thread, which the first alert
- * starts; the call does not wait for the broker. Returns KSCDP_OK always: a
+ * starts; the call does not wait for the broker. An alert that runs out of
+ * memory is raised again, three times in all. Returns KSCDP_OK always: a
  * null string or a refused alert (queue full) is logged, not reported. */
 KSCDP_EXPORT int raise_backup_alert(const char* vm_id, int alert_code, const char* job_id);
 

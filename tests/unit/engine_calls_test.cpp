@@ -7,6 +7,7 @@
 #include <deque>
 #include <future>
 #include <map>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -254,6 +255,34 @@ TEST_F(EngineCallsTest, AlertFailuresNeverReachTheEngine) {
   fake::notifications.shutdownThrows = false;
   EXPECT_EQ(stop_alert_thread(), 0);
   EXPECT_EQ(std::make_pair(fake::notifications.shutDown, fake::notifications.destroyed), std::make_pair(1, 1));
+}
+
+// An alert that runs out of memory is raised again, three times in all; only
+// the last failure is logged. Other failures are not tried again.
+TEST_F(EngineCallsTest, AnAlertThatRunsOutOfMemoryIsRaisedAgain) {
+  const struct {
+    int allocationFailures;
+    size_t sent;
+    size_t contained;
+  } cases[] = {{0, 1, 0}, {1, 1, 0}, {2, 1, 0}, {3, 0, 1}};
+  for (const auto& c : cases) {
+    fake::resetPlatform();
+    int failuresLeft = c.allocationFailures;
+    fake::notifications.whileSending = [&failuresLeft] {
+      if (failuresLeft-- > 0) throw std::bad_alloc();
+    };
+    EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
+    EXPECT_EQ(fake::notifications.sent.size(), c.sent) << c.allocationFailures;
+    const std::vector<fake::LogLine> contained = fake::logLinesOf("raise_backup_alert");
+    ASSERT_EQ(contained.size(), c.contained) << c.allocationFailures;
+    if (c.contained > 0) {
+      EXPECT_EQ(contained[0].message, "Exception occured: std::bad_alloc");
+    }
+  }
+  fake::resetPlatform();
+  fake::notifications.sendThrows = true;
+  EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
+  EXPECT_EQ(fake::logLinesOf("KeepstoneServiceGateway::raiseAlert").size(), 1u);
 }
 
 TEST_F(EngineCallsTest, StopAlertThreadLogsEveryTimeAndAlertsMakeANewPublisher) {
