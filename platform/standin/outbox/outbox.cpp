@@ -332,15 +332,21 @@ std::vector<Outbox::Event> Outbox::waiting(int64_t after, int64_t limit) {
 
 int64_t Outbox::append(const std::string& payload) {
   port::MutexLock lock(m_writeMutex);
-  sqlite3_bind_blob(m_insert, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
-  sqlite3_bind_int64(m_insert, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
-  const int code = sqlite3_step(m_insert);
-  if (code != SQLITE_DONE) {
-    logFailure(m_appendFailing, m_writer, "cannot store events in the outbox " + m_path,
-               "; new events wait in memory only until it can be written again");
+  int code = SQLITE_OK;
+  // A failed write (an I/O error, a lock or memory the system refused) is
+  // most often gone by the next try: tried again at once, and reported only
+  // when every try failed.
+  for (int attempt = 0; attempt < kAppendAttempts && code != SQLITE_DONE; ++attempt) {
+    sqlite3_bind_blob(m_insert, 1, payload.data(), static_cast<int>(payload.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(m_insert, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
+    code = sqlite3_step(m_insert);
+    if (code != SQLITE_DONE && attempt + 1 == kAppendAttempts) {
+      logFailure(m_appendFailing, m_writer, "cannot store events in the outbox " + m_path,
+                 "; they wait in memory and go into it as soon as it can be written again");
+    }
+    sqlite3_reset(m_insert);
+    sqlite3_clear_bindings(m_insert);
   }
-  sqlite3_reset(m_insert);
-  sqlite3_clear_bindings(m_insert);
   if (code != SQLITE_DONE) return 0;
   if (m_appendFailing) ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "the outbox " + m_path + " stores events again");
   m_appendFailing = false;
@@ -363,8 +369,8 @@ void Outbox::releaseAfterFork(bool inChild) {
   m_checkpointMutex.unlock();
 }
 
-void Outbox::remove(const std::vector<int64_t>& ids) {
-  if (ids.empty()) return;
+bool Outbox::remove(const std::vector<int64_t>& ids) {
+  if (ids.empty()) return true;
   port::MutexLock lock(m_writeMutex);
   int code = sqlite3_exec(m_writer, "BEGIN", nullptr, nullptr, nullptr);
   for (size_t i = 0; code == SQLITE_OK && i < ids.size(); ++i) {
@@ -372,14 +378,17 @@ void Outbox::remove(const std::vector<int64_t>& ids) {
     code = sqlite3_step(m_delete) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(m_writer);
     sqlite3_reset(m_delete);
   }
+  const bool wasFailing = m_removeFailing;
   if (!endTransaction(code, m_removeFailing, "cannot remove acknowledged events from the outbox " + m_path,
-                      "; the next start may deliver them again")) {
-    return;
+                      "; they are removed later, or sent again at the next start")) {
+    return false;
   }
+  if (wasFailing) ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "the outbox " + m_path + " removes events again");
   sqlite3_stmt* any = nullptr;
   m_drained =
       sqlite3_prepare_v2(m_writer, kAnyEvent, -1, &any, nullptr) == SQLITE_OK && sqlite3_step(any) == SQLITE_DONE;
   sqlite3_finalize(any);
+  return true;
 }
 
 bool Outbox::endTransaction(int code, bool& failing, const std::string& what, const std::string& consequence) {
@@ -415,7 +424,11 @@ void Outbox::checkpointLoop() {
       m_checkpointWanted = false;
     }
     port::MutexLock working(m_checkpointMutex);
-    checkpoint();
+    try {
+      checkpoint();
+    } catch (const std::bad_alloc&) {
+      // Short of memory: the next request checkpoints what this one did not.
+    }
   }
 }
 
@@ -460,10 +473,14 @@ void Outbox::shrink() {
 
 void Outbox::logFailure(bool& logged, sqlite3* db, const std::string& what, const std::string& consequence) {
   if (!logged) {
-    std::string reason = sqlite3_errmsg(db);
-    const int systemError = sqlite3_system_errno(db);
-    if (systemError != 0) reason += std::string(" (") + std::strerror(systemError) + ")";
-    ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, what + ": " + reason + consequence);
+    try {
+      std::string reason = sqlite3_errmsg(db);
+      const int systemError = sqlite3_system_errno(db);
+      if (systemError != 0) reason += std::string(" (") + std::strerror(systemError) + ")";
+      ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, what + ": " + reason + consequence);
+    } catch (const std::bad_alloc&) {
+      // Short of memory, the line is lost; what failed is handled all the same.
+    }
   }
   logged = true;
 }

@@ -71,11 +71,13 @@ class Outbox {
   // when the outbox cannot be read. The network thread's; appends
   // may run meanwhile.
   std::vector<Event> waiting(int64_t after, int64_t limit);
-  // Stores one event and returns its id, or 0 when it cannot be stored (one
-  // log line per run of failures). Thread-safe.
+  // Stores one event and returns its id, or 0 when it cannot be stored after
+  // kAppendAttempts tries (one log line per run of failures). Thread-safe.
   int64_t append(const std::string& payload);
-  // Removes the events with these ids, in one transaction.
-  void remove(const std::vector<int64_t>& ids);
+  // Removes the events with these ids, in one transaction. False when they
+  // could not be removed (one log line per run of failures, and one when
+  // removals work again).
+  bool remove(const std::vector<int64_t>& ids);
   // Moves into this outbox what guests that are gone left beside it, and
   // with `liveToo` what live guests still hold (they send their events
   // themselves: this is for an owner that stops), and removes the files of
@@ -109,6 +111,8 @@ class Outbox {
   // About 4 MiB of WAL with SQLite's 4 KiB pages: what the outbox may hold
   // beyond its database file while no broker acknowledges anything.
   static const int kWalBoundFrames = 1024;
+  // Tries of one append before it is reported as failed.
+  static const int kAppendAttempts = 3;
   // Free pages past this (4 MiB) go back to the file system once the outbox
   // holds little: after a drain, when it opens and when it closes.
   static const int kFreePagesBound = 1024;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <system_error>
 
 #include "platform/ksu_log.h"
@@ -41,11 +42,20 @@ const std::chrono::seconds kAcknowledgementTimeout(5);
 const std::chrono::milliseconds kFirstRetryDelay(100);
 const std::chrono::seconds kLongestRetryDelay(1);
 const std::chrono::milliseconds kRetryDelayAfterLoss(500);
-const std::chrono::seconds kLongestPoll(1);  // the client's keep-alive needs a turn this often
+const std::chrono::seconds kLongestPoll(1);              // the client's keep-alive needs a turn this often
+const std::chrono::milliseconds kMemoryRetryPause(100);  // after a turn that ran out of memory
 
 const char kLogFunction[] = "NotificationSupplier";
 
 void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, message); }
+
+// For the network thread's last resort: short of memory, the line is lost.
+void logFailureNoThrow(const std::string& message) noexcept {
+  try {
+    logFailure(message);
+  } catch (...) {
+  }
+}
 
 int openWakeFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -155,17 +165,22 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
   wake();
   m_network.join();
   m_networkThread.claim();  // the thread is gone: what it owned is this one's
+  m_outbox.storeBeforeClosing(m_events);
   const PendingEvents::Dropped undelivered = m_events.clear();
-  const std::string& last = m_attempt.broker;
-  const std::string broker = last.empty() ? "the broker" : "broker " + last;
-  const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
-  if (undelivered.inOutbox > 0) {
-    logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
-               ": they wait in " + m_outbox.whereStoredEventsWait());
-  }
-  if (undelivered.inMemoryOnly > 0) {
-    logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
-               " did not acknowledge them" + within);
+  try {
+    const std::string& last = m_attempt.broker;
+    const std::string broker = last.empty() ? "the broker" : "broker " + last;
+    const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
+    if (undelivered.inOutbox > 0) {
+      logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
+                 ": they wait in " + m_outbox.whereStoredEventsWait());
+    }
+    if (undelivered.inMemoryOnly > 0) {
+      logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
+                 " did not acknowledge them" + within);
+    }
+  } catch (const std::bad_alloc&) {
+    // Short of memory, the lines are lost; the publisher stops all the same.
   }
   m_outbox.close();
 }
@@ -173,36 +188,55 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
 void MqttPublisher::run() {
   m_networkThread.claim();
   m_outbox.keeper().claim();
-  try {
-    m_outbox.loadBacklog(m_events);
-    for (bool stopSeen = false;;) {
-      const Clock::time_point now = Clock::now();
-      const std::optional<Clock::time_point> stopBy = stopDeadline();
-      if (stopBy && !stopSeen) m_outbox.takeInLiveGuests(m_events);
-      stopSeen = stopBy.has_value();
-      m_outbox.takeOverWhenFree(now, stopBy.has_value(), m_events);
-      if (stopBy && (m_events.size() == 0 || now >= *stopBy)) break;
-      if (m_attempt.client == nullptr) {
-        if (now >= m_nextAttempt) connect(now);
-      } else if (!m_attempt.connected && now >= m_attempt.connectBy) {
-        connectionFailed("broker " + m_attempt.broker + " did not accept the connection within " +
-                         std::to_string(kConnectTimeout.count()) + " s");
-      } else if (m_attempt.connected && now - m_events.owedSince().value_or(now) >= kAcknowledgementTimeout) {
-        connectionFailed("lost the connection to broker " + m_attempt.broker + ": nothing acknowledged for " +
-                         std::to_string(kAcknowledgementTimeout.count()) + " s");
-      }
-      if (m_attempt.connected) handOver();
-      serviceNetwork(pollTimeoutMs(now, stopBy));
-      m_outbox.tidy(Clock::now(), m_events);
+  // A failed allocation ends a turn, not the thread: the next turn takes up
+  // where the failed one stopped (a backlog read again may queue an event
+  // twice, never lose one). Anything else ends it.
+  bool backlogLoaded = false;
+  for (bool running = true; running;) {
+    try {
+      if (!backlogLoaded) m_outbox.loadBacklog(m_events);
+      backlogLoaded = true;
+      running = turn();
+    } catch (const std::bad_alloc&) {
+      if (!m_memoryShortLogged) logFailureNoThrow("the notification publisher is short of memory; it tries again");
+      m_memoryShortLogged = true;
+      pause(static_cast<int>(kMemoryRetryPause.count()));
+    } catch (const std::exception& e) {
+      const bool inOutbox = m_outbox.ownsOutbox();
+      port::MutexLock lock(m_controlMutex);
+      m_threadEnded = true;
+      logFailureNoThrow(std::string("the notification publisher's thread failed: ") + e.what() +
+                        (inOutbox ? "; the events in the outbox wait for the next start" : ""));
+      running = false;
     }
-  } catch (const std::exception& e) {
-    const bool inOutbox = !m_outbox.ownedOutboxPath().empty();
-    port::MutexLock lock(m_controlMutex);
-    m_threadEnded = true;
-    logFailure(std::string("the notification publisher's thread failed: ") + e.what() +
-               (inOutbox ? "; the events in the outbox wait for the next start" : ""));
   }
   finish();
+}
+
+bool MqttPublisher::turn() {
+  const Clock::time_point now = Clock::now();
+  const std::optional<Clock::time_point> stopBy = stopDeadline();
+  if (stopBy) m_outbox.takeInLiveGuests(m_events);
+  m_outbox.takeOverWhenFree(now, stopBy.has_value(), m_events);
+  if (stopBy && (m_events.size() == 0 || now >= *stopBy)) return false;
+  if (m_attempt.client == nullptr) {
+    if (now >= m_nextAttempt) connect(now);
+  } else if (!m_attempt.connected && now >= m_attempt.connectBy) {
+    connectionFailed("broker " + m_attempt.broker + " did not accept the connection within " +
+                     std::to_string(kConnectTimeout.count()) + " s");
+  } else if (m_attempt.connected && now - m_events.owedSince().value_or(now) >= kAcknowledgementTimeout) {
+    connectionFailed("lost the connection to broker " + m_attempt.broker + ": nothing acknowledged for " +
+                     std::to_string(kAcknowledgementTimeout.count()) + " s");
+  }
+  if (m_attempt.connected) handOver();
+  serviceNetwork(pollTimeoutMs(now, stopBy));
+  m_outbox.tidy(Clock::now(), m_events);
+  return true;
+}
+
+void MqttPublisher::pause(int timeoutMs) noexcept {
+  pollfd wakeup = {m_wakeFd, POLLIN, 0};
+  poll(&wakeup, 1, timeoutMs);
 }
 
 std::optional<MqttPublisher::Clock::time_point> MqttPublisher::stopDeadline() {
@@ -269,7 +303,9 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
   }
   if (poll(fds, count, timeoutMs) < 0) {
     const int savedErrno = errno;
-    if (savedErrno != EINTR) logFailure(std::string("poll failed: ") + std::strerror(savedErrno));
+    if (savedErrno == EINTR) return;
+    if (!m_pollFailureLogged) logFailure(std::string("poll failed: ") + std::strerror(savedErrno));
+    m_pollFailureLogged = true;
     return;
   }
   if (fds[0].revents != 0) drainWakeups();
@@ -330,7 +366,11 @@ void MqttPublisher::finish() {
   if (m_attempt.client != nullptr && m_attempt.connected)
     mosquitto_disconnect(m_attempt.client);  // written at once: the client is not threaded
   closeClient();
-  m_outbox.removeAcknowledged();
+  try {
+    m_outbox.removeAcknowledged();
+  } catch (const std::bad_alloc&) {
+    // They stay in the outbox: the next start delivers them again.
+  }
 }
 
 void MqttPublisher::wake() {
@@ -358,6 +398,8 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
     }
     attempt.connected = true;
     publisher->m_outageLogged = false;
+    publisher->m_pollFailureLogged = false;
+    publisher->m_memoryShortLogged = false;
     publisher->m_rotation.connected();
     std::string& lastReached = publisher->m_lastReached;
     if (lastReached.empty() || lastReached == attempt.broker) {

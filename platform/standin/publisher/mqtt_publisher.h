@@ -96,6 +96,10 @@ class MqttPublisher final : public ForkingPublisher {
   // The network thread: connects, hands the queue's oldest events to the
   // connection, services it, and keeps the outbox side up, until stop().
   void run();
+  // One turn of the network thread; false once it should stop.
+  bool turn() REQUIRES(m_networkThread, m_outbox.keeper());
+  // Waits up to `timeoutMs`, or until publish() or stop() wakes the thread.
+  void pause(int timeoutMs) noexcept;
   // When stop() has asked the network thread to end by, if it has.
   std::optional<Clock::time_point> stopDeadline() EXCLUDES(m_controlMutex);
   void connect(Clock::time_point now) REQUIRES(m_networkThread);
@@ -136,6 +140,10 @@ class MqttPublisher final : public ForkingPublisher {
   std::string m_lastReached GUARDED_BY(m_networkThread);  // "host:port" of the last connection made
   BrokerRotation m_rotation GUARDED_BY(m_networkThread);
   bool m_outageLogged GUARDED_BY(m_networkThread) = false;
+  // Failures of the thread's own that recur at every turn: logged once per
+  // connection.
+  bool m_pollFailureLogged GUARDED_BY(m_networkThread) = false;
+  bool m_memoryShortLogged GUARDED_BY(m_networkThread) = false;
   Clock::time_point m_nextAttempt GUARDED_BY(m_networkThread);
 };
 

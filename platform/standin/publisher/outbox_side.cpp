@@ -1,5 +1,7 @@
 #include "platform/standin/publisher/outbox_side.h"
 
+#include <new>
+#include <thread>
 #include <utility>
 
 #include "platform/ksu_log.h"
@@ -20,6 +22,15 @@ const std::chrono::seconds kAdoptionInterval(1);    // how long a guest's event 
 // the event again, as an acknowledgement lost on the way would.
 const std::chrono::milliseconds kRemovalInterval(100);
 const size_t kRemovalBatch = 500;
+// A removal that failed is tried again with the next batch, keeping at most
+// this many ids; beyond, the next start sends those events again.
+const size_t kRemovalsKept = 100000;
+// Events that wait in memory only because the outbox failed a write are
+// stored at this pace while it fails; at the stop, tried this often at most.
+const std::chrono::milliseconds kStoreInterval(100);
+const int kStoreAttemptsAtStop = 20;
+const std::chrono::milliseconds kStorePauseAtStop(25);
+const char kWaitForIt[] = "; alerts wait in memory and go into it once it can be used";
 
 const char kLogFunction[] = "NotificationSupplier";
 
@@ -32,6 +43,7 @@ OutboxSide::OutboxSide() : OutboxSide(openConfigured()) {}
 OutboxSide::OutboxSide(Stores stores)
     : m_capacity(stores.outbox || stores.guest ? kOutboxCapacity : kMemoryCapacity),
       m_location(std::move(stores.location)),
+      m_reopen(stores.retry),
       m_guest(std::move(stores.guest)),
       m_outbox(std::move(stores.outbox)) {}
 
@@ -39,38 +51,48 @@ OutboxSide::Stores OutboxSide::openConfigured() {
   Stores stores;
   std::string path;
   std::string error;
+  stores.retry = true;  // until the outbox or a guest file is open, or none is wanted
   if (!readOutboxPath(path, error)) {
-    logFailure("cannot tell where the outbox is: " + error + "; alerts wait in memory only");
+    logFailure("cannot tell where the outbox is: " + error + kWaitForIt);
     return stores;
   }
-  if (path.empty()) return stores;
+  if (path.empty()) {
+    stores.retry = false;
+    return stores;
+  }
   if (!locateOutbox(path, stores.location, error)) {
-    logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+    logFailure("cannot use the outbox " + path + ": " + error + kWaitForIt);
     return stores;
   }
   bool fullSync = true;
   if (!readOutboxSync(fullSync, error)) logFailure(error + "; every alert is synced to the disk meanwhile");
   bool ownedElsewhere = false;
   stores.outbox = Outbox::open(stores.location, fullSync, error, ownedElsewhere);
+  stores.retry = !stores.outbox;
   if (stores.outbox) return stores;
   if (ownedElsewhere) {
     const std::string why = error;
     stores.guest = GuestOutbox::open(stores.location, fullSync, error);
     if (stores.guest) {
+      stores.retry = false;  // the guest tries to take over all the same
       ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
                      "the outbox " + path + " is not this process's (" + why + "): alerts are kept in " +
                          stores.guest->path() + " until the broker acknowledges them");
       return stores;
     }
   }
-  logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+  logFailure("cannot use the outbox " + path + ": " + error + kWaitForIt);
   return stores;
 }
 
 OutboxSide::Stored OutboxSide::accept(std::string payload, PendingEvents& events) {
   port::MutexLock lock(m_mutex);
   if (events.full()) return Stored::kFull;
-  const int64_t storedId = m_outbox ? m_outbox->append(payload) : m_guest ? m_guest->append(payload) : 0;
+  // After those that wait in memory only, so that the outbox keeps the
+  // order accepted; while they cannot be stored, this one waits with them.
+  const int64_t storedId = m_outbox  ? (storeMemoryOnly(events) ? m_outbox->append(payload) : 0)
+                           : m_guest ? m_guest->append(payload)
+                                     : 0;
   const bool connectionIdle = events.push(std::move(payload), storedId);
   // Alerts faster than the network thread's turns must not let the WAL
   // outgrow its bound: that thread asks for the checkpoint.
@@ -89,6 +111,11 @@ std::string OutboxSide::ownedOutboxPath() const {
   return m_outbox ? m_outbox->path() : std::string();
 }
 
+bool OutboxSide::ownsOutbox() const {
+  port::MutexLock lock(m_mutex);
+  return m_outbox != nullptr;
+}
+
 Outbox* OutboxSide::owned() const {
   port::MutexLock lock(m_mutex);
   return m_outbox.get();
@@ -98,6 +125,7 @@ void OutboxSide::startAfresh(std::string found, PendingEvents& events) {
   port::MutexLock lock(m_mutex);
   const std::string path = m_outbox->path();
   if (!m_outbox->startAfreshAsDamaged(found)) {
+    // Not tried again: the damaged file would open, and fail the same way.
     logFailure("cannot use the outbox " + path + ": " + found + "; alerts wait in memory only");
     m_outbox.reset();
   }
@@ -135,10 +163,12 @@ void OutboxSide::loadBacklog(PendingEvents& events) {
 }
 
 void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingEvents& events) {
+  bool wasGuest = false;
   {
     port::MutexLock lock(m_mutex);
-    if (!m_guest) return;
+    wasGuest = m_guest != nullptr;
   }
+  if (!wasGuest && !m_reopen) return;
   // A guest that is stopping tries at once: its events then go out within
   // the grace, rather than waiting for the next owner.
   if (!stopping && now < m_nextAdoption) return;
@@ -146,6 +176,10 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
   if (events.holdsStored()) return;
   removeAcknowledged();
   std::string error;
+  if (!m_location.directory) {  // the configuration or the directory failed when the side opened
+    std::string path;
+    if (!readOutboxPath(path, error) || path.empty() || !locateOutbox(path, m_location, error)) return;
+  }
   bool fullSync = true;
   bool ownedElsewhere = false;
   readOutboxSync(fullSync, error);
@@ -165,9 +199,33 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
     m_outbox = std::move(outbox);
     events.holdForBacklog();
   }
+  m_reopen = false;
   ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                 "the outbox " + m_location.path() + " is this process's now: its events go out from here");
+                 "the outbox " + m_location.path() +
+                     (wasGuest ? " is this process's now: its events go out from here"
+                               : " can be used now: alerts that waited in memory go into it"));
   loadBacklog(events);
+  port::MutexLock lock(m_mutex);
+  storeMemoryOnly(events);
+}
+
+bool OutboxSide::storeMemoryOnly(PendingEvents& events) {
+  if (!m_outbox) return false;
+  return events.storeMemoryOnly([this](const std::string& payload)
+                                    NO_THREAD_SAFETY_ANALYSIS { return m_outbox->append(payload); });
+}
+
+void OutboxSide::storeBeforeClosing(PendingEvents& events) {
+  events.releaseHeld();  // a thread that ended while a backlog loaded held them
+  for (int attempt = 0; attempt < kStoreAttemptsAtStop && events.memoryOnly() > 0; ++attempt) {
+    if (attempt > 0) std::this_thread::sleep_for(kStorePauseAtStop);
+    port::MutexLock lock(m_mutex);
+    try {
+      if (!m_outbox || storeMemoryOnly(events)) return;
+    } catch (const std::bad_alloc&) {
+      // Short of memory for a log line: tried again like a failed write.
+    }
+  }
 }
 
 void OutboxSide::adopt(Outbox& outbox, bool liveToo, PendingEvents& events) {
@@ -177,16 +235,23 @@ void OutboxSide::adopt(Outbox& outbox, bool liveToo, PendingEvents& events) {
 }
 
 void OutboxSide::takeInLiveGuests(PendingEvents& events) {
+  if (m_liveGuestsTaken) return;
+  m_liveGuestsTaken = true;
   if (Outbox* outbox = owned()) adopt(*outbox, true, events);
 }
 
 void OutboxSide::tidy(Clock::time_point now, PendingEvents& events) {
-  if (now >= m_nextRemoval || m_acknowledged.size() >= kRemovalBatch) {
+  if (now >= m_nextRemoval || (m_acknowledged.size() >= kRemovalBatch && !m_removalFailed)) {
     removeAcknowledged();
     m_nextRemoval = now + kRemovalInterval;
   }
   Outbox* const outbox = owned();
   if (outbox == nullptr) return;
+  if (now >= m_nextStore && events.memoryOnly() > 0) {
+    port::MutexLock lock(m_mutex);
+    storeMemoryOnly(events);
+    m_nextStore = now + kStoreInterval;
+  }
   if (now >= m_nextAdoption) {
     adopt(*outbox, false, events);
     m_nextAdoption = now + kAdoptionInterval;
@@ -202,7 +267,10 @@ void OutboxSide::acknowledged(int64_t outboxId) {
 
 void OutboxSide::removeAcknowledged() {
   if (Outbox* outbox = owned()) {
-    outbox->remove(m_acknowledged);
+    m_removalFailed = !outbox->remove(m_acknowledged);
+    // Kept for the next removal, up to a bound: a removal that keeps failing
+    // sends those events again at the next start, never loses one.
+    if (m_removalFailed && m_acknowledged.size() < kRemovalsKept) return;
   } else {
     port::MutexLock lock(m_mutex);  // a guest file's removals are short: one process's few events
     if (m_guest) m_guest->remove(m_acknowledged);

@@ -23,13 +23,15 @@ namespace standin {
 // here: in the outbox the configuration names when this process owns it, in
 // this process's guest file beside it while another process does (what is
 // left there when this process ends, the owner sends), in memory only
-// without one or when it cannot be used. Acknowledged events are removed
-// from either in batches. A guest becomes the owner once the outbox is free
-// and its guest file owes nothing. The owner queues what an earlier run left
-// in the outbox before what is accepted meanwhile, takes in what guests that
-// are gone stored, and what live ones hold when it stops, and asks for the
-// outbox's checkpoints. Failures are
-// logged at level 16 under "NotificationSupplier".
+// without one. A guest becomes the owner once the outbox is free and its
+// guest file owes nothing. An outbox that cannot be opened is tried again
+// every second, and one that fails a write at the next event: meanwhile
+// events wait in memory, and go into it in the order accepted once it takes
+// writes, at the latest at the stop. The owner queues what an earlier run
+// left in the outbox before what is accepted meanwhile, takes in what guests
+// that are gone stored, and what live ones hold when it stops, removes
+// acknowledged events in batches and asks for the outbox's checkpoints.
+// Failures are logged at level 16 under "NotificationSupplier".
 //
 // The rule: m_mutex guards which store is in use, and is held across each
 // store and the push of the same events onto the publisher's queue (accept(),
@@ -71,6 +73,8 @@ class OutboxSide {
   // line: "the outbox <path> for the next start", or "<guest file> for the
   // outbox's owner". Thread-safe.
   std::string whereStoredEventsWait() const EXCLUDES(m_mutex);
+  // Whether this process owns an outbox; allocates nothing. Thread-safe.
+  bool ownsOutbox() const EXCLUDES(m_mutex);
 
   // The keeper's role: the network thread claims it where it starts.
   const port::ThreadRole& keeper() const RETURN_CAPABILITY(m_keeper) { return m_keeper; }
@@ -81,21 +85,28 @@ class OutboxSide {
   void loadBacklog(PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // A guest tries every second, and at once when `stopping`, to become the
   // outbox's owner once its guest file owes nothing (its ids there are no
-  // outbox's): it opens the outbox and loads the backlog. Does nothing for
-  // an owner.
+  // outbox's), and so does a side whose outbox could not be opened: it opens
+  // the outbox, moves its guest file's events in, loads the backlog and
+  // stores what waited in memory meanwhile. Does nothing for an owner.
   void takeOverWhenFree(Clock::time_point now, bool stopping, PendingEvents& events) REQUIRES(m_keeper)
       EXCLUDES(m_mutex);
-  // The housekeeping, at every turn of the network loop: removes the
-  // acknowledged batch; an owner also adopts what guests that are gone
-  // stored (each second) and asks for a checkpoint when one is due.
+  // An owner's housekeeping, at every turn of the network loop: stores what
+  // waits in memory only (every 100 ms), adopts what guests that are gone
+  // stored (each second), removes the acknowledged batch (kept for the next
+  // removal when this one fails), and asks for a checkpoint when one is due.
   void tidy(Clock::time_point now, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // An owner that stops takes in what live guests hold, so that it goes out
-  // with its own or waits in the outbox. Does nothing for a guest.
+  // with its own or waits in the outbox; once, the later calls do nothing.
+  // Does nothing for a guest.
   void takeInLiveGuests(PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // The broker acknowledged the event stored under `outboxId` (0: none).
   void acknowledged(int64_t outboxId) REQUIRES(m_keeper);
   // Removes the acknowledged batch now: the network thread is ending.
   void removeAcknowledged() REQUIRES(m_keeper) EXCLUDES(m_mutex);
+  // Stores what still waits in memory only on `events`, trying a failing
+  // outbox again for about half a second. Once the network thread has ended,
+  // before the queue is cleared.
+  void storeBeforeClosing(PendingEvents& events) EXCLUDES(m_mutex);
   // Closes the outbox and the guest file; events accepted later wait in
   // memory only. Once the network thread has ended.
   void close() EXCLUDES(m_mutex);
@@ -110,6 +121,7 @@ class OutboxSide {
     OutboxLocation location;
     std::unique_ptr<GuestOutbox> guest;
     std::unique_ptr<Outbox> outbox;
+    bool retry = false;  // the outbox could not be located or opened: try again
   };
   // The stores the configuration names: the outbox, or null (logged unless
   // it is "none"); when another process owns it, this process's guest file
@@ -125,14 +137,24 @@ class OutboxSide {
   void adopt(Outbox& outbox, bool liveToo, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
   // A damaged outbox starts afresh; what the queue holds back is stored again.
   void startAfresh(std::string found, PendingEvents& events) REQUIRES(m_keeper) EXCLUDES(m_mutex);
+  // Stores the events of `events` that wait in memory only in the outbox,
+  // oldest first. True when none is left in memory only; false also without
+  // an outbox.
+  bool storeMemoryOnly(PendingEvents& events) REQUIRES(m_mutex);
 
   const size_t m_capacity;
-  const OutboxLocation m_location;  // where the outbox and the guest file live, set when the side opens
   port::ThreadRole m_keeper;
+  // Where the outbox and the guest file live: set when the side opens, or by
+  // the keeper once it can be when that failed.
+  OutboxLocation m_location GUARDED_BY(m_keeper);
+  bool m_reopen GUARDED_BY(m_keeper);  // the outbox could not be opened: the keeper tries again
   mutable port::Mutex m_mutex;
   std::unique_ptr<GuestOutbox> m_guest GUARDED_BY(m_mutex);
   std::unique_ptr<Outbox> m_outbox GUARDED_BY(m_mutex);
   std::vector<int64_t> m_acknowledged GUARDED_BY(m_keeper);  // stored ids, removed in batches
+  bool m_removalFailed GUARDED_BY(m_keeper) = false;         // the batch waits for the next turn
+  bool m_liveGuestsTaken GUARDED_BY(m_keeper) = false;       // at the stop, once
+  Clock::time_point m_nextStore GUARDED_BY(m_keeper);        // of what waits in memory only
   Clock::time_point m_nextRemoval GUARDED_BY(m_keeper);
   Clock::time_point m_nextCheckpoint GUARDED_BY(m_keeper);
   Clock::time_point m_nextAdoption GUARDED_BY(m_keeper);

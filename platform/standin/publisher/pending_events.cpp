@@ -24,6 +24,7 @@ std::chrono::steady_clock::time_point acceptedAt(int64_t raised) {
 
 bool PendingEvents::push(std::string payload, int64_t outboxId, Clock::time_point accepted) {
   port::MutexLock lock(m_mutex);
+  if (outboxId == 0) ++m_memoryOnly;
   if (!m_holding) {
     const bool allTaken = m_handedOver == m_events.size();
     m_events.push_back(Event{std::move(payload), outboxId, 0, accepted});
@@ -54,7 +55,9 @@ void PendingEvents::storeHeldAgain(const std::function<int64_t(const std::string
   port::MutexLock lock(m_mutex);
   m_firstHeldId = 0;
   for (Event& event : m_held) {
+    if (event.outboxId == 0) --m_memoryOnly;
     event.outboxId = store(event.payload);
+    if (event.outboxId == 0) ++m_memoryOnly;
     if (m_firstHeldId == 0) m_firstHeldId = event.outboxId;
   }
 }
@@ -65,6 +68,23 @@ void PendingEvents::releaseHeld() {
   std::vector<Event>().swap(m_held);
   m_firstHeldId = 0;
   m_holding = false;
+}
+
+bool PendingEvents::storeMemoryOnly(const std::function<int64_t(const std::string& payload)>& store) {
+  port::MutexLock lock(m_mutex);
+  if (m_holding) return m_memoryOnly == 0;
+  for (auto event = m_events.begin(); m_memoryOnly > 0 && event != m_events.end(); ++event) {
+    if (event->outboxId != 0) continue;
+    event->outboxId = store(event->payload);
+    if (event->outboxId == 0) return false;
+    --m_memoryOnly;
+  }
+  return m_memoryOnly == 0;
+}
+
+size_t PendingEvents::memoryOnly() const {
+  port::MutexLock lock(m_mutex);
+  return m_memoryOnly;
 }
 
 void PendingEvents::handOver(size_t window, const Publish& publish) {
@@ -93,6 +113,7 @@ int64_t PendingEvents::acknowledge(int messageId) {
   for (size_t i = 0; i < m_handedOver; ++i) {
     if (m_events[i].messageId == messageId) {
       const int64_t outboxId = m_events[i].outboxId;
+      if (outboxId == 0) --m_memoryOnly;
       metrics::alertDelivered(Clock::now() - m_events[i].accepted);
       m_events.erase(m_events.begin() + static_cast<std::ptrdiff_t>(i));
       --m_handedOver;
@@ -133,6 +154,7 @@ PendingEvents::Dropped PendingEvents::clear() {
   m_events.clear();
   m_held.clear();
   m_handedOver = 0;
+  m_memoryOnly = 0;
   return dropped;
 }
 

@@ -85,6 +85,14 @@ class PendingEvents : public metrics::WaitingQueue {
   void storeHeldAgain(const std::function<int64_t(const std::string& payload)>& store);
   // Queues the held events after the backlog, and holds no more.
   void releaseHeld();
+  // Stores the queued events that wait in memory only (outbox id 0), oldest
+  // first, each under the id `store` gives it, until `store` cannot store one
+  // (returns 0). True when no queued event waits in memory only then. While
+  // a backlog loads it stores nothing: an id given meanwhile could put an
+  // event in the backlog's pages too.
+  bool storeMemoryOnly(const std::function<int64_t(const std::string& payload)>& store);
+  // How many events, held ones included, wait in memory only.
+  size_t memoryOnly() const;
   // Hands the oldest events not yet handed over to `publish`, in order, until
   // `window` events are handed over or `publish` refuses one.
   void handOver(size_t window, const Publish& publish);
@@ -129,6 +137,7 @@ class PendingEvents : public metrics::WaitingQueue {
   // events are handed over oldest first, so it is the oldest hand-over.
   Clock::time_point m_firstHandedOverAt GUARDED_BY(m_mutex);
   Clock::time_point m_lastAcknowledgedAt GUARDED_BY(m_mutex);
+  size_t m_memoryOnly GUARDED_BY(m_mutex) = 0;  // events of m_events and m_held with outbox id 0
 };
 
 }  // namespace standin

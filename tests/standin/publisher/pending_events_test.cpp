@@ -172,4 +172,42 @@ TEST(PendingEvents, OwesAnAcknowledgementSinceTheOldestHandOverOrTheLastAcknowle
   EXPECT_FALSE(events.owedSince());
 }
 
+// Events that the outbox failed to take wait in memory and go into it later,
+// oldest first, stopping at the first the outbox refuses again, never while a
+// backlog loads; one acknowledged meanwhile needs storing no more.
+TEST(PendingEvents, StoresWhatWaitsInMemoryOnlyInOrderOnceTheOutboxTakesWritesAgain) {
+  standin::PendingEvents events(10);
+  events.push("held", 0);  // a backlog is loading
+  std::vector<std::string> stored;
+  int64_t nextId = 100;
+  const auto store = [&](const std::string& payload) -> int64_t {
+    if (payload == "refused") return 0;
+    stored.push_back(payload);
+    return nextId++;
+  };
+  EXPECT_FALSE(events.storeMemoryOnly(store));
+  EXPECT_TRUE(stored.empty());
+  events.releaseHeld();
+  events.push("a", 7);
+  events.push("refused", 0);
+  events.push("b", 0);
+  EXPECT_EQ(events.memoryOnly(), 3u);
+
+  EXPECT_FALSE(events.storeMemoryOnly(store));
+  EXPECT_EQ(stored, std::vector<std::string>{"held"});
+  EXPECT_EQ(events.memoryOnly(), 2u);
+
+  Connection connection{2, 1, {}};
+  events.handOver(3, connection.publish());            // "held" and "a"
+  events.handOver(3, Connection{5, 3, {}}.publish());  // "refused" as message 3
+  EXPECT_EQ(events.acknowledge(3), 0);                 // delivered before it was stored
+  EXPECT_EQ(events.memoryOnly(), 1u);
+  EXPECT_TRUE(events.storeMemoryOnly(store));
+  EXPECT_EQ(stored, (std::vector<std::string>{"held", "b"}));
+  EXPECT_EQ(events.acknowledge(1), 100);  // "held", under its new id
+  const standin::PendingEvents::Dropped dropped = events.clear();
+  EXPECT_EQ(dropped.inOutbox, 2u);  // "a" and "b"
+  EXPECT_EQ(dropped.inMemoryOnly, 0u);
+}
+
 }  // namespace
