@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build test test-site demo fleet chaos package upgrade-check test-asan test-tsan bench fuzz memcheck clean
+.PHONY: all deps build test test-site demo fleet chaos faults package upgrade-check test-asan test-tsan bench fuzz memcheck clean
 
 all: build
 
@@ -48,6 +48,16 @@ CHAOS_ENGINES ?= 10
 CHAOS_SECONDS ?= 180
 chaos: build
 	CHAOS_SEED=$(CHAOS_SEED) CHAOS_ENGINES=$(CHAOS_ENGINES) CHAOS_SECONDS=$(CHAOS_SECONDS) bash scripts/chaos.sh $(BUILD)
+
+# One engine whose system calls fail at random, by a choice of failure points
+# and chances drawn from FAULTS_SEED (libfiu): I/O, memory and network calls
+# of the library and the libraries it uses; one summary line, and a failure
+# for each broken invariant (a crash or hang, an accepted alert lost, a
+# damaged outbox, a VM requested twice, a failure logged at each retry).
+FAULTS_SEED ?= 1
+FAULTS_SECONDS ?= 120
+faults: build
+	FAULTS_SEED=$(FAULTS_SEED) FAULTS_SECONDS=$(FAULTS_SECONDS) bash scripts/faults.sh $(BUILD)
 
 # The Debian packages libkscdp1, libkscdp-dev and kscdp-tools, in
 # $(BUILD)/packages/.

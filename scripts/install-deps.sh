@@ -16,6 +16,7 @@ packages=(
   clang clang-format libclang-rt-dev valgrind python3
   dpkg-dev lintian mandoc abigail-tools
   python3-prometheus-client gnuplot-nox prometheus curl
+  fiu-utils libfiu-dev
 )
 
 packages+=("$@")  # what a target needs only when asked, e.g. rabbitmq-server
