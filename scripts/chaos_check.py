@@ -25,6 +25,17 @@ def read_lines(path):
         return []
 
 
+def backup_requests(work, failures):
+    """How many backups the master simulator was asked for (its record in the run's directory)."""
+    try:
+        with open(os.path.join(work, "master-requests.json"), encoding="utf-8") as f:
+            requests = json.load(f)
+    except (OSError, ValueError) as e:
+        failures.append(f"the master simulator's record cannot be read: {e}")
+        return 0
+    return sum(1 for r in requests if r.get("method") == "POST")
+
+
 def payload_key(line):
     """(server, VM id as 32 hex digits, job id or None) of one delivered alert."""
     try:
@@ -154,13 +165,7 @@ def main():
             elif run.done is not None:
                 failures.append(before(engine, f"run {number} recorded no resources"))
 
-    try:
-        with open(os.path.join(work, "master-requests.json"), encoding="utf-8") as f:
-            requests = json.load(f)
-    except (OSError, ValueError) as e:
-        requests = []
-        failures.append(f"the master simulator's record cannot be read: {e}")
-    daemon_posts = sum(1 for r in requests if r.get("method") == "POST")
+    daemon_posts = backup_requests(work, failures)
     if daemon_posts > passes:
         failures.append(f"the master got {daemon_posts} backup requests for {passes} eviction passes: a VM was "
                         f"requested more often than its failed passes plus one; the last fault: "

@@ -111,16 +111,14 @@ trap 'echo; echo "faults: interrupted" >&2; exit 130' INT TERM
 started=$SECONDS
 run_name=faults
 bound_key=FAULTS_SECONDS
+site_tls=off  # the faults are the host's own calls, not the links
 # shellcheck source=scripts/site_run.sh
 . "$(dirname "$0")/site_run.sh"
 
 pick_port broker_port
 start_broker 1 "$broker_port"
 # Jobs last as long as the engine's polls: it raises alerts before each.
-"$bin/kscdp-master-sim" --port 0 --job-seconds "$job_seconds" >"$work/master-sim.out" 2>&1 &
-pids+=($!)
-wait_for "the master simulator to listen" grep -qs 'listening on' "$work/master-sim.out"
-master_url=$(grep -o 'http://[0-9.]*:[0-9]*' "$work/master-sim.out" | head -n 1)
+start_master --job-seconds "$job_seconds"
 mosquitto_sub -h 127.0.0.1 -p "$broker_port" -q 1 -c -i kscdp-faults -t "$topic" >"$work/alerts.jsonl" &
 pids+=($!)
 wait_for "the subscriber" grep -qs 'New client connected.*kscdp-faults' "$work/broker-1/mosquitto.log"
@@ -174,12 +172,7 @@ seconds=$(seconds_since "$run_started")
 # The subscriber gets what the broker kept.
 ((broker_away)) && start_broker 1 "$broker_port"
 
-curl_requests() {
-  exec 3<>"/dev/tcp/127.0.0.1/${master_url##*:}"
-  printf 'GET /sim/requests HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' >&3
-  sed '1,/^\r$/d' <&3
-}
-curl_requests >"$work/master-requests.json"
+master_request GET /sim/requests >"$work/master-requests.json"
 
 check() {
   /usr/bin/python3 -B "$(dirname "$0")/faults_check.py" --work "$work" --seed "$seed" --status "$status" \

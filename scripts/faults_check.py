@@ -5,13 +5,12 @@ subscriber's alerts, the outbox, the master simulator's record and the counts
 of failed calls. Prints the summary line and, for each invariant that failed,
 what broke; exit status 0 when all hold. With --quiet, prints nothing."""
 import argparse
-import json
 import os
 import re
 import sqlite3
 import sys
 
-from chaos_check import CALL_MARGIN_SECONDS, PASS_LOG, Run, payload_key, read_lines
+from chaos_check import CALL_MARGIN_SECONDS, PASS_LOG, Run, backup_requests, payload_key, read_lines
 
 # What each entry point may return (backup_engine.h): its own codes, and an
 # errno value where the configuration cannot be read.
@@ -147,13 +146,7 @@ def main():
                         f"number {missing[0]}")
 
     passes = sum(PASS_LOG in l for l in log_lines)
-    try:
-        with open(os.path.join(work, "master-requests.json"), encoding="utf-8") as f:
-            requests = json.load(f)
-    except (OSError, ValueError) as e:
-        requests = []
-        failures.append(f"the master simulator's record cannot be read: {e}")
-    daemon_posts = sum(1 for r in requests if r.get("method") == "POST")
+    daemon_posts = backup_requests(work, failures)
     if daemon_posts > passes:
         failures.append(f"the master got {daemon_posts} backup requests for {passes} eviction passes: a VM was "
                         f"requested twice in one pass")

@@ -1,4 +1,4 @@
-# What scripts/demo.sh, fleet.sh and chaos.sh share (sourced): waiting within
+# What scripts/demo.sh, fleet.sh, chaos.sh and faults.sh share (sourced): waiting within
 # the run's bound, free loopback ports, the run's certificates, mosquitto
 # brokers, the master simulator and subscribers. They set run_name ("fleet"),
 # bound (seconds), bound_key (the variable that sets it), started ($SECONDS
