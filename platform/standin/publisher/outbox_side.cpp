@@ -81,7 +81,9 @@ OutboxSide::Stores OutboxSide::openConfigured() {
       return stores;
     }
   }
-  logFailure("cannot use the outbox " + path + ": " + error + kWaitForIt);
+  // Tried again all the same, without a line: a file that failed to open
+  // (an I/O error, a lock or memory refused) most often opens next time.
+  logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
   return stores;
 }
 
