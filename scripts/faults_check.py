@@ -73,15 +73,18 @@ def raise_results(log_lines):
 
 
 def repeated_failures(log_lines):
-    """Publisher failures logged again with nothing between: logged once per retry, not once."""
+    """Publisher failures logged a third time with nothing between: logged once per retry, not once. (Twice
+    may be two failures whose recovery line a failed allocation kept out of the log.)"""
     repeated = []
     last = None
+    run = 0
     for line in log_lines:
         m = LOG_LINE.match(line)
         if not m or m.group(2) != PUBLISHER:
             continue
         message = re.sub(r"\d+", "#", m.group(3))
-        if int(m.group(1)) >= FAILURE_LEVEL and message == last:
+        run = run + 1 if message == last else 1
+        if int(m.group(1)) >= FAILURE_LEVEL and run >= 3:
             repeated.append(m.group(3))
         last = message
     return repeated
