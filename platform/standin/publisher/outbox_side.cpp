@@ -108,11 +108,6 @@ std::string OutboxSide::whereStoredEventsWait() const {
   return m_guest ? m_guest->path() + " for the outbox's owner" : std::string();
 }
 
-std::string OutboxSide::ownedOutboxPath() const {
-  port::MutexLock lock(m_mutex);
-  return m_outbox ? m_outbox->path() : std::string();
-}
-
 bool OutboxSide::ownsOutbox() const {
   port::MutexLock lock(m_mutex);
   return m_outbox != nullptr;

@@ -66,9 +66,6 @@ class OutboxSide {
   size_t capacity() const { return m_capacity; }
   // Stores `payload` and queues it on `events`, or refuses it. Thread-safe.
   Stored accept(std::string payload, PendingEvents& events) EXCLUDES(m_mutex);
-  // Whether this process owns an outbox, and its path (empty without one).
-  // Thread-safe.
-  std::string ownedOutboxPath() const EXCLUDES(m_mutex);
   // Where stored events wait once this publisher has stopped, for a log
   // line: "the outbox <path> for the next start", or "<guest file> for the
   // outbox's owner". Thread-safe.
