@@ -20,6 +20,7 @@
 #include "platform/standin/mqtt/client_setup.h"
 #include "platform/standin/mqtt/early_close.h"
 #include "platform/standin/mqtt/mosquitto_library.h"
+#include "platform/standin/publisher/publisher_log.h"
 #include "platform/standin/publisher/registry.h"
 
 namespace standin {
@@ -45,14 +46,10 @@ const std::chrono::milliseconds kRetryDelayAfterLoss(500);
 const std::chrono::seconds kLongestPoll(1);              // the client's keep-alive needs a turn this often
 const std::chrono::milliseconds kMemoryRetryPause(100);  // after a turn that ran out of memory
 
-const char kLogFunction[] = "NotificationSupplier";
-
-void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, message); }
-
 // For the network thread's last resort: short of memory, the line is lost.
 void logFailureNoThrow(const std::string& message) noexcept {
   try {
-    logFailure(message);
+    logPublisherFailure(message);
   } catch (...) {
   }
 }
@@ -61,7 +58,7 @@ int openWakeFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (fd < 0) {
     const int error = errno;
-    logFailure(std::string("cannot start the notification publisher: eventfd: ") + std::strerror(error));
+    logPublisherFailure(std::string("cannot start the notification publisher: eventfd: ") + std::strerror(error));
     throw std::system_error(error, std::generic_category(), "eventfd");
   }
   return fd;
@@ -84,7 +81,7 @@ MqttPublisher::MqttPublisher()
   try {
     m_network = std::thread(&MqttPublisher::run, this);
   } catch (const std::system_error& e) {
-    logFailure(std::string("cannot start the notification publisher's thread: ") + e.what());
+    logPublisherFailure(std::string("cannot start the notification publisher's thread: ") + e.what());
     close(m_wakeFd);
     throw;
   }
@@ -105,7 +102,8 @@ MqttPublisher::~MqttPublisher() {
 
 int MqttPublisher::publish(std::string payload) {
   if (payload.size() > kLargestPayload) {
-    logFailure("refused an event of " + std::to_string(payload.size()) + " bytes: too large for one MQTT message");
+    logPublisherFailure("refused an event of " + std::to_string(payload.size()) +
+                        " bytes: too large for one MQTT message");
     return kRefusedTooLarge;
   }
   {
@@ -113,12 +111,12 @@ int MqttPublisher::publish(std::string payload) {
     // the network thread before it stops.
     port::MutexLock lock(m_controlMutex);
     if (m_stopDeadline) {
-      logFailure("refused an event: the publisher has been shut down");
+      logPublisherFailure("refused an event: the publisher has been shut down");
       return kRefusedStopped;
     }
     if (m_threadEnded) {
       if (!m_refusalLogged) {
-        logFailure(
+        logPublisherFailure(
             "refusing events: the publisher's network thread has ended; stop the alert thread and raise the "
             "alert again to start a new publisher");
       }
@@ -128,7 +126,8 @@ int MqttPublisher::publish(std::string payload) {
     const OutboxSide::Stored stored = m_outbox.accept(std::move(payload), m_events);
     if (stored == OutboxSide::Stored::kFull) {
       if (!m_refusalLogged) {
-        logFailure("refusing events: " + std::to_string(m_outbox.capacity()) + " events are waiting for the broker");
+        logPublisherFailure("refusing events: " + std::to_string(m_outbox.capacity()) +
+                            " events are waiting for the broker");
       }
       m_refusalLogged = true;
       return kRefusedQueueFull;
@@ -172,12 +171,12 @@ void MqttPublisher::stopWithin(std::chrono::seconds grace) {
     const std::string broker = last.empty() ? "the broker" : "broker " + last;
     const std::string within = " within " + std::to_string(grace.count()) + " s of shutdown";
     if (undelivered.inOutbox > 0) {
-      logFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
-                 ": they wait in " + m_outbox.whereStoredEventsWait());
+      logPublisherFailure(std::to_string(undelivered.inOutbox) + " events were not acknowledged by " + broker + within +
+                          ": they wait in " + m_outbox.whereStoredEventsWait());
     }
     if (undelivered.inMemoryOnly > 0) {
-      logFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
-                 " did not acknowledge them" + within);
+      logPublisherFailure(std::to_string(undelivered.inMemoryOnly) + " events were not delivered: " + broker +
+                          " did not acknowledge them" + within);
     }
   } catch (const std::bad_alloc&) {
     // Short of memory, the lines are lost; the publisher stops all the same.
@@ -259,8 +258,7 @@ void MqttPublisher::connect(Clock::time_point now) {
   // Every move to another entry (with a list, every attempt), so that the
   // spread of a fleet's attempts over time shows in its logs; a single
   // broker tried again and again is said once.
-  if (m_attempt.broker != previous)
-    ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connecting to broker " + m_attempt.broker);
+  if (m_attempt.broker != previous) logPublisherProgress("connecting to broker " + m_attempt.broker);
   static const MqttCallbacks callbacks = {&MqttPublisher::onConnect, &MqttPublisher::onPublish, &MqttPublisher::onLog};
   MqttStartFailure failure;
   m_attempt.client = startMqttConnection(address, settings, nullptr, callbacks, this, kKeepAliveSeconds,
@@ -304,7 +302,7 @@ void MqttPublisher::serviceNetwork(int timeoutMs) {
   if (poll(fds, count, timeoutMs) < 0) {
     const int savedErrno = errno;
     if (savedErrno == EINTR) return;
-    if (!m_pollFailureLogged) logFailure(std::string("poll failed: ") + std::strerror(savedErrno));
+    if (!m_pollFailureLogged) logPublisherFailure(std::string("poll failed: ") + std::strerror(savedErrno));
     m_pollFailureLogged = true;
     return;
   }
@@ -347,7 +345,7 @@ void MqttPublisher::connectionFailed(const std::string& what) {
   const std::string certificate = tlsFailure.empty() ? "" : refusedBrokerCertificate();
   const std::string tls =
       tlsFailure.empty() ? "" : " (" + tlsFailure + (certificate.empty() ? "" : ": " + certificate) + ")";
-  if (!m_outageLogged) logFailure(what + tls + "; events wait until the broker can be reached");
+  if (!m_outageLogged) logPublisherFailure(what + tls + "; events wait until the broker can be reached");
   m_outageLogged = true;
   closeClient();
   m_nextAttempt = Clock::now() + m_rotation.attemptFailed();
@@ -403,10 +401,10 @@ void MqttPublisher::onConnect(struct mosquitto* /*client*/, void* self, int code
     publisher->m_rotation.connected();
     std::string& lastReached = publisher->m_lastReached;
     if (lastReached.empty() || lastReached == attempt.broker) {
-      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction, "connected to broker " + attempt.broker);
+      logPublisherProgress("connected to broker " + attempt.broker);
     } else {
       // A node of the cluster is gone or was passed over: the operator's business.
-      logFailure("switched from broker " + lastReached + " to broker " + attempt.broker);
+      logPublisherFailure("switched from broker " + lastReached + " to broker " + attempt.broker);
     }
     metrics::brokerConnected(attempt.broker, !lastReached.empty() && lastReached != attempt.broker);
     lastReached = attempt.broker;

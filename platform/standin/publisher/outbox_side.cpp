@@ -6,6 +6,7 @@
 
 #include "platform/ksu_log.h"
 #include "platform/standin/config/outbox_settings.h"
+#include "platform/standin/publisher/publisher_log.h"
 
 namespace standin {
 namespace {
@@ -32,10 +33,6 @@ const int kStoreAttemptsAtStop = 20;
 const std::chrono::milliseconds kStorePauseAtStop(25);
 const char kWaitForIt[] = "; alerts wait in memory and go into it once it can be used";
 
-const char kLogFunction[] = "NotificationSupplier";
-
-void logFailure(const std::string& message) { ksu_logmsg_str(FAILURE_LEVEL, kLogFunction, message); }
-
 }  // namespace
 
 OutboxSide::OutboxSide() : OutboxSide(openConfigured()) {}
@@ -53,7 +50,7 @@ OutboxSide::Stores OutboxSide::openConfigured() {
   std::string error;
   stores.retry = true;  // until the outbox or a guest file is open, or none is wanted
   if (!readOutboxPath(path, error)) {
-    logFailure("cannot tell where the outbox is: " + error + kWaitForIt);
+    logPublisherFailure("cannot tell where the outbox is: " + error + kWaitForIt);
     return stores;
   }
   if (path.empty()) {
@@ -61,11 +58,11 @@ OutboxSide::Stores OutboxSide::openConfigured() {
     return stores;
   }
   if (!locateOutbox(path, stores.location, error)) {
-    logFailure("cannot use the outbox " + path + ": " + error + kWaitForIt);
+    logPublisherFailure("cannot use the outbox " + path + ": " + error + kWaitForIt);
     return stores;
   }
   bool fullSync = true;
-  if (!readOutboxSync(fullSync, error)) logFailure(error + "; every alert is synced to the disk meanwhile");
+  if (!readOutboxSync(fullSync, error)) logPublisherFailure(error + "; every alert is synced to the disk meanwhile");
   bool ownedElsewhere = false;
   stores.outbox = Outbox::open(stores.location, fullSync, error, ownedElsewhere);
   stores.retry = !stores.outbox;
@@ -75,15 +72,14 @@ OutboxSide::Stores OutboxSide::openConfigured() {
     stores.guest = GuestOutbox::open(stores.location, fullSync, error);
     if (stores.guest) {
       stores.retry = false;  // the guest tries to take over all the same
-      ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                     "the outbox " + path + " is not this process's (" + why + "): alerts are kept in " +
-                         stores.guest->path() + " until the broker acknowledges them");
+      logPublisherProgress("the outbox " + path + " is not this process's (" + why + "): alerts are kept in " +
+                           stores.guest->path() + " until the broker acknowledges them");
       return stores;
     }
   }
   // Tried again all the same, without a line: a file that failed to open
   // (an I/O error, a lock or memory refused) most often opens next time.
-  logFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
+  logPublisherFailure("cannot use the outbox " + path + ": " + error + "; alerts wait in memory only");
   return stores;
 }
 
@@ -123,7 +119,7 @@ void OutboxSide::startAfresh(std::string found, PendingEvents& events) {
   const std::string path = m_outbox->path();
   if (!m_outbox->startAfreshAsDamaged(found)) {
     // Not tried again: the damaged file would open, and fail the same way.
-    logFailure("cannot use the outbox " + path + ": " + found + "; alerts wait in memory only");
+    logPublisherFailure("cannot use the outbox " + path + ": " + found + "; alerts wait in memory only");
     m_outbox.reset();
   }
   // What this publisher stored went with the damaged file: store it again.
@@ -154,8 +150,7 @@ void OutboxSide::loadBacklog(PendingEvents& events) {
   }
   events.releaseHeld();
   if (backlog > 0) {
-    ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                   std::to_string(backlog) + " events waiting in the outbox " + outbox->path() + " go out first");
+    logPublisherProgress(std::to_string(backlog) + " events waiting in the outbox " + outbox->path() + " go out first");
   }
 }
 
@@ -197,10 +192,9 @@ void OutboxSide::takeOverWhenFree(Clock::time_point now, bool stopping, PendingE
     events.holdForBacklog();
   }
   m_reopen = false;
-  ksu_logmsg_str(PROGRESS_LEVEL, kLogFunction,
-                 "the outbox " + m_location.path() +
-                     (wasGuest ? " is this process's now: its events go out from here"
-                               : " can be used now: alerts that waited in memory go into it"));
+  logPublisherProgress("the outbox " + m_location.path() +
+                       (wasGuest ? " is this process's now: its events go out from here"
+                                 : " can be used now: alerts that waited in memory go into it"));
   loadBacklog(events);
   port::MutexLock lock(m_mutex);
   storeMemoryOnly(events);
