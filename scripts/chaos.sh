@@ -40,12 +40,14 @@ bound=${CHAOS_SECONDS:-180}
 fault_count=${CHAOS_FAULTS:-12}
 vms=${CHAOS_VMS:-5}
 site_tls=${CHAOS_TLS:-on}
+# How much an engine's resident memory may grow over a run that ends well.
+memory_margin_kib=${CHAOS_MEMORY_MARGIN_KIB:-16384}
 http_timeout=10
 alerts_per_poll=2
 poll_interval=0.5
 topic=keepstone/notifications
 
-for value in "$seed" "$engines" "$bound" "$fault_count" "$vms"; do
+for value in "$seed" "$engines" "$bound" "$fault_count" "$vms" "$memory_margin_kib"; do
   [[ "$value" =~ ^[0-9]+$ ]] || { echo "chaos: seeds, counts and seconds must be whole numbers, not '$value'" >&2; exit 2; }
 done
 ((engines >= 2 && bound >= 40 && fault_count >= 8)) ||
@@ -252,7 +254,7 @@ master_request GET /sim/requests >"$work/master-requests.json"
 check() {
   /usr/bin/python3 "$(dirname "$0")/chaos_check.py" --work "$work" --seed "$seed" --engines "$engines" --vms "$vms" \
     --killed "$killed_engine" --statuses "${engine_status[*]}" --http-timeout "$http_timeout" --seconds "$seconds" \
-    --faults "$fault_count" "$@"
+    --faults "$fault_count" --memory-margin-kib "$memory_margin_kib" "$@"
 }
 # Alerts may still be on their way: wait for them within the bound.
 until check --quiet; do

@@ -85,6 +85,7 @@ def main():
     for name in ("seed", "engines", "vms", "killed", "http-timeout", "faults"):
         parser.add_argument("--" + name, type=int, required=True)
     parser.add_argument("--seconds", type=float, required=True)
+    parser.add_argument("--memory-margin-kib", type=int, default=RESOURCE_MARGIN_KIB)
     parser.add_argument("--quiet", action="store_true")
     args = parser.parse_args()
     work = args.work
@@ -159,7 +160,7 @@ def main():
                                                f"{args.http_timeout} s + {CALL_MARGIN_SECONDS} s"))
             if len(run.resources) == 2:
                 (rss0, fds0), (rss1, fds1) = run.resources
-                if rss1 - rss0 > RESOURCE_MARGIN_KIB or fds1 - fds0 > DESCRIPTOR_MARGIN:
+                if rss1 - rss0 > args.memory_margin_kib or fds1 - fds0 > DESCRIPTOR_MARGIN:
                     failures.append(before(engine, f"run {number} ended with {rss1 - rss0} KiB more memory and "
                                                    f"{fds1 - fds0} more descriptors than it began with"))
             elif run.done is not None:
