@@ -47,9 +47,9 @@ alerts_per_poll=2
 poll_interval=0.5
 topic=keepstone/notifications
 
-for value in "$seed" "$engines" "$bound" "$fault_count" "$vms" "$memory_margin_kib"; do
-  [[ "$value" =~ ^[0-9]+$ ]] || { echo "chaos: seeds, counts and seconds must be whole numbers, not '$value'" >&2; exit 2; }
-done
+# shellcheck source=scripts/seeded_draws.sh
+. "$(dirname "$0")/seeded_draws.sh"
+require_whole_numbers chaos "$seed" "$engines" "$bound" "$fault_count" "$vms" "$memory_margin_kib"
 ((engines >= 2 && bound >= 40 && fault_count >= 8)) ||
   { echo "chaos: at least 2 engines, 40 seconds and 8 faults (one of each kind)" >&2; exit 2; }
 echo "chaos: seed $seed"
@@ -65,8 +65,7 @@ done
 RANDOM=$seed
 job_seconds=$((bound * 45 / 100))
 window=$((job_seconds - 11))
-between() { echo $(($1 + RANDOM % ($2 - $1 + 1))); }
-killed_engine=$(between 1 "$engines")
+draw killed_engine 1 "$engines"
 events=()  # "MILLISECONDS ACTION ARGUMENTS...", sorted below
 schedule() { events+=("$(printf '%07d' "$1") ${*:2}"); }
 kinds=(broker partition latency reset master refuse idle)
@@ -74,25 +73,27 @@ declare -a poll_interval_of
 for ((f = 0; f < fault_count - 1; ++f)); do
   # Each kind once, then any; the engine killed mid-eviction is the last fault.
   if ((f < ${#kinds[@]})); then kind=${kinds[f]}; else kind=${kinds[RANDOM % ${#kinds[@]}]}; fi
-  at=$(between 3000 $((window * 1000)))
-  engine=$(between 1 "$engines")
+  draw at 3000 $((window * 1000))
+  draw engine 1 "$engines"
   case $kind in
     broker)
-      node=$(between 1 2)
+      draw node 1 2
+      draw down 3000 6000
       schedule "$at" kill-broker "$node"
-      schedule $((at + $(between 3000 6000))) restart-broker "$node" ;;
-    partition) schedule "$at" proxy "$engine" "b* freeze $(between 5000 10000)" ;;
-    latency) schedule "$at" proxy "$engine" "rest delay $(between 1000 3000) 10000" ;;
+      schedule $((at + down)) restart-broker "$node" ;;
+    partition) draw lasting 5000 10000 && schedule "$at" proxy "$engine" "b* freeze $lasting" ;;
+    latency) draw delay 1000 3000 && schedule "$at" proxy "$engine" "rest delay $delay 10000" ;;
     reset)
       # The daemon is called while engines evict, at the start; the jobs
       # interface all along.
       if ((RANDOM % 2)); then
         schedule 0 proxy "$engine" "ksqd reset 1"
       else
-        schedule "$at" proxy "$engine" "rest reset $(between 1 3)"
+        draw resets 1 3
+        schedule "$at" proxy "$engine" "rest reset $resets"
       fi ;;
     master) schedule "$at" master-503 3 ;;
-    refuse) schedule "$at" proxy "$engine" "b* refuse $(between 3000 8000)" ;;
+    refuse) draw lasting 3000 8000 && schedule "$at" proxy "$engine" "b* refuse $lasting" ;;
     idle) schedule 0 idle-polls "$engine" ;;
   esac
 done

@@ -38,9 +38,9 @@ alerts_per_poll=5
 job_seconds=$(awk "BEGIN { printf \"%d\", $polls * $poll_interval + 0.5 }")
 topic=keepstone/notifications
 
-for value in "$seed" "$bound" "$vms" "$polls" "$min_failed"; do
-  [[ "$value" =~ ^[0-9]+$ ]] || { echo "faults: seeds, counts and seconds must be whole numbers, not '$value'" >&2; exit 2; }
-done
+# shellcheck source=scripts/seeded_draws.sh
+. "$(dirname "$0")/seeded_draws.sh"
+require_whole_numbers faults "$seed" "$bound" "$vms" "$polls" "$min_failed"
 ((bound >= 30 && vms >= 1 && polls >= 5)) || { echo "faults: at least 30 seconds, 1 VM and 5 polls" >&2; exit 2; }
 echo "faults: seed $seed"
 bin="$build/bin"
@@ -59,13 +59,12 @@ done
 # range (per mille): syncs and locks fail more often than allocations, of
 # which a program makes thousands.
 RANDOM=$seed
-between() { echo $(($1 + RANDOM % ($2 - $1 + 1))); }
 points=()
 # Adds, with probability 2/3 (always when $1 is "always"), point $2 with a
 # chance between $3 and $4 per mille.
 maybe_fail() {
   local chance
-  chance=$(between "$3" "$4")
+  draw chance "$3" "$4"
   [[ $1 == always ]] || ((RANDOM % 3)) || return 0
   points+=("$2=$(awk "BEGIN { printf \"%.4f\", $chance / 1000 }")")
 }
@@ -96,7 +95,7 @@ outbox_sync=normal
 # engine has stopped: what it raised since waits at the stop, and must be in
 # the outbox.
 broker_away_after=0
-((RANDOM % 2)) && broker_away_after=$(between "$polls" $((polls * 4)))
+((RANDOM % 2)) && draw broker_away_after "$polls" $((polls * 4))
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kscdp-faults.XXXXXX")
 printf '%s\n' "${points[@]}" >"$work/points"
