@@ -17,7 +17,7 @@
 //
 // libfiu's POSIX wrappers have no failure point for fcntl(), through which
 // SQLite takes its locks; this file adds one, "posix/io/lock/fcntl", for the
-// lock commands, failing with ENOLCK.
+// commands that take a lock, failing with ENOLCK.
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
@@ -170,9 +170,12 @@ __attribute__((destructor)) void finish() {
   std::fclose(counts);
 }
 
-bool isLockCommand(int command) {
-  return command == F_SETLK || command == F_SETLKW || command == F_GETLK || command == F_OFD_SETLK ||
-         command == F_OFD_SETLKW || command == F_OFD_GETLK;
+// Only taking a lock may fail: the kernel releases a lock without needing
+// anything it could run out of, and SQLite, like most programs, takes a
+// failed unlock for a lock it still holds, which no host does.
+bool takesALock(int command, void* argument) {
+  const bool setsALock = command == F_SETLK || command == F_SETLKW || command == F_OFD_SETLK || command == F_OFD_SETLKW;
+  return setsALock && static_cast<const struct flock*>(argument)->l_type != F_UNLCK;
 }
 
 using Fcntl = int (*)(int, int, ...);
@@ -187,7 +190,7 @@ int failOrCall(const char* symbol, int fd, int command, void* argument) {
     real = reinterpret_cast<Fcntl>(dlsym(RTLD_NEXT, symbol));
     next[which].store(real);
   }
-  if (isLockCommand(command) && fiu_fail(kLockPoint) != 0) {
+  if (takesALock(command, argument) && fiu_fail(kLockPoint) != 0) {
     errno = ENOLCK;
     return -1;
   }
