@@ -110,9 +110,14 @@ int call_check_eviction_progress(int nodes, vm_node_list** requested) {
 
 int stop_alert_thread(void) {
   static const char function[] = "stop_alert_thread";
+  // Two steps, so that a progress line that could not be written (short of
+  // memory) still lets the publisher stop and store what waits.
   contained(function, [&] {
     ksu_logmsg_str(PROGRESS_LEVEL, function,
                    "Stopping Alert Service thread which publishes the events to master server's MQBroker");
+    return KSCDP_OK;
+  });
+  contained(function, [&] {
     NotificationInterface::destroyInstance();
     return KSCDP_OK;
   });

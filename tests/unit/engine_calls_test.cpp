@@ -255,6 +255,13 @@ TEST_F(EngineCallsTest, AlertFailuresNeverReachTheEngine) {
   fake::notifications.shutdownThrows = false;
   EXPECT_EQ(stop_alert_thread(), 0);
   EXPECT_EQ(std::make_pair(fake::notifications.shutDown, fake::notifications.destroyed), std::make_pair(1, 1));
+
+  // Short of memory for the progress line, the stop still stops.
+  EXPECT_EQ(raise_backup_alert("vm", 18, ""), 0);
+  fake::logFails = true;
+  EXPECT_EQ(stop_alert_thread(), 0);
+  fake::logFails = false;
+  EXPECT_EQ(std::make_pair(fake::notifications.shutDown, fake::notifications.destroyed), std::make_pair(2, 2));
 }
 
 // An alert that runs out of memory is raised again, three times in all; only
