@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <initializer_list>
 #include <new>
 #include <system_error>
 
@@ -47,8 +48,12 @@ const std::chrono::seconds kLongestPoll(1);              // the client's keep-al
 const std::chrono::milliseconds kMemoryRetryPause(100);  // after a turn that ran out of memory
 
 // For the network thread's last resort: short of memory, the line is lost.
-void logFailureNoThrow(const std::string& message) noexcept {
+// The line is joined from its parts here, so that an allocation that fails
+// while it is built is caught too.
+void logFailureNoThrow(std::initializer_list<const char*> parts) noexcept {
   try {
+    std::string message;
+    for (const char* part : parts) message += part;
     logPublisherFailure(message);
   } catch (...) {
   }
@@ -197,15 +202,15 @@ void MqttPublisher::run() {
       backlogLoaded = true;
       running = turn();
     } catch (const std::bad_alloc&) {
-      if (!m_memoryShortLogged) logFailureNoThrow("the notification publisher is short of memory; it tries again");
+      if (!m_memoryShortLogged) logFailureNoThrow({"the notification publisher is short of memory; it tries again"});
       m_memoryShortLogged = true;
       pause(static_cast<int>(kMemoryRetryPause.count()));
     } catch (const std::exception& e) {
       const bool inOutbox = m_outbox.ownsOutbox();
       port::MutexLock lock(m_controlMutex);
       m_threadEnded = true;
-      logFailureNoThrow(std::string("the notification publisher's thread failed: ") + e.what() +
-                        (inOutbox ? "; the events in the outbox wait for the next start" : ""));
+      logFailureNoThrow({"the notification publisher's thread failed: ", e.what(),
+                         inOutbox ? "; the events in the outbox wait for the next start" : ""});
       running = false;
     }
   }
