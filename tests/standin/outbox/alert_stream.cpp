@@ -33,7 +33,6 @@ int g_reportFd = -1;
 Clock::time_point g_start;
 std::atomic<int64_t> g_accepted{0};
 std::atomic<int64_t> g_durableThrough{0};
-std::atomic<int64_t> g_lastWalSyncMicros{-1};
 
 int64_t microsSinceStart() {
   return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - g_start).count();
@@ -56,11 +55,10 @@ bool isWal(const std::string& path) { return path.size() > 4 && path.compare(pat
 void afterSync(const char* path) {
   if (!isWal(path)) return;
   g_durableThrough = g_accepted.load();
-  g_lastWalSyncMicros = microsSinceStart();
 }
 
 void atCut(uint64_t operations) {
-  send(Message::kDurable, g_durableThrough, g_lastWalSyncMicros);
+  send(Message::kDurable, g_durableThrough, 0);
   send(Message::kCut, static_cast<int64_t>(operations), microsSinceStart());
 }
 
@@ -137,10 +135,7 @@ StreamReport readReport(int reportFd) {
     switch (message.kind) {
       case Message::kAccepted: report.accepted.push_back({message.first, message.second}); break;
       case Message::kRemoving: report.removed.insert(message.first); break;
-      case Message::kDurable:
-        report.durableThrough = message.first;
-        report.lastWalSyncMicros = message.second;
-        break;
+      case Message::kDurable: report.durableThrough = message.first; break;
       case Message::kCut:
         report.operations = static_cast<uint64_t>(message.first);
         report.cutMicros = message.second;

@@ -44,7 +44,6 @@ struct StreamReport {
   // Every alert up to this one had been accepted when a sync of the WAL
   // began; 0 when no sync did.
   int64_t durableThrough = 0;
-  int64_t lastWalSyncMicros = -1;
   int64_t cutMicros = -1;
   uint64_t operations = 0;  // writes, truncations and syncs before the cut
   std::string failure;      // why the stream ended before its cut, if it did

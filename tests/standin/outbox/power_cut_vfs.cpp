@@ -244,30 +244,6 @@ int deleteFile(sqlite3_vfs* /*vfs*/, const char* name, int syncDirectory) {
   return g_state->base->xDelete(g_state->base, name, syncDirectory);
 }
 
-int checkAccess(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
-  return g_state->base->xAccess(g_state->base, name, flags, result);
-}
-int fullPathname(sqlite3_vfs* /*vfs*/, const char* name, int bytes, char* out) {
-  return g_state->base->xFullPathname(g_state->base, name, bytes, out);
-}
-void* dlOpen(sqlite3_vfs* /*vfs*/, const char* name) { return g_state->base->xDlOpen(g_state->base, name); }
-void dlError(sqlite3_vfs* /*vfs*/, int bytes, char* message) { g_state->base->xDlError(g_state->base, bytes, message); }
-void (*dlSym(sqlite3_vfs* /*vfs*/, void* library, const char* symbol))(void) {
-  return g_state->base->xDlSym(g_state->base, library, symbol);
-}
-void dlClose(sqlite3_vfs* /*vfs*/, void* library) { g_state->base->xDlClose(g_state->base, library); }
-int randomness(sqlite3_vfs* /*vfs*/, int bytes, char* out) {
-  return g_state->base->xRandomness(g_state->base, bytes, out);
-}
-int sleepFor(sqlite3_vfs* /*vfs*/, int microseconds) { return g_state->base->xSleep(g_state->base, microseconds); }
-int currentTime(sqlite3_vfs* /*vfs*/, double* now) { return g_state->base->xCurrentTime(g_state->base, now); }
-int lastError(sqlite3_vfs* /*vfs*/, int bytes, char* message) {
-  return g_state->base->xGetLastError(g_state->base, bytes, message);
-}
-int currentTimeInt64(sqlite3_vfs* /*vfs*/, sqlite3_int64* now) {
-  return g_state->base->xCurrentTimeInt64(g_state->base, now);
-}
-
 }  // namespace
 
 bool install(const Plan& plan) {
@@ -279,24 +255,15 @@ bool install(const Plan& plan) {
     port::MutexLock lock(state.mutex);
     state.random.seed(plan.seed);
   }
+  // Every call but those on files goes to the default VFS as it is.
   sqlite3_vfs& vfs = state.vfs;
+  vfs = *state.base;
   vfs.iVersion = 2;
   vfs.szOsFile = static_cast<int>(sizeof(CutFile)) + state.base->szOsFile;
-  vfs.mxPathname = state.base->mxPathname;
+  vfs.pNext = nullptr;
   vfs.zName = "power-cut";
   vfs.xOpen = &openFile;
   vfs.xDelete = &deleteFile;
-  vfs.xAccess = &checkAccess;
-  vfs.xFullPathname = &fullPathname;
-  vfs.xDlOpen = &dlOpen;
-  vfs.xDlError = &dlError;
-  vfs.xDlSym = &dlSym;
-  vfs.xDlClose = &dlClose;
-  vfs.xRandomness = &randomness;
-  vfs.xSleep = &sleepFor;
-  vfs.xCurrentTime = &currentTime;
-  vfs.xGetLastError = &lastError;
-  vfs.xCurrentTimeInt64 = &currentTimeInt64;
   return sqlite3_vfs_register(&vfs, 1) == SQLITE_OK;
 }
 
