@@ -91,19 +91,6 @@ TEST(BrokerRotation, GoesRoundItsRouteAndDrawsEachPauseUpToItsBound) {
   }
 }
 
-// Two publishers started in the same instant draw different pauses.
-TEST(BrokerRotation, DrawsDifferentPausesForDifferentSeeds) {
-  standin::BrokerRotation first(milliseconds(100), milliseconds(1000), milliseconds(500), 1);
-  standin::BrokerRotation second(milliseconds(100), milliseconds(1000), milliseconds(500), 2);
-  int same = 0;
-  for (int round = 0; round < 20; ++round) {
-    first.entryToTry(standin::writtenRoute(), 1);
-    second.entryToTry(standin::writtenRoute(), 1);
-    same += first.attemptFailed() == second.attemptFailed() ? 1 : 0;
-  }
-  EXPECT_EQ(same, 0);
-}
-
 std::string named(const std::string& pattern, int i) { return cases::filled(pattern, {{"{i}", std::to_string(i)}}); }
 
 bool withinShare(size_t count, double share, double tolerance) {
