@@ -382,33 +382,6 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
-// Writes past 64 KiB fail, as on a full disk: the events the outbox cannot
-// take wait in memory, with one line for each run of failures. A removal
-// that fails says why, and what follows from it.
-TEST_F(NotificationSupplierTest, AFullDiskPutsEventsInMemoryAndNoneIsLost) {
-  BrokerWithSubscriber rig({});
-  const std::string log = integration::scratchPath("full-disk.log");
-  const Raiser raiser = startRaiser("1 300 65536", log);
-  EXPECT_EQ(pclose(raiser.output), 0);
-  EXPECT_EQ(raiser.accepted, 300);
-  Messages sent;
-  sendNumbered(nullptr, 1, 300, sent);
-  EXPECT_EQ(rig.receivedOnce(sent), sent);
-  const std::string logged = integration::fileText(log);
-  const auto count = [&](const std::string& text) {
-    size_t found = 0;
-    for (size_t at = logged.find(text); at != std::string::npos; at = logged.find(text, at + 1)) ++found;
-    return found;
-  };
-  const std::string failure = " 16 NotificationSupplier: cannot store events in the outbox " + testOutbox() + ": ";
-  EXPECT_GE(count(failure), 1u) << logged;
-  EXPECT_LE(count(failure), count(" stores events again\n") + 1) << logged;
-  EXPECT_EQ(count("cannot remove acknowledged events"),
-            count("; they are removed later, or sent again at the next start\n"))
-      << logged;
-  EXPECT_EQ(count("cannot rollback"), 0u) << "a removal's failure must keep its reason: " << logged;
-}
-
 // A burst the broker keeps up with still leaves free pages behind in the
 // outbox; past 4 MiB they go back to the file system once it is drained.
 TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack) {
