@@ -19,8 +19,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +32,7 @@
 #include "master_sim/MasterSimulator.h"
 #include "mosquitto_broker.h"
 #include "mqtt_subscriber.h"
+#include "program_run.h"
 #include "standin_environment.h"
 
 namespace {
@@ -38,6 +41,24 @@ using Clock = std::chrono::steady_clock;
 
 const char kTopic[] = "keepstone/notifications";
 const std::chrono::seconds kDeliveryTimeout(60);
+
+// The VM "0...0<suffix>" of three hex digits.
+std::string vmId(const std::string& suffix) { return std::string(29, '0') + suffix; }
+
+// Every sample of the metrics file at `path`, read with the Prometheus
+// client's own parser: `name{label="value",...}` (labels sorted) to its value.
+using Samples = std::map<std::string, double>;
+Samples readMetrics(const std::string& path) {
+  const integration::ProgramRun run =
+      integration::runProgram("/usr/bin/python3 " KSCDP_E2E_PROGRAMS_DIR "/read_metrics.py " + path);
+  EXPECT_EQ(run.exitStatus, 0) << "the Prometheus client cannot read " << path;
+  Samples samples;
+  std::istringstream lines(run.output);
+  std::string name;
+  double value = 0;
+  while (lines >> name >> value) samples[name] = value;
+  return samples;
+}
 
 // The wire form of an alert as a subscriber sees it; `attributes` is the
 // inside of the attributes object.
@@ -116,7 +137,7 @@ class EngineEndToEndTest : public ::testing::Test {
     integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + m_master.url() +
                              "\nksqd_url = " + m_master.url() + "\nbroker = " + m_broker.address() +
                              "\noutbox = " + integration::scratchPath("e2e-outbox.db") +
-                             "\nmetrics_file = " + integration::scratchPath("e2e.prom") + "\nmetrics_interval = 1\n");
+                             "\nmetrics_file = " + m_metrics + "\nmetrics_interval = 1\n");
   }
 
   void TearDown() override {
@@ -130,6 +151,7 @@ class EngineEndToEndTest : public ::testing::Test {
   testbed::MosquittoBroker m_broker;
   testbed::MqttSubscriber m_subscriber{m_broker.port(), kTopic};
   master_sim::MasterSimulator m_master;
+  const std::string m_metrics = integration::scratchPath("e2e.prom");
   evict_vm_info m_vms[3] = {};
   evict_vm_list* m_evictList = nullptr;
   vm_node_list* m_requested = nullptr;
@@ -201,6 +223,92 @@ TEST_F(EngineEndToEndTest, EvictsPollsUntilDoneAndPublishesEveryAlert) {
   EXPECT_EQ(m_library.raise_backup_alert(m_vms[1].vm_id, 45, ""), 0);
   EXPECT_EQ(m_library.stop_alert_thread(), 0);
   EXPECT_EQ(testbed::withoutRepeats(m_subscriber.waitForCount(expected[1].size(), kDeliveryTimeout)), expected[1]);
+
+  // The metrics file counts the same run: two daemon requests accepted, one
+  // refused (503), four polls, four alerts delivered and none waiting.
+  Samples metrics = readMetrics(m_metrics);
+  const Samples counted = {{"kscdp_alerts_raised_total{}", 4},
+                           {"kscdp_alerts_delivered_total{}", 4},
+                           {"kscdp_alert_delivery_seconds_count{}", 4},
+                           {"kscdp_alert_delivery_seconds_bucket{le=\"+Inf\"}", 4},
+                           {"kscdp_alerts_waiting{}", 0},
+                           {"kscdp_alert_oldest_waiting_seconds{}", 0},
+                           {"kscdp_broker_switches_total{}", 0},
+                           {"kscdp_http_requests_total{outcome=\"2xx\",service=\"daemon\"}", 2},
+                           {"kscdp_http_requests_total{outcome=\"5xx\",service=\"daemon\"}", 1},
+                           {"kscdp_http_requests_total{outcome=\"2xx\",service=\"jobs\"}", 4},
+                           {"kscdp_http_requests_total{outcome=\"error\",service=\"jobs\"}", 0},
+                           {"kscdp_http_request_duration_seconds_count{service=\"daemon\"}", 3},
+                           {"kscdp_http_request_duration_seconds_count{service=\"jobs\"}", 4},
+                           {"kscdp_evictions_requested_total{}", 2},
+                           {"kscdp_eviction_passes_failed_total{}", 1},
+                           {"kscdp_build_info{version=\"" KSCDP_VERSION "\"}", 1}};
+  for (const auto& [sample, value] : counted) EXPECT_EQ(metrics[sample], value) << sample;
+  EXPECT_EQ(metrics.count("kscdp_broker_connected{broker=\"" + m_broker.address() + "\"}"), 1u);
+  EXPECT_GT(metrics["kscdp_outbox_bytes{}"], 0);
+}
+
+// With the broker away, the alerts wait, and the metrics file says how many
+// and since when: while the publisher runs, and after its stop, in the outbox.
+TEST_F(EngineEndToEndTest, MetricsOfAlertsWaitingWithTheBrokerAway) {
+  m_broker.stop();
+  for (int i = 0; i < 40; ++i)
+    ASSERT_EQ(m_library.raise_backup_alert(vmId(std::to_string(200 + i)).c_str(), 501, ""), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two rewrites at least
+  Samples running = readMetrics(m_metrics);
+  EXPECT_EQ(running["kscdp_alerts_raised_total{}"], 40);
+  EXPECT_EQ(running["kscdp_alerts_delivered_total{}"], 0);
+  EXPECT_EQ(running["kscdp_alerts_waiting{}"], 40);
+  EXPECT_GE(running["kscdp_alert_oldest_waiting_seconds{}"], 1.0);
+  EXPECT_LT(running["kscdp_alert_oldest_waiting_seconds{}"], 30.0);
+  EXPECT_EQ(running["kscdp_broker_connected{broker=\"" + m_broker.address() + "\"}"], 0);
+  EXPECT_EQ(running["kscdp_metrics_rewrite_seconds{}"], 1);
+
+  ASSERT_EQ(m_library.stop_alert_thread(), 0);
+  Samples stopped = readMetrics(m_metrics);
+  EXPECT_EQ(stopped["kscdp_metrics_rewrite_seconds{}"], 0);  // no publisher: the file stays as it is
+  EXPECT_EQ(stopped["kscdp_alerts_waiting{}"], 40);
+  EXPECT_GE(stopped["kscdp_alert_oldest_waiting_seconds{}"], running["kscdp_alert_oldest_waiting_seconds{}"]);
+  EXPECT_GT(stopped["kscdp_outbox_bytes{}"], 0);
+}
+
+// A publisher that loses its broker and reaches the next of the list counts
+// one switch, and names the broker it is connected to.
+TEST_F(EngineEndToEndTest, MetricsCountASwitchToTheNextBroker) {
+  testbed::MosquittoBroker second;
+  testbed::MqttSubscriber secondSubscriber{second.port(), kTopic};
+  integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + m_broker.address() + ", " +
+                           second.address() + "\noutbox = none\nmetrics_file = " + m_metrics +
+                           "\nmetrics_interval = 1\n");
+  ASSERT_EQ(m_library.raise_backup_alert(vmId("400").c_str(), 501, ""), 0);
+  ASSERT_EQ(m_subscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  m_broker.stop();
+  ASSERT_EQ(m_library.raise_backup_alert(vmId("401").c_str(), 501, ""), 0);
+  ASSERT_EQ(secondSubscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  ASSERT_EQ(m_library.stop_alert_thread(), 0);
+  Samples metrics = readMetrics(m_metrics);
+  EXPECT_EQ(metrics["kscdp_broker_switches_total{}"], 1);
+  EXPECT_EQ(metrics.count("kscdp_broker_connected{broker=\"" + second.address() + "\"}"), 1u);
+}
+
+// A metrics file that cannot be written is said once in the log, with what
+// to do, however many rewrites fail; alerts flow as ever.
+TEST_F(EngineEndToEndTest, AMetricsFileThatCannotBeWrittenIsLoggedOnce) {
+  const std::string unwritable = integration::scratchPath("no-such-directory/kscdp.prom");
+  integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + m_broker.address() +
+                           "\noutbox = none\nmetrics_file = " + unwritable + "\nmetrics_interval = 1\n");
+  const size_t logStart = integration::logText().size();
+  ASSERT_EQ(m_library.raise_backup_alert(vmId("300").c_str(), 501, ""), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // three rewrites at least
+  ASSERT_EQ(m_library.stop_alert_thread(), 0);
+  EXPECT_EQ(m_subscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
+  const std::string log = integration::logText().substr(logStart);
+  const std::string line = " 16 metrics_file: cannot write " + unwritable +
+                           ": No such file or directory; make its directory writable by the engine's user, or "
+                           "change metrics_file\n";
+  const size_t first = log.find(line);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find(line, first + 1), std::string::npos) << log;
 }
 
 // Every alert arrives, and every VM ends done with a job of its own.
@@ -273,9 +381,8 @@ struct Poll {
   }
 };
 
-// The VM "0...0<suffix>" of three hex digits, and whether an alert about it
-// reached `subscriber` within the delivery timeout.
-std::string vmId(const std::string& suffix) { return std::string(29, '0') + suffix; }
+// Whether an alert about the VM vmId(suffix) reached `subscriber` within the
+// delivery timeout.
 bool alertArrives(testbed::MqttSubscriber& subscriber, const std::string& suffix) {
   const std::string uuid = "00000000-0000-0000-0000-000000000" + suffix;
   const auto names = [&uuid](const testbed::MqttSubscriber::Messages& received) {
