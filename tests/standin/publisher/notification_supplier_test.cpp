@@ -382,20 +382,6 @@ TEST_F(NotificationSupplierTest, RefusesEventsOnceItsNetworkThreadHasEnded) {
   EXPECT_EQ(log.find("refusing events"), log.rfind("refusing events")) << "one line per run of refusals";
 }
 
-// A burst the broker keeps up with still leaves free pages behind in the
-// outbox; past 4 MiB they go back to the file system once it is drained.
-TEST_F(NotificationSupplierTest, AnOutboxFilledWithTheBrokerUpGivesItsSpaceBack) {
-  BrokerWithSubscriber rig(kKeepSessions);
-  Messages sent;
-  {
-    NotificationSupplier supplier;
-    sendNumbered(&supplier, 1, 20000, sent, 1000);
-    ASSERT_EQ(rig.receivedOnce(sent), sent);
-    supplier.shutdown();
-  }
-  EXPECT_LE(outboxBytes(testOutbox()), 5 << 20);
-}
-
 TEST_F(NotificationSupplierTest, AnOutboxThatCannotBeUsedLeavesAlertsFlowingThroughMemory) {
   const std::string dir = integration::scratchPath("");
   const auto fill = [&dir](const std::string& text, const std::string& path) {
