@@ -251,25 +251,6 @@ TEST_F(EngineEndToEndTest, MetricsOfAlertsWaitingWithTheBrokerAway) {
   EXPECT_GT(stopped["kscdp_outbox_bytes{}"], 0);
 }
 
-// A publisher that loses its broker and reaches the next of the list counts
-// one switch, and names the broker it is connected to.
-TEST_F(EngineEndToEndTest, MetricsCountASwitchToTheNextBroker) {
-  testbed::MosquittoBroker second;
-  testbed::MqttSubscriber secondSubscriber{second.port(), kTopic};
-  integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nbroker = " + m_broker.address() + ", " +
-                           second.address() + "\noutbox = none\nmetrics_file = " + m_metrics +
-                           "\nmetrics_interval = 1\n");
-  ASSERT_EQ(m_library.raise_backup_alert(vmId("400").c_str(), 501, ""), 0);
-  ASSERT_EQ(m_subscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
-  m_broker.stop();
-  ASSERT_EQ(m_library.raise_backup_alert(vmId("401").c_str(), 501, ""), 0);
-  ASSERT_EQ(secondSubscriber.waitForCount(1, kDeliveryTimeout).size(), 1u);
-  ASSERT_EQ(m_library.stop_alert_thread(), 0);
-  Samples metrics = readMetrics(m_metrics);
-  EXPECT_EQ(metrics["kscdp_broker_switches_total{}"], 1);
-  EXPECT_EQ(metrics.count("kscdp_broker_connected{broker=\"" + second.address() + "\"}"), 1u);
-}
-
 // A metrics file that cannot be written is said once in the log, with what
 // to do, however many rewrites fail; alerts flow as ever.
 TEST_F(EngineEndToEndTest, AMetricsFileThatCannotBeWrittenIsLoggedOnce) {

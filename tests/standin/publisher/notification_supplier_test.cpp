@@ -90,7 +90,8 @@ struct TwoBrokers {
         firstSubscriber(first.port(), BrokerWithSubscriber::kTopic),
         secondSubscriber(second.port(), BrokerWithSubscriber::kTopic) {
     integration::writeConfig("server = master.invalid\nbroker = " + first.address() + ", " + second.address() +
-                             "\noutbox = " + testOutbox() + "\n");
+                             "\noutbox = " + testOutbox() + "\nmetrics_file = " + kMetrics +
+                             "\nmetrics_interval = 1\n");
   }
 
   // Waits until each payload of `sent` reached one subscriber or the other;
@@ -110,6 +111,7 @@ struct TwoBrokers {
     }
   }
 
+  const std::string kMetrics = integration::scratchPath("two-brokers.prom");
   MosquittoBroker first;
   MosquittoBroker second;
   MqttSubscriber firstSubscriber;
@@ -184,6 +186,7 @@ TEST_F(NotificationSupplierTest, WhenTheFirstBrokerOfTheListStopsAlertsGoToTheNe
   EXPECT_THAT(newLog(), HasSubstr(" 16 NotificationSupplier: switched from broker " + rig.first.address() +
                                   " to broker " + rig.second.address() + "\n"));
   supplier.shutdown();
+  EXPECT_THAT(integration::fileText(rig.kMetrics), HasSubstr("\nkscdp_broker_switches_total 1\n"));
 }
 
 // The first entry of the list is a link that falls silent (no reset, no
