@@ -1,14 +1,7 @@
-// An engine that starts programs while the library works: one thread raises
-// alerts, another evicts VMs and polls them, and meanwhile the main thread
-// starts this program again, in turn with fork and exec and with
-// posix_spawn. Each child lists its descriptors and fails when it holds any
-// but the standard three: whatever the library or its libraries opened must
-// not reach it.
-//
-// Usage: kscdp_spawning_engine LIBRARY CHILDREN (the engine; exit status 0
-// when every child held only its standard descriptors, the evictions ran and
-// the alerts were accepted), or kscdp_spawning_engine --list-descriptors (a
-// child; each extra descriptor named on standard error).
+// kscdp_spawning_engine LIBRARY CHILDREN: while one thread raises alerts and
+// another evicts and polls, starts itself CHILDREN times, by fork and exec and
+// by posix_spawn, as "--list-descriptors"; each child fails, naming them, when
+// it holds more than the standard three. Exit status 0 when none did.
 #include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>

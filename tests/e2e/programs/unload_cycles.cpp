@@ -1,12 +1,8 @@
-// An engine that loads libkscdp.so, raises one alert and unloads it without
-// stop_alert_thread, CYCLES times, as an engine that reloads its plug-ins
-// does. It links neither library, so that each dlclose really unmaps them;
-// after each it checks /proc/self/maps for that. With "exit", the last cycle
-// returns from main with the library still loaded instead.
-//
-// Usage: kscdp_unload_cycles LIBRARY CYCLES dlclose|exit FIRST. Cycle i
-// raises alert 501 for the VM "0...0<FIRST + i>" (32 digits). Exit status 0
-// when every cycle unmapped both libraries (and the process exited by itself).
+// kscdp_unload_cycles LIBRARY CYCLES dlclose|exit FIRST: CYCLES times, loads
+// libkscdp.so, raises alert 501 for the VM "0...0<FIRST + i>" and unloads it
+// without stop_alert_thread; exit status 0 when each dlclose unmapped both
+// libraries (it links neither). With "exit", the last cycle returns from main
+// with the library loaded instead.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
