@@ -115,8 +115,7 @@ class EngineEndToEndTest : public ::testing::Test {
     ASSERT_TRUE(m_master.start());
     integration::writeConfig("server = 127.0.0.1\nhost_name = cdp-e2e\nrest_url = " + m_master.url() +
                              "\nksqd_url = " + m_master.url() + "\nbroker = " + m_broker.address() +
-                             "\noutbox = " + integration::scratchPath("e2e-outbox.db") +
-                             "\nmetrics_file = " + m_metrics + "\nmetrics_interval = 1\n");
+                             "\noutbox = " + m_outbox + "\nmetrics_file = " + m_metrics + "\nmetrics_interval = 1\n");
   }
 
   void TearDown() override {
@@ -130,7 +129,11 @@ class EngineEndToEndTest : public ::testing::Test {
   testbed::MosquittoBroker m_broker;
   testbed::MqttSubscriber m_subscriber{m_broker.port(), kTopic};
   master_sim::MasterSimulator m_master;
-  const std::string m_metrics = integration::scratchPath("e2e.prom");
+  // Files of this test alone: the tests may run in one process (valgrind),
+  // where alerts one test left waiting would arrive in the next.
+  const std::string m_testName = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+  const std::string m_outbox = integration::scratchPath(m_testName + "-outbox.db");
+  const std::string m_metrics = integration::scratchPath(m_testName + ".prom");
   evict_vm_info m_vms[3] = {};
   evict_vm_list* m_evictList = nullptr;
   vm_node_list* m_requested = nullptr;
@@ -375,8 +378,7 @@ long residentMegabytes() {
 TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
   const std::string config =
       "server = 127.0.0.1\nhost_name = cdp-e2e\nhttp_timeout = 2\nbroker = " + m_broker.address() +
-      "\noutbox = " + integration::scratchPath("e2e-outbox.db") +
-      "\nmetrics_file = " + integration::scratchPath("e2e.prom") + "\nmetrics_interval = 1\n";
+      "\noutbox = " + m_outbox + "\nmetrics_file = " + m_metrics + "\nmetrics_interval = 1\n";
   const std::string log = integration::logText();
   const struct {
     const char* name;
@@ -428,8 +430,7 @@ TEST_F(EngineEndToEndTest, AGuestInTheEnginesProcess) {
          // No publisher is left to send anything that waits, and the child
          // kept nothing: its alert was acknowledged.
          for (const char* vm : {"f06", "f07", "f08"}) EXPECT_TRUE(alertArrives(m_subscriber, vm)) << vm;
-         EXPECT_FALSE(
-             std::filesystem::exists(integration::scratchPath("e2e-outbox.db.guest-") + std::to_string(child)));
+         EXPECT_FALSE(std::filesystem::exists(m_outbox + ".guest-" + std::to_string(child)));
        }},
       {"a poller cancelled inside a call", false,
        [&] {
