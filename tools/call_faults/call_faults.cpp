@@ -173,9 +173,10 @@ __attribute__((destructor)) void finish() {
   std::fclose(counts);
 }
 
-// Only taking a lock may fail: the kernel releases a lock without needing
-// anything it could run out of, and SQLite, like most programs, takes a
-// failed unlock for a lock it still holds, which no host does.
+// Only taking a lock may fail: the kernel releases one without needing
+// anything it could run out of. A failed release would leave SQLite holding
+// a lock it has given up, and its readers retrying against it, which no
+// host does.
 bool takesALock(int command, void* argument) {
   const bool setsALock = command == F_SETLK || command == F_SETLKW || command == F_OFD_SETLK || command == F_OFD_SETLKW;
   return setsALock && static_cast<const struct flock*>(argument)->l_type != F_UNLCK;
